@@ -1,0 +1,122 @@
+/// Runs shell commands: called by the upgrade tool, the log and the hot-plug monitor, from any number of
+/// threads. The order of the steps is what keeps a command's result from being reaped by somebody else:
+/// change it with care.
+#include "BSW/BasicFun/ShellRunner.h"
+
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <mutex>
+
+#include "BSW/BasicFun/UniqueFd.h"
+
+namespace {
+
+constexpr int kCannotExec = 127;
+
+/// SIGCHLD has its default disposition while any runner holds this: the first in saves what it finds, the
+/// last out restores it.
+class ChildSignalHold {
+ public:
+  ChildSignalHold() {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    if (s_holders == 0) {
+      struct sigaction standard {};
+      standard.sa_handler = SIG_DFL;
+      sigemptyset(&standard.sa_mask);
+      if (sigaction(SIGCHLD, &standard, &s_found) != 0) {
+        m_error = errno;
+        return;
+      }
+    }
+    ++s_holders;
+  }
+  ~ChildSignalHold() {
+    if (m_error != 0) return;
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    if (--s_holders == 0) sigaction(SIGCHLD, &s_found, nullptr);
+  }
+  ChildSignalHold(const ChildSignalHold&) = delete;
+  ChildSignalHold& operator=(const ChildSignalHold&) = delete;
+
+  /// errno of the failed installation, 0 when SIGCHLD is held.
+  int Error() const { return m_error; }
+
+ private:
+  inline static std::mutex s_mutex;  ///< guards the two below
+  inline static int s_holders = 0;
+  inline static struct sigaction s_found {};
+  int m_error = 0;
+};
+
+ShellResult Failure(ShellResult::Outcome outcome, int error) {
+  ShellResult result;
+  result.outcome = outcome;
+  result.error = error;
+  return result;
+}
+
+/// Lets exec close everything above standard error. Older kernels cannot do it in one call.
+void CloseOnExecFrom(unsigned first, unsigned limit) {
+  if (close_range(first, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
+  for (unsigned fd = first; fd < limit; ++fd) {
+    fcntl(static_cast<int>(fd), F_SETFD, FD_CLOEXEC);
+  }
+}
+
+/// The child, from fork to exec: async-signal-safe calls only.
+[[noreturn]] void ExecShell(const char* command, const sigset_t& mask, unsigned descriptorLimit) {
+  signal(SIGPIPE, SIG_DFL);  // the daemon ignores it, and exec would hand that on
+  CloseOnExecFrom(STDERR_FILENO + 1, descriptorLimit);
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  execl("/bin/sh", "sh", "-c", command, nullptr);
+  execl("/bin/bash", "bash", "-c", command, nullptr);
+  _exit(kCannotExec);
+}
+
+ShellResult WaitForChild(pid_t child) {
+  int status = 0;
+  if (RetryInterrupted([&] { return waitpid(child, &status, 0); }) < 0) {
+    return Failure(errno == ECHILD ? ShellResult::Outcome::ChildVanished : ShellResult::Outcome::WaitFailed,
+                   errno);
+  }
+  ShellResult result;
+  result.rawStatus = status;
+  result.outcome = ShellResult::Outcome::Killed;
+  if (WIFEXITED(status)) {
+    result.outcome = ShellResult::Outcome::Exited;
+    result.exitCode = WEXITSTATUS(status);
+  }
+  return result;
+}
+
+}  // namespace
+
+ShellResult RunShell(const char* command) {
+  sigset_t childSignal;
+  sigset_t oldMask;
+  sigemptyset(&childSignal);
+  sigaddset(&childSignal, SIGCHLD);
+  const int maskError = pthread_sigmask(SIG_BLOCK, &childSignal, &oldMask);
+  if (maskError != 0) return Failure(ShellResult::Outcome::SigmaskFailed, maskError);
+
+  const ChildSignalHold hold;
+  if (hold.Error() != 0) {
+    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
+    return Failure(ShellResult::Outcome::SigactionFailed, hold.Error());
+  }
+
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const pid_t child = fork();
+  if (child == 0) ExecShell(command, oldMask, static_cast<unsigned>(descriptors.rlim_cur));
+  const int forkError = errno;
+  pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
+  if (child < 0) return Failure(ShellResult::Outcome::ForkFailed, forkError);
+  return WaitForChild(child);
+}

@@ -1,0 +1,453 @@
+/// The daemon's connection to the system bus. Main opens it, the IPC parts register their services and send.
+///
+/// Whatever libdbus dispatches, a filter takes it: method calls and signals go into a queue of our own, from
+/// which the receive thread alone serves one per pass of its loop; replies go to the calls that wait for
+/// them. So none is lost whichever thread reads it in, the order is kept, and libdbus never answers in our
+/// place. Its own pending calls are not used for waiting: with several threads they crash when the bus goes
+/// away.
+#include "BSW/Dbus/CDbusHandler.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include "BSW/BasicFun/StringUtils.h"
+#include "BSW/BasicFun/TimeUtils.h"
+#include "BSW/Log/CLog.h"
+
+namespace {
+
+constexpr int kQueryMs = 20;
+constexpr uint32_t kClosedPauseMs = 10;
+/// How long a message may take to reach a bus that does not read; later it is written by the receive thread.
+constexpr uint32_t kFlushMs = 1000;
+constexpr size_t kMatchRuleBytes = 256;
+
+/// libdbus's error record.
+class BusError {
+ public:
+  BusError() { dbus_error_init(&m_error); }
+  ~BusError() { dbus_error_free(&m_error); }
+  BusError(const BusError&) = delete;
+  BusError& operator=(const BusError&) = delete;
+
+  DBusError* Get() { return &m_error; }
+  bool IsSet() const { return dbus_error_is_set(&m_error) != 0; }
+  const char* Name() const { return m_error.name; }
+  const char* Text() const { return m_error.message; }
+
+ private:
+  DBusError m_error{};
+};
+
+/// dbus_connection_flush with an end: a bus that hangs must not hang us.
+void Flush(DBusConnection* connection) {
+  constexpr uint32_t kMask31Bits = 0x7FFFFFFFU;
+  const uint32_t start = GetCurTimeMilliSec();
+  while (dbus_connection_has_messages_to_send(connection) != 0 &&
+         ((GetCurTimeMilliSec() - start) & kMask31Bits) < kFlushMs) {
+    if (dbus_connection_read_write(connection, kQueryMs) == 0) return;
+  }
+}
+
+bool AppendText(DBusMessage* message, const char* text) {
+  return dbus_message_append_args(message, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) != 0;
+}
+
+bool SameText(const char* a, const char* b) {
+  return std::strcmp(a, b) == 0;
+}
+
+const void* Address(const char* text) {
+  return text;
+}
+
+/// What every send checks first; `operation` is named in the log lines.
+bool CanSend(const char* operation, DBusConnection* connection, std::string_view value) {
+  if (!IsValidUtf8(value)) {
+    LOGE("%s: Invalid utf-8 string!", operation);
+    return false;
+  }
+  if (connection == nullptr) {
+    LOGE("m_dbusConn not vaild!");
+    return false;
+  }
+  return true;
+}
+
+bool HasMethodNames(const char* operation, const char* destination, const char* path, const char* interface,
+                    const char* member, const std::string& value) {
+  if (destination != nullptr && path != nullptr && interface != nullptr && member != nullptr) return true;
+  LOGE("%s param wrong pstrObjectName:%p pstrInterface:%p pstrSignal:%p strValue:%p", operation,
+       Address(path), Address(interface), Address(member), Address(value.c_str()));
+  return false;
+}
+
+}  // namespace
+
+CDbusHandler::CDbusHandler() : CThread("CDbusHandler") {}
+
+CDbusHandler::~CDbusHandler() {
+  CleanUp();
+}
+
+bool CDbusHandler::Init(const char* busName) {
+  if (IsRunning()) return false;
+  ConnectionPtr connection = _Connect();
+  if (connection) _RequestName(connection.get(), busName);
+  {
+    const std::lock_guard<CMutex> lock(m_Mutex);
+    m_dbusConn = std::move(connection);
+  }
+  return CreateThread(0);
+}
+
+bool CDbusHandler::CleanUp() {
+  if (!DestroyThread(true, true) || HasCrashed()) return false;
+  const std::lock_guard<CMutex> lock(m_Mutex);
+  if (m_dbusConn) dbus_connection_remove_filter(m_dbusConn.get(), &CDbusHandler::_Receive, this);
+  m_dbusConn.reset();
+  const std::lock_guard<std::mutex> receiveLock(m_receiveMutex);
+  m_queReceived.clear();
+  return true;
+}
+
+CDbusHandler::ConnectionPtr CDbusHandler::_Connect() {
+  dbus_threads_init_default();
+  BusError error;
+  ConnectionPtr connection(dbus_bus_get(DBUS_BUS_SYSTEM, error.Get()));
+  if (error.IsSet()) LOGE("dbus_bus_get: %s\n", error.Text());
+  if (!connection) return nullptr;
+  dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
+  dbus_connection_set_route_peer_messages(connection.get(), TRUE);
+  if (dbus_connection_add_filter(connection.get(), &CDbusHandler::_Receive, this, nullptr) == 0) {
+    LOGE("dbus_connection_add_filter: Out of Memory!");
+    return nullptr;
+  }
+  return connection;
+}
+
+void CDbusHandler::_RequestName(DBusConnection* connection, const char* busName) {
+  BusError error;
+  const int reply = dbus_bus_request_name(connection, busName, DBUS_NAME_FLAG_REPLACE_EXISTING, error.Get());
+  if (error.IsSet()) LOGE("dbus_bus_request_name: %s\n", error.Text());
+  if (reply != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) LOGE("Err: DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER\n");
+}
+
+bool CDbusHandler::RegisteredServices(const char* path, const char* interface, const char* member,
+                                      DBUS_CALLBACK callback, bool listenSignals) {
+  if (path == nullptr || interface == nullptr || member == nullptr || callback == nullptr) {
+    LOGE("%s param wrong pstrObjectName:%p pstrtInterface:%p pstrMethod:%p pfnRegistrationCallback:%p",
+         __func__, Address(path), Address(interface), Address(member),
+         reinterpret_cast<const void*>(callback));
+    return false;
+  }
+  const std::lock_guard<CMutex> lock(m_Mutex);
+  if (listenSignals) _AddMatch(interface, member);
+  m_VcDbusServices.push_back({path, interface, member, callback});
+  return true;
+}
+
+bool CDbusHandler::UnRegisteredServices(const char* path, const char* interface, const char* member) {
+  if (path == nullptr || interface == nullptr || member == nullptr) {
+    LOGE("%s param wrong pstrObjectName:%p pstrtInterface:%p pstrMethod:%p ", __func__, Address(path),
+         Address(interface), Address(member));
+    return false;
+  }
+  const std::lock_guard<CMutex> lock(m_Mutex);
+  const auto end =
+      std::remove_if(m_VcDbusServices.begin(), m_VcDbusServices.end(), [&](const DBUS_SERVICES& service) {
+        return SameText(service.pstrObjectName, path) && SameText(service.pstrInterface, interface) &&
+               SameText(service.pstrMethod, member);
+      });
+  const bool found = end != m_VcDbusServices.end();
+  m_VcDbusServices.erase(end, m_VcDbusServices.end());
+  return found;
+}
+
+void CDbusHandler::SignalListen(const char* interface, const char* member) {
+  const std::lock_guard<CMutex> lock(m_Mutex);
+  _AddMatch(interface, member);
+}
+
+void CDbusHandler::_AddMatch(const char* interface, const char* member) {
+  if (!m_dbusConn) {
+    LOGE("m_dbusConn not vaild!");
+    return;
+  }
+  std::array<char, kMatchRuleBytes> rule{};
+  std::snprintf(rule.data(), rule.size(), "type='signal',interface='%s',member='%s'", interface, member);
+  BusError error;
+  dbus_bus_add_match(m_dbusConn.get(), rule.data(), error.Get());
+  if (error.IsSet()) LOGE("dbus_bus_add_math Error: %s", error.Text());
+}
+
+bool CDbusHandler::SignalSend(const char* path, const char* interface, const char* member,
+                              const char* value) {
+  if (value == nullptr) {
+    LOGE("%s: Null pstrValue", __func__);
+    return false;
+  }
+  const ConnectionPtr connection = _Connection();
+  if (!CanSend(__func__, connection.get(), value)) return false;
+  if (path == nullptr || interface == nullptr || member == nullptr) {
+    LOGE("%s param wrong pstrObjectName:%p pstrInterface:%p pstrMethod:%p pstrValue:%p", __func__,
+         Address(path), Address(interface), Address(member), Address(value));
+    return false;
+  }
+  {
+    const std::lock_guard<CMutex> lock(m_Mutex);
+    const MessagePtr message(dbus_message_new_signal(path, interface, member));
+    if (!message) {
+      LOGE("dbus_message_new_signal Error!");
+      return false;
+    }
+    if (!AppendText(message.get(), value)) {
+      LOGE("dbus_message_append_args Error: Out Of Memory!");
+      return false;
+    }
+    if (dbus_connection_send(connection.get(), message.get(), nullptr) == 0) {
+      LOGE("dbus_connection_send Error!");
+      return false;
+    }
+  }
+  Flush(connection.get());
+  return true;
+}
+
+bool CDbusHandler::MethodSend(const char* destination, const char* path, const char* interface,
+                              const char* member, const std::string& value) {
+  const ConnectionPtr connection = _Connection();
+  if (!CanSend(__func__, connection.get(), value)) return false;
+  if (!HasMethodNames(__func__, destination, path, interface, member, value)) return false;
+  const std::lock_guard<CMutex> lock(m_Mutex);
+  const MessagePtr message = _NewMethodCall(destination, path, interface, member, value);
+  if (!message) return false;
+  dbus_message_set_no_reply(message.get(), TRUE);
+  if (dbus_connection_send(connection.get(), message.get(), nullptr) != 0) return true;
+  LOGE("dbus_connection_send: Out of Memory!");
+  return false;
+}
+
+bool CDbusHandler::MethodSendGetReply(const char* destination, const char* path, const char* interface,
+                                      const char* member, const std::string& value, std::string& reply,
+                                      int timeoutMs) {
+  const ConnectionPtr connection = _Connection();
+  if (!CanSend(__func__, connection.get(), value)) return false;
+  if (!HasMethodNames(__func__, destination, path, interface, member, value)) return false;
+  dbus_uint32_t serial = 0;
+  {
+    const std::lock_guard<CMutex> lock(m_Mutex);
+    const MessagePtr message = _NewMethodCall(destination, path, interface, member, value);
+    if (!message) return false;
+    // Held over the send: the answer may come in before anybody looks for it.
+    const std::lock_guard<std::mutex> receiveLock(m_receiveMutex);
+    if (dbus_connection_send(connection.get(), message.get(), &serial) == 0) {
+      LOGE("dbus_connection_send: Out of Memory!");
+      return false;
+    }
+    m_mapAnswer.emplace(serial, Answer());
+  }
+  Answer answer = _AwaitAnswer(connection.get(), serial, timeoutMs);
+  if (!answer.errorName.empty()) {
+    LOGE("Error %s: %s! SendMsg: %s ", answer.errorName.c_str(), answer.errorText.c_str(), value.c_str());
+    return false;
+  }
+  if (answer.argument == FirstArgument::None) LOGE("Message has no arguments!");
+  if (answer.argument == FirstArgument::OtherType) LOGE("Argument is not string!");
+  if (answer.argument == FirstArgument::Text) reply = std::move(answer.text);
+  return true;
+}
+
+CDbusHandler::Answer CDbusHandler::_AwaitAnswer(DBusConnection* connection, dbus_uint32_t serial,
+                                                int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  std::unique_lock<std::mutex> lock(m_receiveMutex);
+  Answer& answer = m_mapAnswer.at(serial);
+  const auto giveUp = [&answer](const char* errorName, const char* errorText) {
+    answer.complete = true;
+    answer.errorName = errorName;
+    answer.errorText = errorText;
+  };
+  while (!answer.complete) {
+    if (dbus_connection_get_is_connected(connection) == 0) {
+      giveUp(DBUS_ERROR_DISCONNECTED, "the connection is closed");
+    } else if (std::chrono::steady_clock::now() >= deadline) {
+      giveUp(DBUS_ERROR_NO_REPLY, "no reply in time");
+    } else if (StopRequested()) {
+      giveUp(DBUS_ERROR_NO_REPLY, "the waiting thread is stopped");
+    } else {
+      _AwaitMessages(connection, answer, lock);
+    }
+  }
+  Answer taken = std::move(answer);
+  m_mapAnswer.erase(serial);
+  return taken;
+}
+
+void CDbusHandler::_AwaitMessages(DBusConnection* connection, const Answer& answer,
+                                  std::unique_lock<std::mutex>& lock) {
+  const bool onReceiveThread = std::this_thread::get_id() == m_receiveThread.load();
+  if (!onReceiveThread) {
+    m_answerCond.wait_for(lock, std::chrono::milliseconds(kQueryMs));
+    if (answer.complete) return;
+  }
+  // Else nobody reads now: we are the receive thread in a callback, or it is busy with one.
+  lock.unlock();
+  dbus_connection_read_write_dispatch(connection, onReceiveThread ? kQueryMs : 0);
+  while (dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_DATA_REMAINS) {
+    dbus_connection_dispatch(connection);
+  }
+  lock.lock();
+}
+
+CDbusHandler::MessagePtr CDbusHandler::_NewMethodCall(const char* destination, const char* path,
+                                                      const char* interface, const char* member,
+                                                      const std::string& value) {
+  MessagePtr message(dbus_message_new_method_call(destination, path, interface, member));
+  if (!message) {
+    LOGE("dbus_message_new_method_call Error!");
+    return nullptr;
+  }
+  if (!AppendText(message.get(), value.c_str())) {
+    LOGE("dbus_message_iter_append_basic: Out of Memory!");
+    return nullptr;
+  }
+  return message;
+}
+
+CDbusHandler::ConnectionPtr CDbusHandler::_Connection() {
+  const std::lock_guard<CMutex> lock(m_Mutex);
+  return ConnectionPtr(m_dbusConn ? dbus_connection_ref(m_dbusConn.get()) : nullptr);
+}
+
+void CDbusHandler::ThreadProc() {
+  LOGD("Enter CDbusHandler Thread, thread PID = %d, PPID = %d.", getpid(), getppid());
+  m_receiveThread = std::this_thread::get_id();
+  while (IsRunning()) {
+    // With messages in the queue, only look whether there are more.
+    if (!QueryMessage(_HasReceived() ? 0 : kQueryMs)) {
+      Pause(kClosedPauseMs);
+      continue;
+    }
+    std::vector<DBUS_SERVICES> services;
+    {
+      const std::lock_guard<CMutex> lock(m_Mutex);
+      services = m_VcDbusServices;
+    }
+    if (!services.empty()) HandleMessage(services, services.size());
+  }
+}
+
+bool CDbusHandler::QueryMessage(int timeoutMs) {
+  return m_dbusConn && dbus_connection_read_write_dispatch(m_dbusConn.get(), timeoutMs) != 0;
+}
+
+DBusHandlerResult CDbusHandler::_Receive(DBusConnection* /*connection*/, DBusMessage* message, void* self) {
+  auto* const handler = static_cast<CDbusHandler*>(self);
+  const int type = dbus_message_get_type(message);
+  const std::lock_guard<std::mutex> lock(handler->m_receiveMutex);
+  if (type == DBUS_MESSAGE_TYPE_METHOD_CALL || type == DBUS_MESSAGE_TYPE_SIGNAL) {
+    handler->m_queReceived.emplace_back(dbus_message_ref(message));
+    return DBUS_HANDLER_RESULT_HANDLED;
+  }
+  const auto waiting = handler->m_mapAnswer.find(dbus_message_get_reply_serial(message));
+  if (waiting == handler->m_mapAnswer.end()) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+  Answer& answer = waiting->second;
+  BusError error;
+  if (dbus_set_error_from_message(error.Get(), message) != 0) {
+    answer.errorName = error.Name();
+    answer.errorText = error.Text();
+  } else {
+    answer.argument = _ReadText(message, answer.text);
+  }
+  answer.complete = true;
+  handler->m_answerCond.notify_all();
+  return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+CDbusHandler::FirstArgument CDbusHandler::_ReadText(DBusMessage* message, std::string& text) {
+  DBusMessageIter at{};
+  if (dbus_message_iter_init(message, &at) == 0) return FirstArgument::None;
+  if (dbus_message_iter_get_arg_type(&at) != DBUS_TYPE_STRING) return FirstArgument::OtherType;
+  const char* value = nullptr;
+  dbus_message_iter_get_basic(&at, &value);
+  text = value;
+  return FirstArgument::Text;
+}
+
+bool CDbusHandler::_HasReceived() {
+  const std::lock_guard<std::mutex> lock(m_receiveMutex);
+  return !m_queReceived.empty();
+}
+
+CDbusHandler::MessagePtr CDbusHandler::_TakeReceived() {
+  const std::lock_guard<std::mutex> lock(m_receiveMutex);
+  if (m_queReceived.empty()) return nullptr;
+  MessagePtr message = std::move(m_queReceived.front());
+  m_queReceived.pop_front();
+  return message;
+}
+
+bool CDbusHandler::HandleMessage(const std::vector<DBUS_SERVICES>& services, size_t count) {
+  if (!m_dbusConn) {
+    std::printf("m_dbusConn not vaild!");
+    return false;
+  }
+  const MessagePtr message = _TakeReceived();
+  if (!message) return false;
+  for (size_t i = 0; i < count; ++i) {
+    const DBUS_SERVICES& service = services[i];
+    if (dbus_message_is_method_call(message.get(), service.pstrInterface, service.pstrMethod) != 0) {
+      if (!_HandleCall(service, message.get())) return false;
+    } else if (dbus_message_is_signal(message.get(), service.pstrInterface, service.pstrMethod) != 0) {
+      if (!_HandleSignal(service, message.get())) return false;
+    }
+  }
+  return true;
+}
+
+bool CDbusHandler::_HandleCall(const DBUS_SERVICES& service, DBusMessage* call) {
+  if (dbus_message_has_path(call, service.pstrObjectName) == 0) return true;
+  std::string text;
+  const FirstArgument argument = _ReadText(call, text);
+  if (argument == FirstArgument::None) std::printf("Message has no arguments!\n");
+  if (argument == FirstArgument::OtherType) std::printf("Argument is not string!\n");
+  if (argument != FirstArgument::Text) return false;
+  _Reply(call, service.pfnCallback(text));
+  return true;
+}
+
+bool CDbusHandler::_HandleSignal(const DBUS_SERVICES& service, DBusMessage* signal) {
+  BusError error;
+  const char* text = nullptr;
+  if (dbus_message_get_args(signal, error.Get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) == 0) {
+    LOGE("dbus_message_get_args Error: %s\n", error.Text());
+    return false;
+  }
+  service.pfnCallback(text);
+  return true;
+}
+
+void CDbusHandler::_Reply(DBusMessage* call, const std::string& text) {
+  if (dbus_message_get_no_reply(call) != 0) return;
+  if (!CanSend("HandleMessage", m_dbusConn.get(), text)) return;
+  {
+    const std::lock_guard<CMutex> lock(m_Mutex);
+    const MessagePtr reply(dbus_message_new_method_return(call));
+    if (!reply || !AppendText(reply.get(), text.c_str()) ||
+        dbus_connection_send(m_dbusConn.get(), reply.get(), nullptr) == 0) {
+      LOGE("Out Of Memory!");
+      return;
+    }
+  }
+  Flush(m_dbusConn.get());
+}

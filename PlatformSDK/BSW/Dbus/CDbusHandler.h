@@ -1,0 +1,135 @@
+/// The process's one connection to the D-Bus system bus: it owns the daemon's name, receives method calls and
+/// signals for the registered services and sends for everybody. Every message carries exactly one string.
+#pragma once
+
+#include <dbus/dbus.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BSW/MultiTask/CSingleton.h"
+#include "BSW/MultiTask/CThread.h"
+#include "common/Mutex.h"
+
+/// Gets the message's string and gives the reply, which a signal's sender never sees. Runs on the receive
+/// thread, one message at a time, without any lock held: it may send and register, and it delays all later
+/// messages.
+using DBUS_CALLBACK = std::string (*)(const std::string&);
+
+/// One registered service. The strings are not copied: pass literals.
+struct DBUS_SERVICES {
+  const char* pstrObjectName;
+  const char* pstrInterface;
+  const char* pstrMethod;
+  DBUS_CALLBACK pfnCallback;
+};
+
+class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
+ public:
+  ~CDbusHandler() override;
+
+  /// Connects to the system bus, requests `busName` and starts the receive thread. A failure to connect or to
+  /// own the name is logged and does not stop the thread; the result is that of starting the thread.
+  bool Init(const char* busName);
+  /// Stops the receive thread and gives the connection back.
+  bool CleanUp();
+
+  /// Adds a service, with `listenSignals` also for signals of that interface and member from any path. A
+  /// method call that matches no service on its path, interface and member is never answered. False when an
+  /// argument is null.
+  bool RegisteredServices(const char* path, const char* interface, const char* member, DBUS_CALLBACK callback,
+                          bool listenSignals);
+  /// Removes the matching services; a callback of theirs that runs already is not waited for. False when
+  /// there was none or an argument is null.
+  bool UnRegisteredServices(const char* path, const char* interface, const char* member);
+  /// Adds the match rule for a signal, as RegisteredServices does.
+  void SignalListen(const char* interface, const char* member);
+
+  /// Sends one signal and flushes it. Any thread. False when a name is null, the value no UTF-8, or nothing
+  /// connected.
+  bool SignalSend(const char* path, const char* interface, const char* member, const char* value);
+  /// Sends a method call and waits for nothing; the callee is told that no reply is wanted. Fails like
+  /// SignalSend.
+  bool MethodSend(const char* destination, const char* path, const char* interface, const char* member,
+                  const std::string& value);
+  /// Sends a method call and waits at most `timeoutMs` for its reply; other threads send and receive
+  /// meanwhile. The reply's first argument goes into `reply` if it is a string. False on a bus error, on a
+  /// time-out, and when the calling thread is stopped.
+  bool MethodSendGetReply(const char* destination, const char* path, const char* interface,
+                          const char* member, const std::string& value, std::string& reply, int timeoutMs);
+
+ protected:
+  void ThreadProc() override;
+
+ private:
+  friend class CSingleton<CDbusHandler>;
+  struct Unref {
+    void operator()(DBusMessage* message) const { dbus_message_unref(message); }
+    void operator()(DBusConnection* connection) const { dbus_connection_unref(connection); }
+  };
+  using MessagePtr = std::unique_ptr<DBusMessage, Unref>;
+  using ConnectionPtr = std::unique_ptr<DBusConnection, Unref>;
+
+  enum class FirstArgument { Text, None, OtherType };
+  /// What became of a method call that waits: the reply's first argument, or an error.
+  struct Answer {
+    bool complete = false;
+    FirstArgument argument = FirstArgument::None;
+    std::string text;
+    std::string errorName;  ///< empty when there is none
+    std::string errorText;
+  };
+
+  CDbusHandler();
+
+  /// Gets the bus connection, ready for use by all threads; null, logged, when there is no bus.
+  ConnectionPtr _Connect();
+  static void _RequestName(DBusConnection* connection, const char* busName);
+  /// A reference of the caller's own; null when there is no connection.
+  ConnectionPtr _Connection();
+  /// SignalListen with m_Mutex held.
+  void _AddMatch(const char* interface, const char* member);
+
+  /// Reads, writes and dispatches for at most `timeoutMs`. False once the connection is closed.
+  bool QueryMessage(int timeoutMs);
+  /// Routes the oldest received message to the services that match it. False when there was none or it had no
+  /// string.
+  bool HandleMessage(const std::vector<DBUS_SERVICES>& services, size_t count);
+  /// One service's part in a message of its interface and member. False ends the walk over the services.
+  bool _HandleCall(const DBUS_SERVICES& service, DBusMessage* call);
+  static bool _HandleSignal(const DBUS_SERVICES& service, DBusMessage* signal);
+  /// Answers a method call with one string.
+  void _Reply(DBusMessage* call, const std::string& text);
+  /// Takes every message that libdbus dispatches: calls and signals into m_queReceived, replies to who waits.
+  static DBusHandlerResult _Receive(DBusConnection* connection, DBusMessage* message, void* self);
+  bool _HasReceived();
+  /// The oldest received message; null when there is none.
+  MessagePtr _TakeReceived();
+  static FirstArgument _ReadText(DBusMessage* message, std::string& text);
+  /// The outcome of the call `serial` of m_mapAnswer, which is removed; an error of ours when nothing comes
+  /// in time.
+  Answer _AwaitAnswer(DBusConnection* connection, dbus_uint32_t serial, int timeoutMs);
+  /// Waits a short time, with m_receiveMutex released, for `answer` or whatever else comes in.
+  void _AwaitMessages(DBusConnection* connection, const Answer& answer, std::unique_lock<std::mutex>& lock);
+
+  /// A method call with its one string; null, logged, on failure.
+  static MessagePtr _NewMethodCall(const char* destination, const char* path, const char* interface,
+                                   const char* member, const std::string& value);
+
+  ConnectionPtr m_dbusConn;  ///< shared bus connection, from Init to CleanUp
+  CMutex m_Mutex;            ///< guards m_VcDbusServices and m_dbusConn, serialises all sends
+  std::vector<DBUS_SERVICES> m_VcDbusServices;
+  std::mutex m_receiveMutex;  ///< guards the two below; may be taken with m_Mutex held
+  std::deque<MessagePtr> m_queReceived;
+  std::map<dbus_uint32_t, Answer> m_mapAnswer;  ///< by the serials of the calls that wait
+  std::condition_variable m_answerCond;
+  std::atomic<std::thread::id> m_receiveThread{};
+};
