@@ -1,0 +1,24 @@
+/// The strict names of packages: of the base station's archives, and of the portable parts' files in the
+/// store. Used by the common path of a package. Stateless; any thread.
+#pragma once
+
+#include <string>
+
+#include "UpgradeFrame/UpgradeTypes.h"
+
+namespace PackageName {
+
+/// The pattern (ECMAScript, whole match) that a package from `source` named `fileName` must have; null for a
+/// source whose names are not checked.
+const char* Pattern(UPGRADEACCESSTYPE source, const std::string& fileName);
+
+/// True when the whole of `name` matches `pattern`; false for a name over 255 bytes.
+bool Matches(const std::string& name, const char* pattern);
+
+/// The software version in a name that matched its pattern, for example "S4.0.9.10".
+std::string SoftVersion(const std::string& fileName);
+
+/// True when the name ends in ".zip", which decides how the unpacker reads a file.
+bool IsZip(const std::string& fileName);
+
+}  // namespace PackageName

@@ -1,0 +1,50 @@
+/// The steps. Every name that reaches a command line is quoted here or where the command is built.
+#include "UpgradeFrame/AccessMng/PackageSteps.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
+#include "BSW/MultiTask/CThread.h"
+#include "UpgradeFrame/AccessMng/PackageName.h"
+#include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/UpgradePaths.h"
+
+namespace PackageSteps {
+
+int Run(const std::string& command) {
+  return CThread::StopRequested() ? -1 : QVUpgradeTool::ExecCommand(command);
+}
+
+std::string UnpackCommand(const std::string& archive, const std::string& directory) {
+  return "7za x -y " + ShellQuote(archive) + " -o" + ShellQuote(directory);
+}
+
+bool Unpack(const std::string& archive, const std::string& directory) {
+  XDeleteFile(directory + "/" + UpgradePaths::kManifestName);
+  if (Run(UnpackCommand(archive, directory)) != 0) return false;
+  Run("sync");
+  return true;
+}
+
+bool IsRegularFileItself(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::symlink_status(path, error).type() == std::filesystem::file_type::regular;
+}
+
+bool GetVersion(const Json::Value& item, const char* key, std::string& version) {
+  return JsonUtils::GetString(item, key, version) && !version.empty() &&
+         version.size() <= kMaxFileNameBytes && IsValidUtf8(version);
+}
+
+bool GetFileName(const Json::Value& item, const char* key, std::string& name) {
+  return JsonUtils::GetString(item, key, name) && IsPlainFileName(name);
+}
+
+bool GetArchiveName(const Json::Value& item, const char* key, std::string& name) {
+  return GetFileName(item, key, name) && PackageName::IsZip(name);
+}
+
+}  // namespace PackageSteps

@@ -1,0 +1,78 @@
+/// The families and how a package is exchanged. Directories and patterns are those that portable-part
+/// handling reads.
+#include "UpgradeFrame/AccessMng/PpStore.h"
+
+#include <sys/types.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
+#include "BSW/Log/CLog.h"
+#include "UpgradeFrame/AccessMng/PackageName.h"
+#include "UpgradeFrame/AccessMng/PackageSteps.h"
+
+namespace PpStore {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t kDirectoryMode = 0755;
+
+constexpr std::array<Family, 3> kFamilies = {{
+    {"7204", UP_7204, "/firmware/pp/7204/", R"(QVD_K7204_H100_S\d+\.\d+\.\d+\.\d+.*.ota)"},
+    {"7204_EVT", UP_7204_EVT, "/firmware/pp/7204/", R"(QVD_K7204_H000_S\d+\.\d+\.\d+\.\d+.*.ota)"},
+    {"7308", UP_7308, "/firmware/pp/7308/", R"(QVD_K7308_H\d{3}_S\d+\.\d+\.\d+\.\d+_OTA_Common_\d+\.zip)"},
+}};
+
+std::vector<std::string> Packages(const Family& family) {
+  std::vector<std::string> packages;
+  std::error_code error;
+  for (fs::directory_iterator entry(family.directory, error); !error && entry != fs::directory_iterator();
+       entry.increment(error)) {
+    const bool isPackage = PackageName::Matches(entry->path().filename().string(), family.namePattern) &&
+                           PackageSteps::IsRegularFileItself(entry->path().string());
+    if (isPackage) packages.push_back(entry->path().string());
+  }
+  return packages;
+}
+
+}  // namespace
+
+const Family* Find(const std::string& pageType) {
+  for (const Family& family : kFamilies) {
+    if (pageType == family.pageType) return &family;
+  }
+  return nullptr;
+}
+
+bool Replace(const Family& family, const std::string& source, std::string& error) {
+  const std::string name(BaseName(source));
+  if (!PackageName::Matches(name, family.namePattern) || !PackageSteps::IsRegularFileItself(source)) {
+    error = "not a package of " + std::string(family.pageType) + ": " + source;
+    return false;
+  }
+  if (!XCreateFullPathDir(family.directory, kDirectoryMode)) {
+    error = "cannot create " + std::string(family.directory) + ": " + std::strerror(errno);
+    return false;
+  }
+  for (const std::string& old : Packages(family)) {
+    LOGI("Delete old package:%s", old.c_str());
+    if (!XDeleteFile(old)) LOGE("cannot delete %s: %s", old.c_str(), std::strerror(errno));
+  }
+  const std::string destination = family.directory + name;
+  LOGI("Move SrcPath:%s -> DestPath:%s", source.c_str(), destination.c_str());
+  if (!XRenameFile(source, destination)) {
+    error = "cannot move " + source + " to " + destination + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace PpStore

@@ -1,0 +1,27 @@
+/// The store of portable-part packages: one package per family, in which portable-part handling looks for
+/// newer firmware. Filled by the common path of a package, on a source's thread.
+#pragma once
+
+#include <string>
+
+#include "UpgradeFrame/UpgradeTypes.h"
+
+namespace PpStore {
+
+/// One family of portable parts.
+struct Family {
+  const char* pageType;     ///< as package lists name it
+  UPGRADETYPE type;         ///< selects its stored version in the version record
+  const char* directory;    ///< where its package is kept; ends in "/"
+  const char* namePattern;  ///< which files there are its packages: ECMAScript, whole match
+};
+
+/// The family of a page type; null for an unknown one.
+const Family* Find(const std::string& pageType);
+
+/// Deletes the family's old package and moves the file `source` in its place, under its own name. False, with
+/// the store untouched unless `error` tells of a failed move: no package of this family, or not a regular
+/// file.
+bool Replace(const Family& family, const std::string& source, std::string& error);
+
+}  // namespace PpStore

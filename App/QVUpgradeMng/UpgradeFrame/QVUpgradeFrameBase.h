@@ -1,0 +1,99 @@
+/// The upgrade frame: carries out one upgrade of the base station. It reads the unpacked package, has the
+/// parts whose version differs upgraded, tells the panel how far that is, records the new versions, switches
+/// the partition marker and reboots. Created and initialised by main; the access frame starts it.
+#pragma once
+
+#include <json/json.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "BSW/MultiTask/CTaskQue.h"
+#include "UpgradeFrame/IQVUpgrade.h"
+#include "UpgradeFrame/IUpgradeAccess.h"
+#include "UpgradeFrame/PartitionMarkers.h"
+#include "UpgradeFrame/StateMachine.h"
+#include "UpgradeFrame/SubmoduleRunner.h"
+#include "UpgradeFrame/UpgradeTypes.h"
+
+class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
+ public:
+  /// Removes what an interrupted run left in the page root and reads the partition markers.
+  QVUpgradeFrameBase();
+  ~QVUpgradeFrameBase() override;
+
+  /// Starts the frame thread.
+  bool Init();
+  /// Asks the frame and all its upgraders to stop and returns at once.
+  void RequestStop();
+  /// Joins the frame's thread and its upgraders'. Once RequestStop was called, in the time of the commands
+  /// that run.
+  bool CleanUp();
+
+  /// The access side; until it is set the idle broadcast waits. Called once, from main, before the first
+  /// start.
+  void setAccess(IUpgradeAccess* access) { m_pAccess = access; }
+
+  /// Takes a prepared package: accepted only in "Idle" with nothing queued, and once the access side is set;
+  /// else false and nothing changes. Any thread.
+  bool startUpgrade(int accessType, AllVersion newVersion);
+  /// The source of the package that is being prepared. Any thread.
+  void setUpgradeType(UPGRADEACCESSTYPE type) { m_upgradeType = type; }
+  /// Root of the running partition, "/app_A" or "/app_B".
+  std::string getCurrentPatten() const { return m_currentPart; }
+  /// Reads the running partition's version record into the frame's, while no upgrade runs. False when one
+  /// runs or the file cannot be read; then the frame's record stays as it was. Any thread.
+  bool LoadVersion();
+
+  /// The callback given to every upgrader; `ctx` is the frame. Runs on the upgrader's thread. Always 0.
+  static int UpgradePrecentCallback(int progress, UPGRADETYPE type, void* ctx);
+
+  /// Registers an upgrader under a name, not owned; no upgrade uses it. False when the name is taken. Any
+  /// thread.
+  bool registerSubModule(const std::string& name, const IQVUpgrade& upgrader);
+
+ protected:
+  void ThreadProc() override;
+
+ private:
+  std::string _IdleState();
+  std::string _Preprocess();
+  std::string _CheckUpgrade();
+  std::string _Upgrading();
+  std::string _UpgradSuccess();
+  std::string _UpgradFail();
+  std::string _SwitchPartition();
+
+  void _ReadPartitionFile();
+  void _BroadcastVersion();
+  void _AddManifestEntry(const Json::Value& entry, const UpgradeTypeNames& names,
+                         QVUpgradeVersionInfo& installed);
+  void _WarnOfSkippedSocParts() const;
+  static void _StopQuorvalen();
+  std::string _JudgePass();
+  bool _WirteNewVersion();
+  Json::Value _ReadOTAPackMsg() const;
+  void _SaveUpgradePack() const;
+  static bool _UpgradeUboot();
+  static void _SendPanel(int status, int percent, const std::string& version);
+
+  static const Table m_MapStateMachineFunc;
+
+  SubmoduleRunner m_submodules;
+  const PartitionMarkers m_markers;
+  std::string m_currentPart;  ///< the running partition's root; like m_nextPart fixed at construction
+  std::string m_nextPart;     ///< the other one's, the target of the upgrade
+
+  std::atomic<IUpgradeAccess*> m_pAccess{nullptr};
+  std::atomic<UPGRADEACCESSTYPE> m_upgradeType{UP_NO_ACCESSTYPE};
+  AllVersion m_frameVersion;  ///< written in "Idle" under m_queueNextMutex, else the frame thread's alone
+  int m_upgradeTime = 0;      ///< passes spent in "Upgrading"; frame thread
+
+  std::mutex m_registryMutex;  ///< guards m_pUpgradeModels
+  std::unordered_map<std::string, const IQVUpgrade*> m_pUpgradeModels;
+
+  int m_sendUIVersionNum = 0;  ///< version broadcasts so far; used by m_versionBroadcast's thread alone
+  CTaskQue m_versionBroadcast;
+};

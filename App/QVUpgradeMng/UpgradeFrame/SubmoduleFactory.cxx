@@ -1,0 +1,19 @@
+/// Which class upgrades which part: the one place that names them all, and the one to extend.
+#include "UpgradeFrame/SubmoduleFactory.h"
+
+#include "UpgradeFrame/RootfsSubmodules/CQVUpgradeRootfs.h"
+#include "UpgradeFrame/SocSubmodules/CQVUpgradeAppFs.h"
+#include "UpgradeFrame/SystemSubmodules/CQVUpgradeLinux.h"
+
+std::shared_ptr<IQVUpgrade> SubmoduleFactory::Create(UPGRADETYPE type) {
+  switch (type) {
+    case UP_APP:
+      return std::make_shared<CQVUpgradeAppFs>();
+    case UP_SYSTEM:
+      return std::make_shared<CQVUpgradeLinux>();
+    case UP_ROOTFS:
+      return std::make_shared<CQVUpgradeRootfs>();
+    default:
+      return nullptr;
+  }
+}

@@ -1,0 +1,94 @@
+/// Runs the upgraders of one upgrade: creates one per part, starts them in their order, counts what they
+/// report and judges the whole. Owned by the frame, whose thread calls it; the upgraders report into it on
+/// their own threads.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "UpgradeFrame/IQVUpgrade.h"
+
+/// Any thread may call any member, unless said otherwise. No lock is held while an upgrader is called.
+class SubmoduleRunner {
+ public:
+  /// Gives a new upgrader, or an empty pointer for a part that has none.
+  using Factory = std::function<std::shared_ptr<IQVUpgrade>(UPGRADETYPE)>;
+
+  /// What an upgrader reports at its end; everything else is an increment.
+  static constexpr int kReportSuccess = 100;
+  static constexpr int kReportFailure = -1;
+
+  /// Every upgrader gets `callback` with `ctx`; the callback hands the report to ProgressSum.
+  SubmoduleRunner(Factory factory, UPGRADE_UPLOADPROCESS_CALLBACK callback, void* ctx);
+
+  /// Adds a part to upgrade, before Start. False when there is one of its type already.
+  bool AddRecord(const QVUpgradingInfo& record);
+  bool HasRecord(UPGRADETYPE type) const;
+
+  /// Counts the parts; the percentage is of them from now on. Frame thread, once, before Start.
+  void BeginProgress();
+  /// Creates and prepares an upgrader per part and starts them: with radio modules those first and the others
+  /// when they end, without them all at once. A part that cannot be prepared or started has failed. Frame
+  /// thread, once.
+  void Start();
+
+  /// Takes a report: a part's increment of 1 to 99, its success, or its failure (any negative value). Reports
+  /// of a part that has ended are ignored. Then starts what waits for this part.
+  void ProgressSum(int progress, UPGRADETYPE type);
+
+  /// Logs every part and the sums; `useTime` is the number of passes so far.
+  void LogProgress(int useTime) const;
+  bool AllFinished() const;
+  /// The average over the parts, 0 to 100.
+  int Percent() const;
+  /// Asks every upgrader that has not reported its end how it stands, up to 100 s each, and marks its part
+  /// failed or succeeded. Frame thread.
+  void QueryProgress();
+  /// True when every part succeeded; also when there is none.
+  bool CheckModeUpgrade() const;
+  /// Enters the version of every part that succeeded into `versions`. False when one did not.
+  bool CollectVersions(QVUpgradeVersionInfo& versions) const;
+
+  /// Asks all upgraders to stop and returns at once. None is started afterwards.
+  void RequestStop();
+  /// Stops and releases every upgrader but the radio modules' and the USB audio chip's. Frame thread.
+  void CleanUpQVupgrade();
+  /// Stops and releases every upgrader. The frame thread must have ended.
+  bool CleanUp();
+
+ private:
+  bool _Prepare(const QVUpgradingInfo& record);
+  bool _StartRtx(const QVUpgradingInfo& record);
+  std::shared_ptr<IQVUpgrade> _RegisterSubmodules(UPGRADETYPE type);
+  bool _InitUpgrader(IQVUpgrade& upgrader, UPGRADETYPE type);
+  void _RunOneSub(UPGRADETYPE type);
+  void _AddReport(int progress, UPGRADETYPE type);
+  int _QueryStatus(UPGRADETYPE type);
+  void _MarkRecord(UPGRADETYPE type, UPGRADESTATUS status);
+  bool _HasEnded(UPGRADETYPE type) const;
+  std::map<UPGRADETYPE, QVUpgradingInfo> _Records() const;
+
+  std::shared_ptr<IQVUpgrade> _FindUpgrader(UPGRADETYPE type) const;
+  std::vector<std::shared_ptr<IQVUpgrade>> _AllUpgraders() const;
+  bool _Release(UPGRADETYPE type);
+
+  const Factory m_factory;
+  const UPGRADE_UPLOADPROCESS_CALLBACK m_callback;
+  void* const m_ctx;
+  std::atomic<bool> m_bStopped{false};
+
+  mutable std::mutex m_upgraderMutex;  ///< guards the two below, never the upgraders they point to
+  std::shared_ptr<IQVUpgrade> m_pIQVUpgradeRtx;
+  std::unordered_map<UPGRADETYPE, std::shared_ptr<IQVUpgrade>> m_pIQVUpgradeMap;  ///< all the others
+
+  mutable std::mutex m_upgradeinfoMutex;  ///< guards the four below
+  std::map<UPGRADETYPE, QVUpgradingInfo> m_upgradingInfo;
+  int m_upgradeProgress = 0;     ///< sum of all points reported
+  int m_upgradeProgressAll = 0;  ///< 100 for each part
+  int m_subModuelsFinish = 0;    ///< parts that have ended
+};

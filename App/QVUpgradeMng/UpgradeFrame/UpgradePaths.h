@@ -1,0 +1,29 @@
+/// The one home of the fixed paths that more than one class of the upgrade uses.
+#pragma once
+
+namespace UpgradePaths {
+
+inline constexpr const char* kAppA = "/app_A";
+inline constexpr const char* kAppB = "/app_B";
+
+/// Page root: the unpacked package, one directory per part below it, and the staging directory of an RRU
+/// archive.
+inline constexpr const char* kPage = "/firmware/upload/page";
+inline constexpr const char* kPageRruStaging = "/firmware/upload/page/temp_all_ota";
+inline constexpr const char* kPagePp = "/firmware/upload/page/pp";
+inline constexpr const char* kPageSystem = "/firmware/upload/page/system";
+
+/// Where web uploads and downloads arrive and are unpacked first, and where an installed package is kept.
+inline constexpr const char* kDownload = "/firmware/webs/download";
+inline constexpr const char* kNewPackage = "/firmware/webs/new_package";
+
+inline constexpr const char* kManifestName = "version.json";
+
+/// Installed versions, below a partition root.
+inline constexpr const char* kVersionFile = "/quorvalen/version.json";
+
+}  // namespace UpgradePaths
+
+/// Stops the panel's display watchdog, so that it does not interfere with the reboot that follows.
+inline constexpr const char* kStopDisplayWatchdogCommand = "systemctl stop lcd-esd-check.service";
+inline constexpr const char* kRebootCommand = "reboot -f";

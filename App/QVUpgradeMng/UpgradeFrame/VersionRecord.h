@@ -1,0 +1,28 @@
+/// The installed-version file "quorvalen/version.json" and the version report to the panel: one table of the
+/// ten version fields, used by the frame, which writes the next partition's file, and by the access frame,
+/// which owns the running partition's. Stateless; any thread.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+
+#include "UpgradeFrame/UpgradeTypes.h"
+
+namespace VersionRecord {
+
+inline constexpr const char* kDefaultHardVersion = "H200";
+inline constexpr const char* kDefaultSoftVersion = "S4.0.9.10";
+
+/// The field of `versions` that belongs to `type`, or null for a type without one.
+std::string* Field(QVUpgradeVersionInfo& versions, UPGRADETYPE type);
+
+/// {"totalVersion", "subModulesVersion"} as the file and the panel's version report hold them.
+Json::Value ToJson(const OTAVersion& overall, const QVUpgradeVersionInfo& versions);
+
+/// Reads a version file into m_oldOverallVer and m_SubmodulesVer; a missing or unusable member takes its
+/// default. `otaList`, when wanted, gets the file's "otaList" or null. False when the file itself cannot be
+/// read: all are defaults then.
+bool Read(const std::string& path, AllVersion& versions, Json::Value* otaList = nullptr);
+
+}  // namespace VersionRecord

@@ -1,0 +1,58 @@
+/// Builds and sends the messages to the UI panel, and the same progress to the web server while one of its
+/// packages is under way. Owned by UpgradeIpcMsg, through which everybody sends.
+#pragma once
+
+#include <json/json.h>
+
+#include <atomic>
+
+namespace DataDef {
+/// What a progress report is about.
+enum UpgDisplayType {
+  EM_UPG_RRU = 1,  ///< the base station itself
+  EM_UPG_PP = 2,   ///< a portable part
+};
+}  // namespace DataDef
+
+/// Values of "UpgradeStatus" in progress reports.
+enum UiUpgradeStatus {
+  UI_STATUS_FAILED = -1,
+  UI_STATUS_FINISHED = 0,
+  UI_STATUS_STARTED = 1,
+  UI_STATUS_UPGRADING = 2,
+  UI_STATUS_SAME_VERSION = 3,
+  UI_STATUS_NO_TASK = 4,
+};
+
+/// Any thread may call any member. Each send logs the message and gives the bus handler's result.
+class DeviceUpgradeUIIPC {
+ public:
+  /// Codes of event messages.
+  enum CmdCodeType {
+    EM_CODE_REP_BATTERY_LOW = 101,
+    EM_CODE_REP_MODULE_UPG_EXCEPTION = 300,
+  };
+
+  bool Init();
+  /// Progress: `percent` 0 to 100; `version` is sent with 100 % of the base station alone.
+  bool SendPrecent(int status, int percent, const Json::Value& version, DataDef::UpgDisplayType type);
+  bool SendVersion(const Json::Value& versions);
+  bool SendMsg(const CmdCodeType& code, const Json::Value& payload);
+  bool SendMsg(const CmdCodeType& code);
+
+  /// While on, every progress report goes to the web server too.
+  void SwitchWebReport(bool on) { m_bWebReport = on; }
+
+ private:
+  /// Codes of the panel's other messages; the panel's own list calls them DEBUG_UPGRADE_CMD_UI.
+  enum DEBUG_UPGRADE_CMD_UI {
+    UPGRADE_STATUS = 100,
+    UPGRADE_SEND_VERSION = 200,
+  };
+
+  bool _Send(int cmd, const Json::Value& payload);
+  static Json::Value _MakeDataHeader(int cmd, Json::Value payload);
+  static int _MakeSnrNumber();
+
+  std::atomic<bool> m_bWebReport{false};
+};

@@ -1,0 +1,172 @@
+// How packages arrive: web requests and their replies, the search order of a stick, and the end of a refused
+// package.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "../PlatformSDK/TempDirectory.h"
+#include "AccessTestSupport.h"
+#include "BSW/BasicFun/JsonUtils.h"
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessUdisk.h"
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessWebs.h"
+
+namespace {
+
+/// A web source that listens to nobody: requests come from the test.
+class WebsTest : public testing::Test {
+ protected:
+  Json::Value Ask(const std::string& text) {
+    Json::Value reply;
+    std::string error;
+    EXPECT_TRUE(JsonUtils::Parse(m_webs.HandleRequest(text), reply, error)) << error;
+    EXPECT_EQ(reply["InterfaceType"], "response");
+    EXPECT_EQ(reply["InterfaceName"], "UpgradeRequest");
+    return reply;
+  }
+  int AskFor(const std::string& propertyData) {
+    return Ask(R"({"InterfaceName":"UpgradeRequest","InterfaceType":"request","Snr":41,"Data":{"Cmd":100,)"
+               R"("PropertyData":)" +
+               propertyData + "}}")["Data"]["ErrorCode"]
+        .asInt();
+  }
+  std::string Upload(const std::string& name) {
+    std::string path = m_directory / name;
+    WriteText(path, "PK");
+    return path;
+  }
+
+  const AccessState m_access;
+  const TempDirectory m_directory;
+  QVUpgradeAccessWebs m_webs;
+};
+
+}  // namespace
+
+TEST_F(WebsTest, TakesOneUploadAtATime) {
+  const std::string upload = R"({"fileName":")" + Upload("a.zip") + R"(","checkVersion":false})";
+  EXPECT_EQ(AskFor(upload), 0);
+  EXPECT_EQ(AskFor(upload), 2);
+  EXPECT_FALSE(AccessState::IsFree());
+}
+
+TEST_F(WebsTest, RepeatsNumberAndCommandOfABadRequest) {
+  const Json::Value reply =
+      Ask(R"({"InterfaceName":"UpgradeRequest","InterfaceType":"request","Snr":41,"Data":{"Cmd":99}})");
+  EXPECT_EQ(reply["Snr"], 41);
+  EXPECT_EQ(reply["Data"]["Cmd"], 99);
+  EXPECT_EQ(reply["Data"]["ErrorCode"], 1);
+  EXPECT_TRUE(reply["Data"]["PropertyData"]["ErrorMsg"].isString());
+  EXPECT_EQ(Ask("no json")["Data"]["ErrorCode"], 1);
+}
+
+TEST_F(WebsTest, CallsHostileFileNamesMalformed) {
+  const std::string upload = Upload("a.zip");
+  for (const std::string& payload : {
+           std::string("null"),
+           std::string("{}"),
+           std::string(R"({"fileName":7})"),
+           std::string(R"({"fileName":""})"),
+           std::string(R"({"fileName":"a.tar"})"),
+           std::string(R"({"fileName":"../a.zip"})"),
+           std::string(R"({"fileName":"x/a.zip"})"),
+           std::string(R"({"fileName":"/a/../a.zip"})"),
+           std::string(R"({"fileName":"//a.zip"})"),
+           std::string(R"({"fileName":"/a\u0000.zip"})"),
+           R"({"fileName":")" + upload + R"(","checkVersion":1})",
+           R"({"fileName":")" + upload + R"(/"})",
+           R"({"fileName":"/)" + std::string(256, 'a') + R"(.zip"})",
+       }) {
+    EXPECT_EQ(AskFor(payload), 1) << payload;
+  }
+  EXPECT_TRUE(AccessState::IsFree());
+}
+
+TEST_F(WebsTest, RefusesMissingFilesLinksAndALowBattery) {
+  const std::string upload = Upload("a.zip");
+  const std::string link = m_directory / "link.zip";
+  ASSERT_EQ(symlink(upload.c_str(), link.c_str()), 0);
+  EXPECT_EQ(AskFor(R"({"fileName":")" + (m_directory / "missing.zip") + R"("})"), 3);
+  EXPECT_EQ(AskFor(R"({"fileName":")" + link + R"("})"), 3);
+  m_access->SetBattery(5);
+  EXPECT_EQ(AskFor(R"({"fileName":")" + upload + R"("})"), 3);
+  EXPECT_TRUE(AccessState::IsFree());
+}
+
+TEST(QVUpgradeAccessUdisk, SearchesPartitionsByNumberBeforeWholeDisks) {
+  EXPECT_EQ(
+      QVUpgradeAccessUdisk::SearchOrder({"/dev/sda", "/dev/sda10", "/dev/sda2", "/dev/sdb", "/dev/sdb1"}),
+      (std::vector<std::string>{"/dev/sda2", "/dev/sdb1", "/dev/sda10", "/dev/sda", "/dev/sdb"}));
+}
+
+namespace {
+
+/// A source to which one package arrives; what becomes of it can be waited for.
+class OnePackageSource : public QVUpgradeAccessSource {
+ public:
+  OnePackageSource() : QVUpgradeAccessSource("OnePackage", UP_UDISK) {}
+  ~OnePackageSource() override { CleanUp(); }
+
+  bool WaitUntilIdleAgain() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_cond.wait_for(lock, std::chrono::seconds(5), [this] { return m_waits >= 2; });
+  }
+  bool Ended() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_bEnded;
+  }
+  std::vector<int> Reports() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_reports;
+  }
+
+ protected:
+  bool _Listen() override { return true; }
+  void _Unlisten() override {}
+  bool _WaitForPackage() override {
+    {
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      ++m_waits;
+      m_cond.notify_all();
+      if (m_waits == 1) return _Claim();
+    }
+    _WaitForQueuedState();  // until the stop
+    return false;
+  }
+  bool _UnpackPackage() override { return false; }
+  void _PackageEnded() override {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_bEnded = true;
+  }
+  void _ReportStatus(int status) override {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_reports.push_back(status);
+  }
+
+ private:
+  std::mutex m_mutex;  ///< guards all members below
+  std::condition_variable m_cond;
+  int m_waits = 0;
+  bool m_bEnded = false;
+  std::vector<int> m_reports;
+};
+
+}  // namespace
+
+TEST(QVUpgradeAccessSource, GivesARefusedPackageBackAndWaitsForTheNext) {
+  const AccessState access;
+  access->SetBattery(3);
+  OnePackageSource source;
+  ASSERT_TRUE(source.Start());
+  ASSERT_TRUE(source.WaitUntilIdleAgain());
+  EXPECT_TRUE(source.Ended());
+  EXPECT_TRUE(AccessState::IsFree());
+  // The low-battery message told the panel; a failure would be a second one.
+  EXPECT_TRUE(source.Reports().empty());
+  source.RequestStop();
+  source.CleanUp();
+}
