@@ -1,0 +1,171 @@
+// Packages that are wrong in one thing each, from careless to hostile: every one gets its answer, nothing it
+// holds is executed, nothing is written outside the page, and the daemon lives on or reboots as told.
+#include <array>
+#include <functional>
+#include <ostream>
+
+#include "StationTest.h"
+
+using namespace station;
+
+namespace {
+
+struct Row {
+  const char* name;
+  std::function<void(PackageBuilder&)> spoil;
+  std::vector<int> statuses;  ///< what the panel hears, repeats once
+  const char* log;
+  bool reboots;
+};
+
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.name;
+}
+
+Json::Value Nested(int depth) {
+  Json::Value value(Json::arrayValue);
+  for (int i = 0; i < depth; ++i) {
+    Json::Value outer(Json::arrayValue);
+    outer.append(value);
+    value = outer;
+  }
+  return value;
+}
+
+// Sets a member of the manifest's one element.
+std::function<void(PackageBuilder&)> Element(const char* key, const Json::Value& value) {
+  return [key, value](PackageBuilder& builder) {
+    builder.EditManifest([key, value](Json::Value& manifest) { manifest["otaList"][0][key] = value; });
+  };
+}
+
+// Sets a member of the RRU archive's first page entry.
+std::function<void(PackageBuilder&)> PageEntry(const char* key, const Json::Value& value) {
+  return [key, value](PackageBuilder& builder) {
+    builder.EditRruManifest([key, value](Json::Value& pages) { pages[0][key] = value; });
+  };
+}
+
+const std::vector<int> kRefused = {kStarted, kFailed};
+const std::vector<int> kUpgraded = {kStarted, kUpgrading, kFinished};
+
+const std::array kRows = {
+    Row{"OtherProduct",
+        [](auto& b) { b.Name("QV_K9032_H200_S4.1.0.1_RRU_UDISK_Common_1.zip"); },
+        {kStarted, kNoTask},
+        "zip not fin pack",
+        false},
+    Row{"SameVersion",
+        [](auto& b) { b = PackageBuilder("S4.0.9.10").App("V2.0.0.01"); },
+        {kStarted, kSameVersion},
+        "softVersion error new softVersion:S4.0.9.10",
+        false},
+    Row{"SameVersionInManifestAlone",
+        Element("softVersion", "S4.0.9.10"),
+        {kStarted, kSameVersion},
+        "Version same no need upg.",
+        false},
+    Row{"OlderVersion", [](auto& b) { b = PackageBuilder("S3.0.0.1").App("V0.9.0.01"); }, kUpgraded,
+        "upgrade succed type:1", true},
+    Row{"OtherHardware", Element("hardVersion", "H300"), kRefused, "hardVersion error new hardVersion:H300",
+        true},
+    Row{"WrongMd5", Element("fileMd5sum", "00000000000000000000000000000000"), kRefused,
+        "checkFileMd5sum error", true},
+    Row{"DamagedPackage", [](auto& b) { b.EditPackage(PackageBuilder::Truncate(0.6)); }, kRefused,
+        "Udisk tar file is error", true},
+    Row{"FlippedByteInRruArchive", [](auto& b) { b.EditRru(PackageBuilder::FlipByte(0.5)); }, kRefused,
+        "  error", true},
+    Row{"EmptyPackage", [](auto& b) { b.EditPackage(PackageBuilder::Truncate(0)); }, kRefused,
+        "Udisk tar file is error", true},
+    Row{"DamagedRruArchive", [](auto& b) { b.EditRru(PackageBuilder::Truncate(0.5)); }, kRefused, "  error",
+        true},
+    Row{"NoElement", [](auto& b) { b.EditManifest([](Json::Value& m) { m["otaList"].clear(); }); }, kRefused,
+        "Check and move file error!", false},
+    Row{"UnknownElement", Element("upgradeType", "TOASTER"), kRefused,
+        "dev type error not RRU or PP!ErrVal:TOASTER", false},
+    Row{"PortablePartsAlone",
+        [](auto& b) {
+          b = PackageBuilder("S4.1.0.1")
+                  .PpPage("7308", "S1.0.2.05", "QVD_K7308_H100_S1.0.2.5_OTA_Common_1.zip", "zip");
+        },
+        kRefused, "===Successfully imported PP upgrade package!===", false},
+    Row{"UnknownPage", [](auto& b) { b.RawPage("toaster", "V1", "toaster.bin", "crumbs"); }, kUpgraded,
+        "not find pageType", true},
+    Row{"PageWithoutVersion",
+        [](auto& b) { b.EditRruManifest([](Json::Value& p) { p[0].removeMember("version"); }); },
+        {kStarted, kFinished},
+        "page json file error not pagetype or version or pageName",
+        true},
+    Row{"ManifestIsNumber", [](auto& b) { b.EditManifest([](Json::Value& m) { m = 5; }); }, kRefused,
+        "readFile to json failed.File:", false},
+    Row{"ManifestIsDeep",
+        [](auto& b) { b.EditManifest([](Json::Value& m) { m["otaList"] = Nested(1000); }); }, kRefused,
+        "readFile to json failed.File:", false},
+    Row{"ListHoldsNumbers", [](auto& b) { b.EditManifest([](Json::Value& m) { m["otaList"][0] = 7; }); },
+        kRefused, "Check and move file error!", false},
+    Row{"VersionIsObject", Element("softVersion", Json::Value(Json::objectValue)), kRefused,
+        "checkFileMd5sum error", true},
+    Row{"Md5Missing", Element("fileMd5sum", Json::Value()), kRefused, "checkFileMd5sum error", true},
+    Row{"NameLeavesPage", Element("fileName", "../../../pwned.zip"), kRefused, "checkFileMd5sum error", true},
+    Row{"NameIsCommand", Element("fileName", "x.zip;touch /pwned"), kRefused, "checkFileMd5sum error", true},
+    Row{"NameIsSubstitution", Element("fileName", "$(touch pwned).zip"), kRefused, "checkFileMd5sum error",
+        true},
+    Row{"NameIsTooLong", Element("fileName", std::string(300, 'x')), kRefused, "checkFileMd5sum error", true},
+    Row{"PagesAreNoArray", [](auto& b) { b.EditRruManifest([](Json::Value& p) { p = "pages"; }); }, kRefused,
+        "upgradeVersion is null", true},
+    Row{"PageLeavesStaging", PageEntry("pageName", "../../../../pwned"), kRefused, "mv pack error  reboot",
+        true},
+    Row{"PageIsNumber", PageEntry("pageName", 9), kRefused, "mv pack error  reboot", true},
+    Row{"EntryLeavesPage",
+        [](auto& b) { b.EditPackage(PackageBuilder::AddEntry("../../../pwned", "evil")); },
+        {},
+        "",
+        true},
+    Row{"TarEntryLeavesPartition",
+        [](auto& b) { b.EditPage("app", PackageBuilder::AddEntry("../../../pwned", "evil")); },
+        {},
+        "",
+        true},
+};
+
+}  // namespace
+
+class Packages : public StationTest, public ::testing::WithParamInterface<Row> {};
+
+TEST_P(Packages, GetTheirAnswer) {
+  const Row& row = GetParam();
+  StationOptions options;
+  options.pauseDivisor = 100;
+  Station station(options);
+  ASSERT_TRUE(station.Start());
+  PackageBuilder builder("S4.1.0.1");
+  builder.App("V2.0.0.01", 4096);
+  row.spoil(builder);
+  station.InsertStick(builder.Build());
+  ExpectLog(row.log);
+  if (row.reboots) {
+    ExpectReboot(station);
+    EXPECT_GE(station.commands().Count("systemctl stop lcd-esd-check.service"), 1U);
+  } else {
+    EXPECT_TRUE(station.panel().WaitForStatus(row.statuses.back(), kPatience).has_value());
+    // It lives on, and the claim on the one package under way is free again.
+    station.panel().Clear();
+    station.InsertStick(PackageBuilder("S4.1.0.2").App("V2.0.0.02", 4096).Build());
+    EXPECT_TRUE(station.panel().WaitForStatus(kUpgrading, kPatience).has_value()) << Daemon::Log();
+    ExpectReboot(station);
+    return;
+  }
+  if (!row.statuses.empty()) {
+    EXPECT_EQ(Statuses(station.panel()), row.statuses);
+  }
+  const bool upgraded =
+      !station.panel().Progress().empty() && station.panel().Progress().back().status == kFinished;
+  EXPECT_EQ(Station::MarkedForBoot(), upgraded ? Partition::B : Partition::A);
+  for (const char* path :
+       {"/pwned", "/firmware/pwned", "/firmware/upload/pwned", "/app_B/pwned", "/pwned.zip"}) {
+    EXPECT_FALSE(Exists(path)) << path;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Packages, ::testing::ValuesIn(kRows),
+                         [](const auto& row) { return row.param.name; });

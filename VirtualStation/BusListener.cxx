@@ -1,0 +1,44 @@
+/// See BusListener.h.
+#include "VirtualStation/BusListener.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace station {
+
+BusListener::BusListener(const std::string& address, const std::string& interface, const std::string& member,
+                         std::function<void(const std::string&)> heard)
+    : m_connection(address),
+      m_interface(interface),
+      m_member(member),
+      m_heard(std::move(heard)),
+      m_stop(eventfd(0, EFD_CLOEXEC)) {
+  m_connection.Match("type='signal',interface='" + interface + "',member='" + member + "'");
+  m_thread = std::thread(&BusListener::_Listen, this);
+}
+
+BusListener::~BusListener() {
+  eventfd_write(m_stop, 1);
+  m_thread.join();
+  close(m_stop);
+}
+
+void BusListener::_Listen() {
+  int bus = -1;
+  dbus_connection_get_unix_fd(m_connection.Get(), &bus);
+  pollfd fds[] = {{bus, POLLIN, 0}, {m_stop, POLLIN, 0}};
+  while (fds[1].revents == 0 && dbus_connection_read_write(m_connection.Get(), 0) != 0) {
+    while (DBusMessage* message = dbus_connection_pop_message(m_connection.Get())) {
+      if (dbus_message_is_signal(message, m_interface.c_str(), m_member.c_str()) != 0) {
+        m_heard(BusConnection::Text(message));
+      }
+      dbus_message_unref(message);
+    }
+    poll(fds, 2, -1);
+  }
+}
+
+}  // namespace station

@@ -1,0 +1,277 @@
+/// See PackageBuilder.h.
+#include "VirtualStation/PackageBuilder.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <utility>
+
+#include "VirtualStation/Box.h"
+#include "VirtualStation/Process.h"
+
+namespace station {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool IsZip(const std::string& path) {
+  return fs::path(path).extension() == ".zip";
+}
+
+std::string Md5(const std::string& path) {
+  const std::string data = ReadText(path);
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned length = 0;
+  EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_md5(), nullptr);
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text;
+  for (unsigned i = 0; i < length; ++i) {
+    text += kDigits[digest[i] >> 4U];
+    text += kDigits[digest[i] & 0xFU];
+  }
+  return text;
+}
+
+/// Packs everything in `directory`, at the top level of the zip.
+void Zip(const std::string& directory, const std::string& zip) {
+  std::vector<std::string> command = {"7za", "a", "-tzip", "-mx=0", zip, "--"};
+  for (const auto& entry : fs::directory_iterator(directory)) {
+    command.push_back(entry.path().filename());
+  }
+  MustRun(command, directory);
+}
+
+void Apply(const PackageBuilder::FileEditor& edit, const std::string& path) {
+  if (edit) {
+    edit(path);
+  }
+}
+
+/// Files of `bytes` in all below `directory`.
+void MakeTree(const std::string& directory, const std::string& program, std::uint64_t bytes) {
+  WriteRandomFile(directory + "/bin/" + program, bytes / 2);
+  fs::permissions(directory + "/bin/" + program, fs::perms(0755));
+  WriteRandomFile(directory + "/lib/lib" + program + ".so.1.0", bytes / 4);
+  fs::create_symlink("lib" + program + ".so.1.0", directory + "/lib/lib" + program + ".so.1");
+  WriteRandomFile(directory + "/share/" + program + ".dat", bytes - bytes / 2 - bytes / 4);
+  WriteText(directory + "/etc/" + program + ".conf", "name=" + program + "\n");
+  WriteText(directory + "/etc/empty", "");
+  fs::permissions(directory + "/etc/" + program + ".conf", fs::perms(0640));
+}
+
+}  // namespace
+
+PackageBuilder::PackageBuilder(std::string softVersion, std::string hardVersion)
+    : m_softVersion(std::move(softVersion)),
+      m_hardVersion(std::move(hardVersion)),
+      m_name("QV_K9031_" + m_hardVersion + "_" + m_softVersion + "_RRU_UDISK_Common_1.zip") {}
+
+PackageBuilder& PackageBuilder::App(const std::string& version, std::uint64_t bytes) {
+  return _Add(m_pages, {"app", version, "QV_K9031_app_" + version + ".tar", bytes, Flash::None, "", false});
+}
+
+PackageBuilder& PackageBuilder::System(const std::string& version, std::uint64_t bytes, Flash flash) {
+  return _Add(m_pages, {"system", version, "QV_K9031_system_" + version + ".tar", bytes, flash, "", false});
+}
+
+PackageBuilder& PackageBuilder::Rootfs(const std::string& version, std::uint64_t bytes) {
+  return _Add(m_pages,
+              {"rootfs", version, "QV_K9031_rootfs_" + version + ".tar.gz", bytes, Flash::None, "", false});
+}
+
+PackageBuilder& PackageBuilder::AllSocParts(const std::string& version) {
+  constexpr std::uint64_t kSmall = 256 * 1024;
+  return App(version).System(version, kSmall, Flash::ImageAndMarker).Rootfs(version);
+}
+
+PackageBuilder& PackageBuilder::RawPage(const std::string& type, const std::string& version,
+                                        const std::string& pageName, const std::string& content) {
+  return _Add(m_pages, {type, version, pageName, 0, Flash::None, content, true});
+}
+
+PackageBuilder& PackageBuilder::PpPage(const std::string& type, const std::string& version,
+                                       const std::string& pageName, const std::string& content) {
+  return _Add(m_ppPages, {type, version, pageName, 0, Flash::None, content, true});
+}
+
+PackageBuilder& PackageBuilder::Name(const std::string& fileName) {
+  m_name = fileName;
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::EditManifest(ManifestEditor edit) {
+  m_editManifest = std::move(edit);
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::EditRruManifest(ManifestEditor edit) {
+  m_editRruManifest = std::move(edit);
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::EditPage(const std::string& type, FileEditor edit) {
+  m_editPage[type] = std::move(edit);
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::EditRru(FileEditor edit) {
+  m_editRru = std::move(edit);
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::EditPackage(FileEditor edit) {
+  m_editPackage = std::move(edit);
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::_Add(std::vector<Page>& pages, Page page) {
+  pages.erase(
+      std::remove_if(pages.begin(), pages.end(), [&](const Page& other) { return other.type == page.type; }),
+      pages.end());
+  pages.push_back(std::move(page));
+  return *this;
+}
+
+Package PackageBuilder::Build() const {
+  static int number = 0;
+  const std::string base = std::string(kStationDir) + "/packages/" + std::to_string(++number);
+  const std::string outer = base + "/outer";
+  Package package;
+  package.name = m_name;
+  package.path = base + "/" + m_name;
+  package.tree = base + "/tree";
+  package.softVersion = m_softVersion;
+  package.hardVersion = m_hardVersion;
+  Json::Value manifest;
+  manifest["otaList"] = Json::arrayValue;
+
+  const auto addElement = [&](const char* type, const std::vector<Page>& pages,
+                              const ManifestEditor& editManifest, const FileEditor& edit) {
+    const std::string inner = base + "/" + type;
+    Json::Value list = Json::arrayValue;
+    for (const Page& page : pages) {
+      _MakePage(page, package.tree, inner + "/" + page.fileName);
+      package.versions[page.type] = page.version;
+      Json::Value item;
+      item["pageType"] = page.type;
+      item["version"] = page.version;
+      item["pageName"] = page.fileName;
+      list.append(item);
+    }
+    if (editManifest) {
+      editManifest(list);
+    }
+    WriteText(inner + "/version.json", list.toStyledString());
+    const std::string fileName =
+        "QV_K9031_" + m_hardVersion + "_" + m_softVersion + "_" + type + "_Common_1.zip";
+    fs::create_directories(outer);
+    Zip(inner, outer + "/" + fileName);
+    fs::remove_all(inner);
+    Apply(edit, outer + "/" + fileName);
+    Json::Value element;
+    element["upgradeType"] = type;
+    element["softVersion"] = m_softVersion;
+    element["hardVersion"] = m_hardVersion;
+    element["fileName"] = fileName;
+    element["fileMd5sum"] = Md5(outer + "/" + fileName);
+    manifest["otaList"].append(element);
+  };
+  if (!m_pages.empty()) {
+    addElement("RRU", m_pages, m_editRruManifest, m_editRru);
+  }
+  if (!m_ppPages.empty()) {
+    addElement("PP", m_ppPages, nullptr, nullptr);
+  }
+  if (m_editManifest) {
+    m_editManifest(manifest);
+  }
+  WriteText(outer + "/version.json", manifest.toStyledString());
+  Zip(outer, package.path);
+  fs::remove_all(outer);
+  Apply(m_editPackage, package.path);
+  return package;
+}
+
+void PackageBuilder::_MakePage(const Page& page, const std::string& tree, const std::string& file) const {
+  const std::string directory = tree + "/" + page.type;
+  fs::create_directories(fs::path(file).parent_path());
+  if (page.raw) {
+    WriteText(file, page.content);
+  } else if (page.type == "rootfs") {
+    MakeTree(directory + "/usr", "station-base", page.bytes);
+    fs::create_symlink("usr/bin", directory + "/bin");
+    MustRun({"tar", "czf", file, "-C", directory, "."});
+  } else if (page.type == "app") {
+    MakeTree(directory + "/quorvalen", "intercom", page.bytes);
+    MustRun({"tar", "cf", file, "-C", directory, "quorvalen"});
+  } else {
+    WriteRandomFile(directory + "/Image", page.bytes);
+    WriteText(directory + "/boot/station.dtb", "device tree of " + page.version + "\n");
+    if (page.flash != Flash::None) {
+      constexpr std::uint64_t kBootImage = 192 * 1024;
+      WriteRandomFile(directory + "/flash.bin", kBootImage);
+    }
+    if (page.flash == Flash::ImageAndMarker) {
+      WriteText(directory + "/flash.bin.upgrade", "");
+    }
+    MustRun({"tar", "cf", file, "-C", directory, "."});
+  }
+  const auto edit = m_editPage.find(page.type);
+  if (edit != m_editPage.end()) {
+    edit->second(file);
+  }
+}
+
+PackageBuilder::FileEditor PackageBuilder::Truncate(double part) {
+  return [part](const std::string& path) {
+    fs::resize_file(path, static_cast<std::uintmax_t>(static_cast<double>(fs::file_size(path)) * part));
+  };
+}
+
+PackageBuilder::FileEditor PackageBuilder::FlipByte(double part) {
+  return [part](const std::string& path) {
+    std::string data = ReadText(path);
+    const auto offset = static_cast<std::size_t>(static_cast<double>(data.size()) * part);
+    data.at(offset) = static_cast<char>(~data.at(offset));
+    WriteText(path, data);
+  };
+}
+
+PackageBuilder::FileEditor PackageBuilder::AddEntry(const std::string& name, const std::string& content) {
+  return [=](const std::string& path) {
+    const std::string directory = std::string(kStationDir) + "/entry";
+    WriteText(directory + "/entry", content);
+    if (IsZip(path)) {
+      MustRun({"7za", "a", "-tzip", path, "entry"}, directory);
+      MustRun({"7za", "rn", path, "entry", name}, directory);
+    } else {
+      MustRun({"tar", "rPf", path, "--transform", "s,^entry$," + name + ",", "entry"}, directory);
+    }
+  };
+}
+
+void WriteRandomFile(const std::string& path, std::uint64_t bytes) {
+  fs::create_directories(fs::path(path).parent_path());
+  const std::string name = fs::path(path).filename();
+  std::seed_seq seed(name.begin(), name.end());
+  std::mt19937_64 random(seed);
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  std::array<std::uint64_t, 4096> block{};
+  for (std::uint64_t written = 0; written < bytes;) {
+    for (std::uint64_t& word : block) {
+      word = random();
+    }
+    const std::uint64_t count = std::min<std::uint64_t>(sizeof block, bytes - written);
+    file.write(reinterpret_cast<const char*>(block.data()), static_cast<std::streamsize>(count));
+    written += count;
+  }
+  if (!file.flush()) {
+    Halt("cannot write " + path);
+  }
+}
+
+}  // namespace station

@@ -1,0 +1,135 @@
+/// See Station.h.
+#include "VirtualStation/Station.h"
+
+#include <filesystem>
+#include <memory>
+#include <sstream>
+
+#include "VirtualStation/Process.h"
+#include "VirtualStation/TreeCompare.h"
+
+namespace station {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kMarkerA = "/qv_config/parta.ini";
+constexpr const char* kMarkerB = "/qv_config/partb.ini";
+constexpr const char* kFactoryVersion = "V1.0.0.01";
+
+std::string VersionFile(Partition p) {
+  return Disks::AppDir(p) + "/quorvalen/version.json";
+}
+
+}  // namespace
+
+Station::Station(const StationOptions& options)
+    : m_disks(options.firmwareBytes),
+      m_panel(m_bus),
+      m_web(m_bus),
+      m_daemon(m_bus, options.pauseDivisor, options.environment) {
+  m_disks.MountAll(m_running);
+  std::map<std::string, std::string> parts;
+  for (const char* part :
+       {"fpga", "rtx", "mcu", "7204", "7204Evt", "7308", "app", "system", "rootfs", "uac"}) {
+    parts[std::string(part) + "Version"] = kFactoryVersion;
+  }
+  for (const Partition p : {Partition::A, Partition::B}) {
+    const std::string name = p == Partition::A ? "A" : "B";
+    WriteText(Disks::AppDir(p) + "/quorvalen/bin/factory", "application " + name + "\n");
+    WriteText(Disks::SystemDir(p) + "/Image", "kernel " + name + "\n");
+    WriteText(m_disks.RootfsDir(p) + "/etc/factory", "root file system " + name + "\n");
+    SetVersions(p, "S4.0.9.10", "H200", parts);
+  }
+  WriteText(kMarkerA, "part=0");
+  WriteText("/var/first_upgrade.ini", "1\n");
+  m_disks.UnmountAll();
+  _Boot();
+}
+
+Station::~Station() {
+  _Down(true);
+}
+
+Partition Station::MarkedForBoot() {
+  // As the boot loader and the daemon read them: only B's marker alone selects B.
+  return fs::exists(kMarkerB) && !fs::exists(kMarkerA) ? Partition::B : Partition::A;
+}
+
+bool Station::Reboot() {
+  _Down(true);
+  _Boot();
+  return Start();
+}
+
+bool Station::PowerCut() {
+  _Down(false);
+  _Boot();
+  return Start();
+}
+
+void Station::_Down(bool inOrder) {
+  m_stick.reset();
+  m_daemon.Kill();
+  m_daemon.WaitExit(std::chrono::seconds(10));
+  inOrder ? m_disks.UnmountAll() : m_disks.CutPower();
+}
+
+void Station::_Boot() {
+  m_disks.MountSettings();
+  m_running = MarkedForBoot();
+  m_disks.MountAll(m_running);
+  m_panel.Clear();
+  m_web.Clear();
+  m_commands.Clear();
+}
+
+void Station::InsertStick(const std::vector<std::string>& files, const StickOptions& options) {
+  m_stick.reset();
+  m_stick = std::make_unique<Stick>(files, options);
+}
+
+void Station::InsertStick(const Package& package, const StickOptions& options) {
+  InsertStick(std::vector<std::string>{package.path}, options);
+}
+
+void Station::PullStick() {
+  if (m_stick) {
+    m_stick->Pull();
+  }
+}
+
+Json::Value Station::Versions(Partition p) {
+  Json::Value root;
+  std::istringstream text(ReadText(VersionFile(p)));
+  return Json::parseFromStream(Json::CharReaderBuilder(), text, &root, nullptr) ? root : Json::Value();
+}
+
+void Station::SetVersions(Partition p, const std::string& soft, const std::string& hard,
+                          const std::map<std::string, std::string>& parts) {
+  Json::Value root = Versions(p);
+  root["totalVersion"]["softVersion"] = soft;
+  root["totalVersion"]["hardVersion"] = hard;
+  for (const auto& [key, version] : parts) {
+    root["subModulesVersion"][key] = version;
+  }
+  WriteText(VersionFile(p), root.toStyledString());
+}
+
+std::vector<std::string> Station::DifferencesFrom(const Package& package, Partition p) const {
+  std::vector<std::string> all;
+  const auto compare = [&](const char* type, const std::string& actual, const TreeCompareOptions& options) {
+    const std::string expected = package.tree + "/" + type;
+    if (fs::exists(expected)) {
+      const std::vector<std::string> differences = TreeDifferences(expected, actual, options);
+      all.insert(all.end(), differences.begin(), differences.end());
+    }
+  };
+  compare("app", Disks::AppDir(p), {{"quorvalen/version.json"}, false});
+  // New system files are copied over the old ones; the built packages all hold the same names.
+  compare("system", Disks::SystemDir(p), {});
+  compare("rootfs", m_disks.RootfsDir(p), {});
+  return all;
+}
+
+}  // namespace station
