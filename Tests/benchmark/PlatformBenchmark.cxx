@@ -46,7 +46,7 @@ void Md5AgainstOpenssl(benchmark::State& state) {
   const std::string bareCommand = "openssl md5 " + file + " >/dev/null";
   double ours = 0;
   double bare = 0;
-  for (auto unused : state) {
+  while (state.KeepRunning()) {
     const auto start = Clock::now();
     if (md5::MD5(file).empty()) state.SkipWithError("cannot read the file");
     ours += SecondsSince(start);
@@ -63,7 +63,7 @@ void LogStatement(benchmark::State& state) {
   const std::string directory = MakeDirectory();
   CLog::instance()->Init(directory.c_str(), false);
   int count = 0;
-  for (auto unused : state) LOGI("statement %d of %s", ++count, "the benchmark");
+  while (state.KeepRunning()) LOGI("statement %d of %s", ++count, "the benchmark");
   CLog::instance()->CleanUp();
   RunShell(("rm -rf " + directory).c_str());
 }
@@ -149,7 +149,7 @@ void BusRoundTripAgainstBareServer(benchmark::State& state) {
   while (SecondsForCalls(bus, "test.Handler", 1) == 0) XSleep(10);
   double ours = 0;
   double bare = 0;
-  for (auto unused : state) {
+  while (state.KeepRunning()) {
     ours += SecondsForCalls(bus, "test.Handler", kCalls);
     bare += SecondsForCalls(bus, "test.Bare", kCalls);
   }
