@@ -19,6 +19,7 @@ if(GIT_FOUND)
   endif()
 endif()
 execute_process(COMMAND id -un OUTPUT_VARIABLE account OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+string(REGEX REPLACE "[^A-Za-z0-9._-]" "_" account "${account}")
 file(CONFIGURE OUTPUT ${OUTPUT} CONTENT
 "/// Identifies the build; written by the build system.
 #pragma once

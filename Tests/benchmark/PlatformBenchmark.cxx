@@ -133,7 +133,9 @@ void BusRoundTripAgainstBareServer(benchmark::State& state) {
     std::ofstream config(directory + "/bus.conf");
     config << "<busconfig><type>system</type><auth>EXTERNAL</auth><listen>" << address
            << "</listen><policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/>"
-              "<allow send_destination=\"*\"/></policy></busconfig>";
+              "<allow send_destination=\"*\"/><allow send_requested_reply=\"true\"/>"
+              "<allow receive_type=\"method_call\"/><allow receive_type=\"method_return\"/>"
+              "<allow receive_type=\"signal\"/></policy></busconfig>";
   }
   // Forks into the background once it listens.
   RunShell(("dbus-daemon --fork --print-pid --config-file=" + directory + "/bus.conf > " + directory + "/pid")

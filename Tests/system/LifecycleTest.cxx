@@ -1,5 +1,5 @@
 // Start, orderly stop in every state, crash, and the settings that are read at start.
-#include <dirent.h>
+#include <fnmatch.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -20,6 +20,7 @@ struct Moment {
   const char* name;
   const char* pattern;
   bool bootLoaderWritten;  ///< work that a stop must not tear is finished
+  bool alone;              ///< no other thread runs commands then: none may begin after this one
 };
 
 void PrintTo(const Moment& moment, std::ostream* out) {
@@ -27,27 +28,24 @@ void PrintTo(const Moment& moment, std::ostream* out) {
 }
 
 const Moment kMoments[] = {
-    {"SourceUnpacks", "7za x *ota.zip*", false},
-    {"SourceChecks", "7za x *temp_all_ota*", false},
-    {"FrameStopsServices", "systemctl stop quorvalen", false},
-    {"AppIsUnpacked", "tar xf * -C /app_B*", false},
-    {"SystemIsCopied", "cp -rf *mmcblk2p5*", false},
-    {"RootfsIsFormatted", "mkfs.ext4 *", false},
-    {"RootfsIsUnpacked", "tar zxf *", false},
-    {"PackageIsKept", "mv *", true},
-    {"BootLoaderIsWritten", "dd if=/dev/zero *", true},
+    {"SourceUnpacks", "7za x *ota.zip*", false, true},
+    {"SourceChecks", "7za x *temp_all_ota*", false, true},
+    {"FrameStopsServices", "systemctl stop quorvalen", false, true},
+    {"AppIsUnpacked", "tar xf * -C /app_B*", false, false},
+    {"SystemIsCopied", "cp -rf *mmcblk2p5*", false, false},
+    {"RootfsIsFormatted", "mkfs.ext4 *", false, false},
+    {"RootfsIsUnpacked", "tar zxf *", false, false},
+    {"PackageIsKept", "mv *", true, false},
+    {"BootLoaderIsWritten", "dd if=/dev/zero *", true, false},
 };
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Thread ids of a process by thread name.
 pid_t ThreadOf(pid_t process, const std::string& name) {
   const std::filesystem::path tasks = "/proc/" + std::to_string(process) + "/task";
   for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-    if (ReadFile(task.path() / "comm") == name + "\n") return std::stoi(task.path().filename());
+    std::string comm;
+    std::getline(std::ifstream(task.path() / "comm"), comm);
+    if (comm == name) return std::stoi(task.path().filename());
   }
   return -1;
 }
@@ -76,6 +74,10 @@ TEST_P(OrderlyStop, EndsSoonAfterTheRunningCommand) {
     EXPECT_LT(took, 300ms * kSlowness);
   }
   EXPECT_EQ(station.commands().Count("reboot *"), 0U);
+  if (moment.alone) {
+    EXPECT_EQ(fnmatch(moment.pattern, station.commands().Lines().back().c_str(), 0), 0)
+        << "begun after the stop: " << station.commands().Lines().back();
+  }
   EXPECT_EQ(station.commands().Count("dd *seek=32"), moment.bootLoaderWritten ? 1U : 0U);
   EXPECT_EQ(Station::MarkedForBoot(), moment.bootLoaderWritten ? Partition::B : Partition::A);
 }
@@ -101,20 +103,32 @@ TEST_F(Lifecycle, IdleStationReportsItsVersionsFiveTimesAndStopsOnRequest) {
   EXPECT_EQ(*station.daemon().Stop(SIGINT), 0);
 }
 
-TEST_F(Lifecycle, StopInTheLastPauseRunsNoReboot) {
+// The minutes in which the station only waits end at once.
+TEST_F(Lifecycle, StopInALongPauseEndsItAndRunsNoReboot) {
+  const struct {
+    Package package;
+    const char* log;  ///< the last line before the pause
+  } rows[] = {
+      {PackageBuilder("S4.1.0.1").EditManifest([](Json::Value& manifest) { manifest = 5; }).Build(),
+       "readFile to json failed.File:"},
+      {PackageBuilder("S4.1.0.1").RawPage("app", "V2.0.0.01", "app.tar", "no tar").Build(), "write version:"},
+      {PackageBuilder("S4.1.0.1").System("V2.0.0.01", 4096, PackageBuilder::Flash::ImageAndMarker).Build(),
+       "upgrade uboot ok"},
+  };
   StationOptions options;
   options.pauseDivisor = 1;
   Station station(options);
-  ASSERT_TRUE(station.Start());
-  station.InsertStick(
-      PackageBuilder("S4.1.0.1").System("V2.0.0.01", 4096, PackageBuilder::Flash::ImageAndMarker).Build());
-  ExpectLog("upgrade uboot ok");
-  const auto started = std::chrono::steady_clock::now();
-  const auto status = station.daemon().Stop(SIGTERM, kPatience);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 1s * kSlowness);
-  ASSERT_TRUE(status.has_value());
-  EXPECT_EQ(*status, 0);
-  EXPECT_EQ(station.commands().Count("reboot *"), 0U);
+  for (const auto& row : rows) {
+    ASSERT_TRUE(station.Start());
+    station.InsertStick(row.package);
+    ExpectLog(row.log);
+    const auto started = std::chrono::steady_clock::now();
+    const auto status = station.daemon().Stop(SIGTERM, kPatience);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 1s * kSlowness) << row.log;
+    ASSERT_TRUE(status.has_value()) << row.log;
+    EXPECT_EQ(*status, 0) << row.log;
+    EXPECT_EQ(station.commands().Count("reboot *"), 0U) << row.log;
+  }
 }
 
 TEST_F(Lifecycle, CrashOnAnyThreadEndsWithItsSignalAsStatus) {

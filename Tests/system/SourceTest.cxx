@@ -53,6 +53,8 @@ TEST_F(Sources, StickPulledInTheMiddleOfTheCopyEndsInAReportedFailure) {
   ExpectReboot(station);
   EXPECT_EQ(Statuses(station.panel()), (std::vector<int>{kStarted, kFailed}));
   EXPECT_EQ(Station::MarkedForBoot(), Partition::A);
+  EXPECT_EQ(ReadFile("/proc/self/mounts").find("/run/media/sda"), std::string::npos)
+      << "the stick stays mounted";
 }
 
 TEST_F(Sources, SecondPackageIsRefusedAndTheFirstOneUnharmed) {
@@ -65,9 +67,9 @@ TEST_F(Sources, SecondPackageIsRefusedAndTheFirstOneUnharmed) {
   station.commands().Hold("7za x *");
   ASSERT_EQ(station.web().RequestUpgrade(first.name)->errorCode, WebServer::kAccepted);
   ASSERT_TRUE(station.commands().WaitForStart("7za x *", kPatience));
-  EXPECT_EQ(station.web().RequestUpgrade(second.name)->errorCode, WebServer::kBusy);
   station.InsertStick(second);
   ExpectLog("beingTask is have current upgrade  unpack failed.");
+  EXPECT_EQ(station.web().RequestUpgrade(second.name)->errorCode, WebServer::kBusy);
   station.commands().Release("7za x *");
   ExpectReboot(station);
   EXPECT_EQ(station.panel().Progress().back().property["softVersion"], "S4.1.0.1");
@@ -76,13 +78,15 @@ TEST_F(Sources, SecondPackageIsRefusedAndTheFirstOneUnharmed) {
   ExpectNoDifferences(station.DifferencesFrom(first, Partition::B));
 }
 
+// In real time: the third version report comes 4 s after the start, and a stick is read 2 s after it was
+// noticed.
 TEST_F(Sources, StickThatWasInAtStartIsNotRead) {
-  Station station;
+  StationOptions options;
+  options.pauseDivisor = 1;
+  Station station(options);
   station.InsertStick(PackageBuilder("S4.1.0.1").App("V2.0.0.01", 4096).Build());
   ASSERT_TRUE(station.Start());
-  // The idle station reports its versions; by the fifth time it would long have begun.
-  EXPECT_TRUE(station.panel().WaitForCmd(200, kPatience).has_value());
-  ExpectLog("sendUiMsg:");
+  EXPECT_TRUE(station.panel().WaitForCmd(200, kPatience, 3).has_value());
   EXPECT_TRUE(station.panel().Progress().empty());
 }
 
@@ -106,11 +110,6 @@ TEST_F(Sources, WebRequestsAreAnsweredByWhatTheyAre) {
   }
   property["fileName"] = "QV_K9031_H200_S4.1.0.1_RRU_UDISK_Common_1.zip";
   EXPECT_EQ(code(MakeRequest(4, 100, property)), WebServer::kRefused) << "there is no such file";
-  // The same request as a broadcast is nobody's business: the next call is not told "busy".
-  property["fileName"] = "QV_K9031_H200_S4.1.0.1_RRU_UDISK_Common_1.zip";
-  station.bus().SendSignal("/org/Upgread/object", "org.UpgradeWebRequest_Method.interface",
-                           "upgrade_web_dbus_method_notify", MakeRequest(5, 100, property));
-  EXPECT_EQ(code(MakeRequest(6, 100, property)), WebServer::kRefused);
   // A call that nobody serves gets no reply at all.
   EXPECT_FALSE(
       station.bus().Call("/org/Upgread/object", "org.Upgread.interface", "no_such_member", "x", 500ms));

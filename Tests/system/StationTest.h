@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -63,6 +65,11 @@ class StationTest : public ::testing::Test {
     EXPECT_EQ(station.Running(), target);
     ExpectNoDifferences(station.DifferencesFrom(package, target));
     EXPECT_EQ(station::Station::Versions(target)["totalVersion"]["softVersion"], package.softVersion);
+  }
+
+  static std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
   }
 
   static bool Exists(const std::string& path) {

@@ -18,7 +18,7 @@ namespace {
 
 // Path prefixes from the ground up. The last prefix that matches a path decides its floor, so that a folder's
 // exceptions stand behind it.
-constexpr std::array<std::pair<const char*, int>, 14> kFloors = {{
+constexpr std::array<std::pair<const char*, int>, 18> kFloors = {{
     {"PlatformSDK/Include/", 0},
     {"PlatformSDK/BSW/", 4},
     {"PlatformSDK/BSW/BasicFun/", 1},
@@ -30,6 +30,10 @@ constexpr std::array<std::pair<const char*, int>, 14> kFloors = {{
     {"App/QVUpgradeMng/UpgradeFrame/SocSubmodules/", 8},
     {"App/QVUpgradeMng/UpgradeFrame/SystemSubmodules/", 8},
     {"App/QVUpgradeMng/UpgradeFrame/RootfsSubmodules/", 8},
+    {"App/QVUpgradeMng/UpgradeFrame/RtxSubmodules/", 8},
+    {"App/QVUpgradeMng/UpgradeFrame/McuSubmodules/", 8},
+    {"App/QVUpgradeMng/UpgradeFrame/FpgaSubmodules/", 8},
+    {"App/QVUpgradeMng/UpgradeFrame/UacSubmodules/", 8},
     {"App/QVUpgradeMng/UpgradeFrame/SubmoduleFactory", 9},
     {"App/QVUpgradeMng/UpgradeFrame/QVUpgradeFrameBase", 10},
     {"App/QVUpgradeMng/UpgradeFrame/AccessMng/", 11},

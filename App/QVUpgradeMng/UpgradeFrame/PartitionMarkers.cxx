@@ -2,9 +2,6 @@
 /// stay.
 #include "UpgradeFrame/PartitionMarkers.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -17,15 +14,6 @@ namespace {
 
 constexpr const char* kChooseA = "part=0";
 constexpr const char* kChooseB = "part=1";
-
-/// Makes a deletion in `directory` last through a power cut.
-bool SyncDirectory(const std::string& directory) {
-  const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool synced = fsync(fd) == 0;
-  close(fd);
-  return synced;
-}
 
 }  // namespace
 
@@ -63,14 +51,17 @@ std::string PartitionMarkers::RunningPartition() const {
 ///
 /// At every instant there is one choice, the old partition or the new one, and both are whole: the new one
 /// was finished and synced before the first step. A step that fails ends the switch in one of the same
-/// states.
+/// states, B to A with B's marker put back.
 bool PartitionMarkers::SwitchFrom(const std::string& currentPart) const {
   if (currentPart == UpgradePaths::kAppA) {
     return _DeleteMarker(m_markerA) && _WirtePattenFile(m_markerB.c_str(), kChooseB);
   }
-  const bool deleted =
-      _DeleteMarker(m_markerB) && (currentPart == UpgradePaths::kAppB || _DeleteMarker(m_markerA));
-  return deleted && _WirtePattenFile(m_markerA.c_str(), kChooseA);
+  if (!_DeleteMarker(m_markerB)) return false;
+  const bool toAFromB = currentPart == UpgradePaths::kAppB;
+  if ((toAFromB || _DeleteMarker(m_markerA)) && _WirtePattenFile(m_markerA.c_str(), kChooseA)) return true;
+  // Without any marker A would be booted although the switch has failed.
+  if (toAFromB) _WirtePattenFile(m_markerB.c_str(), kChooseB);
+  return false;
 }
 
 /// Replaces the content of `path` by `text` so that it survives a power cut.
@@ -85,7 +76,7 @@ bool PartitionMarkers::_WirtePattenFile(const char* path, const char* text) {
 }
 
 bool PartitionMarkers::_DeleteMarker(const std::string& path) {
-  if (XDeleteFile(path) && SyncDirectory(path.substr(0, path.rfind('/')))) return true;
+  if (XDeleteFile(path) && SyncParentDirectory(path)) return true;
   LOGE("%s cannot be deleted: %s", path.c_str(), std::strerror(errno));
   return false;
 }

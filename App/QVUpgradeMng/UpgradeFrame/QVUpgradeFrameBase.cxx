@@ -231,8 +231,9 @@ std::string QVUpgradeFrameBase::_CheckUpgrade() {
   LOGI("QVUpgradeFrameBase::_CheckUpgrade");
   m_submodules.BeginProgress();
   _StopQuorvalen();
+  if (StopRequested()) return kStateUpgrading;
   QVUpgradeTool::ExecCommand("pkill -9 QVSysCtrl");
-  m_submodules.Start();
+  if (!StopRequested()) m_submodules.Start();
   return kStateUpgrading;
 }
 
@@ -242,8 +243,7 @@ void QVUpgradeFrameBase::_StopQuorvalen() {
   } else {
     LOGE("stop quorvalen field");
   }
-  Pause(kStopServicesPauseMs);
-  QVUpgradeTool::ExecCommand(kStopDisplayWatchdogCommand);
+  if (Pause(kStopServicesPauseMs)) QVUpgradeTool::ExecCommand(kStopDisplayWatchdogCommand);
 }
 
 std::string QVUpgradeFrameBase::_Upgrading() {
@@ -268,13 +268,12 @@ std::string QVUpgradeFrameBase::_JudgePass() {
 }
 
 /// From the marker change to the end of the boot loader a stop ends pauses but no work: a unit that is
-/// stopped there boots the new partition with the boot loader that belongs to it. A marker that cannot be
-/// changed fails the upgrade.
+/// stopped there boots the new partition with the boot loader that belongs to it. A version file or marker
+/// that cannot be written fails the upgrade: the other partition is not fit to boot.
 std::string QVUpgradeFrameBase::_UpgradSuccess() {
   LOGI("QVUpgradeFrameBase::_UpgradSuccess");
   LOGI("m_currentPart:%s m_nextPart:%s", m_currentPart.c_str(), m_nextPart.c_str());
-  _WirteNewVersion();
-  if (!m_markers.SwitchFrom(m_currentPart)) return kStateFaild;
+  if (!_WirteNewVersion() || !m_markers.SwitchFrom(m_currentPart)) return kStateFaild;
   _SaveUpgradePack();
   if (!XDeleteFile(kFirstUpgradeMarker)) LOGE("%s cannot be deleted", kFirstUpgradeMarker);
   if (_UpgradeUboot()) LOGI("upgrade uboot ok");
@@ -307,7 +306,7 @@ bool QVUpgradeFrameBase::_WirteNewVersion() {
     if (otaList.isArray() && !otaList.empty()) record["otaList"] = std::move(otaList);
   }
   const std::string path = m_nextPart + UpgradePaths::kVersionFile;
-  if (!XCreateFullPathDir(path.substr(0, path.rfind('/')), kVersionDirMode) ||
+  if (!IsMountPoint(m_nextPart) || !XCreateFullPathDir(path.substr(0, path.rfind('/')), kVersionDirMode) ||
       !JsonUtils::WriteFileToJson(path, record, true)) {
     LOGE("%s cannot be written", path.c_str());
     return false;

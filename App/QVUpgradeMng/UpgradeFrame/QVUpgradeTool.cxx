@@ -28,7 +28,7 @@ template <class Accept>
 std::string FindFile(const char* dir, const char* part, Accept accept) {
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(dir), closedir);
   if (!directory) {
-    LOGE("Failed to open directory %s: %s", dir, std::strerror(errno));
+    LOGE("Failed to open directory");
     return {};
   }
   while (const dirent* entry = readdir(directory.get())) {
@@ -37,7 +37,7 @@ std::string FindFile(const char* dir, const char* part, Accept accept) {
     struct stat status {};
     // A link is no package: it would lead out of the directory.
     if (fstatat(dirfd(directory.get()), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-      LOGE("Failed to get file status: %s/%s: %s", dir, name.c_str(), std::strerror(errno));
+      LOGE("Failed to get file status");
       continue;
     }
     if (!S_ISREG(status.st_mode) || !accept(name)) continue;
@@ -62,7 +62,7 @@ int QVUpgradeTool::ExecCommand(const char* cmd) {
       LOGD("Command exited with code: %d status:%d", result.exitCode, result.rawStatus);
       return result.exitCode;
     case ShellResult::Outcome::Killed:
-      LOGE("Command terminated abnormally: %s", cmd);
+      LOGE("Command terminated abnormally");
       return -1;
     case ShellResult::Outcome::SigmaskFailed:
       LOGE("sigprocmask error! %s", std::strerror(result.error));

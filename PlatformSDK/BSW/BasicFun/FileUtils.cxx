@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 #include "BSW/BasicFun/StringUtils.h"
@@ -30,14 +29,6 @@ bool WriteAll(int fd, const char* data, size_t length) {
     length -= static_cast<size_t>(written);
   }
   return true;
-}
-
-/// Makes the directory entry of `path` survive a power cut.
-bool SyncParentDirectory(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const UniqueFd directory(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return directory && fsync(directory.Get()) == 0;
 }
 
 /// Removes `path` and keeps the errno of what went wrong before.
@@ -105,10 +96,14 @@ bool CopyContent(int from, int to, int64_t size, const StopPredicate& stop) {
   return false;
 }
 
-/// Writes `content` with the permissions of the file it will replace.
+/// Writes `content` with the owner and permissions of the file it will replace.
 bool WriteReplacement(int fd, const std::string& replaced, std::string_view content) {
   struct stat old {};
-  const mode_t mode = stat(replaced.c_str(), &old) == 0 ? old.st_mode & kPermissionBits : kNewFileMode;
+  mode_t mode = kNewFileMode;
+  if (stat(replaced.c_str(), &old) == 0) {
+    mode = old.st_mode & kPermissionBits;
+    if (fchown(fd, old.st_uid, old.st_gid) != 0) return false;
+  }
   return WriteAll(fd, content.data(), content.size()) && fchmod(fd, mode) == 0 && fsync(fd) == 0;
 }
 
@@ -210,14 +205,23 @@ bool CopyFile(const std::string& from, const std::string& to, const StopPredicat
 }
 
 bool WriteFileAtomic(const std::string& path, std::string_view content) {
-  std::string temporary = path + ".XXXXXX";
-  const UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
+  // One name for all times: what a power cut leaves is used again instead of piling up.
+  const std::string temporary = path + ".new";
+  const UniqueFd file(
+      open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kNewFileMode));
   if (!file) return false;
   if (!WriteReplacement(file.Get(), path, content) || !XRenameFile(temporary, path)) {
     RemoveLeftover(temporary);
     return false;
   }
   return SyncParentDirectory(path);
+}
+
+bool SyncParentDirectory(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const UniqueFd directory(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return directory && fsync(directory.Get()) == 0;
 }
 
 UniqueFd OpenRegularFile(const std::string& path) {

@@ -46,10 +46,14 @@ bool CopyFile(const std::string& from, const std::string& to, const StopPredicat
 /// Replaces the content of `path` in one step that survives a power cut: written to a temporary name beside
 /// it, synced, renamed, and the directory synced. Afterwards there is the old content or the new, never a
 /// half. The parent directory must exist. On failure the old file is untouched and the temporary removed.
+/// Writers of one path take turns: the temporary name is always the same.
 bool WriteFileAtomic(const std::string& path, std::string_view content);
 
 /// Opens a regular file for reading; empty for anything else. Never waits, not even on a FIFO.
 UniqueFd OpenRegularFile(const std::string& path);
+
+/// Makes the creation or removal of the directory entry `path` survive a power cut.
+bool SyncParentDirectory(const std::string& path);
 
 /// Reads a whole file of at most `maxBytes`; false when it is larger, no regular file, or unreadable.
 bool ReadFileToString(const std::string& path, size_t maxBytes, std::string& content);

@@ -72,6 +72,9 @@ void CloseOnExecFrom(unsigned first, unsigned limit) {
 /// The child, from fork to exec: async-signal-safe calls only.
 [[noreturn]] void ExecShell(const char* command, const sigset_t& mask, unsigned descriptorLimit) {
   signal(SIGPIPE, SIG_DFL);  // the daemon ignores it, and exec would hand that on
+  // A command that asks gets no answer instead of waiting for one.
+  const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (nothing >= 0) dup2(nothing, STDIN_FILENO);
   CloseOnExecFrom(STDERR_FILENO + 1, descriptorLimit);
   pthread_sigmask(SIG_SETMASK, &mask, nullptr);
   execl("/bin/sh", "sh", "-c", command, nullptr);

@@ -21,9 +21,9 @@ struct ShellResult {
   int error = 0;      ///< errno of a failed call
 };
 
-/// Runs `command` with "/bin/sh -c" and waits for it to end, however long that takes. The child gets no
-/// descriptor of this process above 2, SIGPIPE and SIGCHLD at their defaults and the caller's signal mask.
-/// Any thread may call, several at once: while at least one command runs, SIGCHLD has its default
-/// disposition, so no handler can reap a command's status; the last one to end restores what the first one
-/// found.
+/// Runs `command` with "/bin/sh -c" and waits for it to end, however long that takes. The child reads from
+/// /dev/null and gets no descriptor of this process above 2, SIGPIPE and SIGCHLD at their defaults and the
+/// caller's signal mask. Any thread may call, several at once: while at least one command runs, SIGCHLD has
+/// its default disposition, so no handler can reap a command's status; the last one to end restores what the
+/// first one found.
 ShellResult RunShell(const char* command);

@@ -330,21 +330,23 @@ CDbusHandler::ConnectionPtr CDbusHandler::_Connection() {
 }
 
 void CDbusHandler::ThreadProc() {
-  LOGD("Enter CDbusHandler Thread, thread PID = %d, PPID = %d.", getpid(), getppid());
+  LOGD("Enter CDbusHandler Thread, thread PID = %d, PPID = %d.", gettid(), getppid());
   m_receiveThread = std::this_thread::get_id();
   while (IsRunning()) {
-    // With messages in the queue, only look whether there are more.
-    if (!QueryMessage(_HasReceived() ? 0 : kQueryMs)) {
+    const std::vector<DBUS_SERVICES> before = _Services();
+    // With messages to handle, only look whether there are more.
+    if (!QueryMessage(!before.empty() && _HasReceived() ? 0 : kQueryMs)) {
       Pause(kClosedPauseMs);
       continue;
     }
-    std::vector<DBUS_SERVICES> services;
-    {
-      const std::lock_guard<CMutex> lock(m_Mutex);
-      services = m_VcDbusServices;
-    }
+    const std::vector<DBUS_SERVICES> services = _Services();
     if (!services.empty()) HandleMessage(services, services.size());
   }
+}
+
+std::vector<DBUS_SERVICES> CDbusHandler::_Services() {
+  const std::lock_guard<CMutex> lock(m_Mutex);
+  return m_VcDbusServices;
 }
 
 bool CDbusHandler::QueryMessage(int timeoutMs) {
@@ -419,9 +421,8 @@ bool CDbusHandler::_HandleCall(const DBUS_SERVICES& service, DBusMessage* call) 
   if (dbus_message_has_path(call, service.pstrObjectName) == 0) return true;
   std::string text;
   const FirstArgument argument = _ReadText(call, text);
-  if (argument == FirstArgument::None) std::printf("Message has no arguments!\n");
-  if (argument == FirstArgument::OtherType) std::printf("Argument is not string!\n");
-  if (argument != FirstArgument::Text) return false;
+  if (argument == FirstArgument::None) std::fputs("Message has no arguments!\n", stderr);
+  if (argument == FirstArgument::OtherType) std::fputs("Argument is not string!\n", stderr);
   _Reply(call, service.pfnCallback(text));
   return true;
 }

@@ -98,6 +98,8 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   /// SignalListen with m_Mutex held.
   void _AddMatch(const char* interface, const char* member);
 
+  /// A copy of the services as they are now.
+  std::vector<DBUS_SERVICES> _Services();
   /// Reads, writes and dispatches for at most `timeoutMs`. False once the connection is closed.
   bool QueryMessage(int timeoutMs);
   /// Routes the oldest received message to the services that match it. False when there was none or it had no

@@ -215,6 +215,7 @@ bool CLog::CopyLogToUdisk(const char* dir) {
 }
 
 void CLog::DeleteLog() {
+  if (m_strLogPath[0] == '\0') return;
   RunShell(FormatText("rm %s/*", ShellQuote(m_strLogPath).c_str()).c_str());
   const std::lock_guard<CMutex> lock(m_Mutex);
   log4cpp::Appender::reopenAll();  // else later lines would go into files that no longer have a name

@@ -88,7 +88,7 @@ bool PhyInterface::UnRegisterInterface(const std::string& pattern) {
 }
 
 void PhyInterface::ThreadProc() {
-  LOGI("Enter PhyInterface Thread, thread PID = %d, PPID = %d.", getpid(), getppid());
+  LOGI("Enter PhyInterface Thread, thread PID = %d, PPID = %d.", gettid(), getppid());
   while (IsRunning()) {
     fd_set readable;
     FD_ZERO(&readable);

@@ -1,12 +1,15 @@
 /// The steps. Every name that reaches a command line is quoted here or where the command is built.
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
+#include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeFrame/AccessMng/PackageName.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
@@ -27,6 +30,18 @@ bool Unpack(const std::string& archive, const std::string& directory) {
   if (Run(UnpackCommand(archive, directory)) != 0) return false;
   Run("sync");
   return true;
+}
+
+void ClearDownloads(const std::string& archive) {
+  constexpr const char* kUnfinished = ".part";
+  std::error_code error;
+  for (std::filesystem::directory_iterator at(UpgradePaths::kDownload, error), end; !error && at != end;
+       at.increment(error)) {
+    const std::string path = at->path();
+    if (path != archive && at->path().extension() != kUnfinished && !XRemoveDirectory(path)) {
+      LOGE("cannot remove %s: %s", path.c_str(), std::strerror(errno));
+    }
+  }
 }
 
 bool IsRegularFileItself(const std::string& path) {

@@ -17,6 +17,10 @@ std::string UnpackCommand(const std::string& archive, const std::string& directo
 /// cannot speak for this one.
 bool Unpack(const std::string& archive, const std::string& directory);
 
+/// Removes what earlier packages left where web packages are unpacked, all but `archive` and unfinished
+/// downloads.
+void ClearDownloads(const std::string& archive);
+
 /// True for a regular file, not for a symbolic link to one.
 bool IsRegularFileItself(const std::string& path);
 

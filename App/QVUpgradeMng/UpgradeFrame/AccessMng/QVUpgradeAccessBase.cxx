@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <set>
 #include <stdexcept>
 
 #include "BSW/BasicFun/FileUtils.h"
@@ -36,7 +37,7 @@ constexpr const char* kUdiskCopyName = "/ota.zip";
 
 /// Kept beside the logs for diagnosis when a manifest cannot be read, and how long the unit then stays as it
 /// is.
-constexpr const char* kKeepBadManifestCommand = "cp -rf /firmware/upload/page/version.json /qv_data/11.json";
+constexpr const char* kBadManifestCopy = "/qv_data/11.json";
 constexpr uint32_t kBadManifestPauseMs = 60'000;
 
 /// Ends the heavy processes whose memory the unpacker needs.
@@ -86,11 +87,26 @@ std::string DeviceType(const Json::Value& item) {
 
 /// Reads the page root's manifest; false, logged by the reader, when there is no list in it.
 bool ReadPackageList(Json::Value& list) {
+  const std::string path = PagePath(UpgradePaths::kManifestName);
   Json::Value manifest;
-  if (!QVUpgradeTool::readFileToJson(PagePath(UpgradePaths::kManifestName).c_str(), manifest)) return false;
+  if (!PackageSteps::IsRegularFileItself(path)) {
+    LOGE("%s is no file", path.c_str());
+    return false;
+  }
+  if (!QVUpgradeTool::readFileToJson(path.c_str(), manifest)) return false;
   if (!manifest.isObject() || !manifest["otaList"].isArray()) return false;
   list = manifest["otaList"];
   return true;
+}
+
+/// Keeps an unreadable manifest for diagnosis. Only a file of a manifest's size, and never through what an
+/// earlier package left under the copy's name: both could lead the copy elsewhere.
+void KeepBadManifest(const std::string& manifestFile) {
+  const int64_t size = XGetFileSize(manifestFile);
+  const bool harmless = PackageSteps::IsRegularFileItself(manifestFile) && size >= 0 &&
+                        static_cast<uint64_t>(size) <= JsonUtils::kMaxDocumentBytes;
+  if (!XRemoveDirectory(kBadManifestCopy) || !harmless) return;
+  Run(FormatText("cp -rf %s %s", manifestFile.c_str(), kBadManifestCopy));
 }
 
 /// True, logged, while the frame works on a package.
@@ -113,6 +129,10 @@ void DeleteArchive(const std::string& archive) {
 }  // namespace
 
 void QVUpgradeAccessBase::InitUpgradeFilePath() {
+  // Nothing of an earlier package, refused or broken, may become part of this one.
+  if (!XRemoveDirectory(UpgradePaths::kPage)) {
+    LOGE("cannot remove %s: %s", UpgradePaths::kPage, std::strerror(errno));
+  }
   XCreateFullPathDir(UpgradePaths::kPage, kPageMode);
   for (const char* subDirectory : kPageSubDirectories) {
     const std::string directory = std::string(UpgradePaths::kPage) + subDirectory;
@@ -171,6 +191,7 @@ bool QVUpgradeAccessBase::UnpackWebAndOTA(UPGRADEACCESSTYPE accessType, const st
     LOGE("accessType is error not webs udisk ota");
     return _NoTask();
   }
+  PackageSteps::ClearDownloads(path);
   if (!_UnpackArchive(path, UpgradePaths::kDownload)) return false;
   _MoveUpgradePage();
   DeleteArchive(path);
@@ -220,7 +241,8 @@ bool QVUpgradeAccessBase::_UnpackArchive(const std::string& archive, const char*
   Run(kKillCommand);
   LOGI("QVUpgradeAccessUdisk::  sysComd:%s", PackageSteps::UnpackCommand(archive, directory).c_str());
   if (!PackageSteps::Unpack(archive, directory)) {
-    LOGE("Udisk tar file is error");
+    LOGI("Udisk tar file is error");
+    DeleteArchive(archive);  // it would fill the file system for the next one
     _FailAndReboot();
     return false;
   }
@@ -270,7 +292,7 @@ int QVUpgradeAccessBase::CheckPack(const AllVersion& current) {
   Json::Value list;
   if (!ReadPackageList(list)) {
     LOGE("readFile to json failed.File:%s", manifestFile.c_str());
-    Run(kKeepBadManifestCommand);
+    KeepBadManifest(manifestFile);
     CThread::Pause(kBadManifestPauseMs);
     return EM_RET_FAILED;
   }
@@ -436,6 +458,7 @@ bool QVUpgradeAccessBase::_MovePages() {
     return false;
   }
   const UpgradeTypeNames typeNames = QVUpgradeAccessFrame::getAccessFrame()->getUpgradeTypeName();
+  std::set<UPGRADETYPE> moved;
   for (const Json::Value& item : list) {
     if (!item.isObject() || !item.isMember("pageType") || !item.isMember("version") ||
         !item.isMember("pageName")) {
@@ -448,8 +471,11 @@ bool QVUpgradeAccessBase::_MovePages() {
       continue;
     }
     std::string pageName;
-    if (!PackageSteps::GetFileName(item, "pageName", pageName)) {
-      LOGE("unusable pageName of %s", typeName->first.c_str());
+    std::string version;
+    if (!PackageSteps::GetFileName(item, "pageName", pageName) ||
+        !PackageSteps::GetFileName(item, "version", version) || !IsValidUtf8(version) ||
+        !moved.insert(typeName->second.second).second) {
+      LOGE("unusable or second entry of %s", typeName->first.c_str());
       return false;
     }
     const std::string target = PagePath(typeName->second.first) + "/" + pageName;

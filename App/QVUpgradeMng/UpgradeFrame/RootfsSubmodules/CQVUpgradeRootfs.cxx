@@ -3,6 +3,8 @@
 #include "UpgradeFrame/RootfsSubmodules/CQVUpgradeRootfs.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
@@ -19,6 +21,7 @@ namespace {
 
 constexpr int kErrorRootfs = 0x452;
 constexpr uint32_t kUnpackPauseMs = 5000;
+constexpr mode_t kMountPointMode = 0755;
 /// An unpacked root file system is larger than its compressed archive; less than this part of it means files
 /// are missing although tar was content.
 constexpr double kLeastUsedShare = 0.9;
@@ -56,6 +59,10 @@ bool CQVUpgradeRootfs::_CheckUpgrade(const QVUpgradingInfo& info) {
     return false;
   }
   if (!_MakeFileSystem(*target)) return false;
+  if (!XCreateFullPathDir(target->mountPoint, kMountPointMode)) {
+    LOGE("%s cannot be created: %s", target->mountPoint.c_str(), std::strerror(errno));
+    return false;
+  }
   if (!_MustExec("mount " + target->device + " " + target->mountPoint)) return false;
   const bool filled = _IsTargetMounted(target->mountPoint) && _Unpack(info, *target) &&
                       _CheckUsedSize(info.m_upgradeFilePath, *target);
