@@ -1,7 +1,7 @@
 # Names every Debian package that the project needs, once. Sourced by run-station and run-tests; changes nothing when
 # all of them are there.
 
-build_packages="g++ cmake ninja-build pkg-config git libjsoncpp-dev liblog4cpp5-dev libdbus-1-dev libssl-dev zlib1g-dev
+build_packages="g++ cmake ninja-build pkg-config git libjsoncpp-dev liblog4cpp5-dev libdbus-1-dev libssl-dev
   libgtest-dev libbenchmark-dev"
 # What the daemon runs on the device, and what the virtual station needs beside it.
 runtime_packages="p7zip-full tar unzip e2fsprogs mount util-linux procps dbus dbus-daemon time"
