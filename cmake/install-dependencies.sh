@@ -1,12 +1,13 @@
 # Names every Debian package that the project needs, once. Sourced by run-station and run-tests; changes nothing when
 # all of them are there.
 
-build_packages="g++ cmake ninja-build pkg-config git libjsoncpp-dev liblog4cpp5-dev libdbus-1-dev libssl-dev
+build_packages="g++ cmake ninja-build pkg-config git libjsoncpp-dev liblog4cpp5-dev libdbus-1-dev libssl-dev zlib1g-dev
   libgtest-dev libbenchmark-dev"
 # What the daemon runs on the device, and what the virtual station needs beside it.
 runtime_packages="p7zip-full tar unzip e2fsprogs mount util-linux procps dbus dbus-daemon time"
 station_packages="bzip2 openssl findutils"
 lint_packages="clang clang-format clang-tidy"
+fuzz_packages="clang libclang-rt-14-dev"
 
 # as_root COMMAND...: runs it as root, through sudo where needed; 126 when neither works.
 as_root() {

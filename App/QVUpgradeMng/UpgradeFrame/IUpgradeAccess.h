@@ -17,6 +17,9 @@ class IUpgradeAccess {
  public:
   virtual UpgradeTypeNames getUpgradeTypeName() = 0;
   virtual AllVersion getAllVersion() = 0;
+  /// Applies `change` to the record and writes the running partition's version file. `change` must not call
+  /// back.
+  virtual void SetVersion(const std::function<void(AllVersion&)>& change) = 0;
   /// Sends the version report to the panel.
   virtual bool SendVersionUI() = 0;
   /// The start flag: while set, no package is unpacked.

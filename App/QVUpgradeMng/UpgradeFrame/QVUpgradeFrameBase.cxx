@@ -5,12 +5,15 @@
 
 #include <unistd.h>
 
+#include <memory>
+#include <optional>
 #include <utility>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/RtxSubmodules/CQVUpgradeRtx.h"
 #include "UpgradeFrame/SubmoduleFactory.h"
 #include "UpgradeFrame/UpgradePaths.h"
 #include "UpgradeFrame/VersionRecord.h"
@@ -44,6 +47,12 @@ constexpr const char* kFirstUpgradeMarker = "/var/first_upgrade.ini";
 constexpr const char* kUbootImage = "/firmware/upload/page/system/flash.bin";
 constexpr const char* kUbootMarker = "/firmware/upload/page/system/flash.bin.upgrade";
 
+/// The radio modules' upgrader is the frame's own; the factory makes the others.
+std::shared_ptr<IQVUpgrade> CreateUpgrader(UPGRADETYPE type) {
+  if (type == UP_RTX) return std::make_shared<CQVUpgradeRtx>();
+  return SubmoduleFactory::Create(type);
+}
+
 }  // namespace
 
 /// Idle -> Areprocess -> Check -> Upgrading -> Success or Faild -> Switch, where the unit reboots.
@@ -59,7 +68,7 @@ const QVUpgradeFrameBase::Table QVUpgradeFrameBase::m_MapStateMachineFunc = {
 
 QVUpgradeFrameBase::QVUpgradeFrameBase()
     : StateMachine("UpgradeFrame", m_MapStateMachineFunc, kStateIdle),
-      m_submodules(&SubmoduleFactory::Create, &QVUpgradeFrameBase::UpgradePrecentCallback, this),
+      m_submodules(&CreateUpgrader, &QVUpgradeFrameBase::UpgradePrecentCallback, this),
       m_versionBroadcast("UpgFrameVer") {
   if (!XRemoveDirectory(UpgradePaths::kPage)) LOGE("%s cannot be removed", UpgradePaths::kPage);
   _ReadPartitionFile();
@@ -84,6 +93,7 @@ bool QVUpgradeFrameBase::Init() {
 void QVUpgradeFrameBase::RequestStop() {
   DestroyThread(true, false);
   m_versionBroadcast.DestroyThread(true, false);
+  m_mcuStartup.RequestStop();
   m_submodules.RequestStop();
 }
 
@@ -105,8 +115,23 @@ bool QVUpgradeFrameBase::startUpgrade(int /*accessType*/, AllVersion newVersion)
 
 bool QVUpgradeFrameBase::LoadVersion() {
   AllVersion versions;
-  if (!VersionRecord::Read(m_currentPart + UpgradePaths::kVersionFile, versions)) return false;
-  return _ChangeInIdle(kStateIdle, [&] { m_frameVersion = std::move(versions); });
+  const bool loaded = VersionRecord::Read(m_currentPart + UpgradePaths::kVersionFile, versions) &&
+                      _ChangeInIdle(kStateIdle, [&] { m_frameVersion = std::move(versions); });
+  _LoadMcuVersion();
+  return loaded;
+}
+
+/// A version that is only written differently, with a "V" as packages have it, stays as it is.
+void QVUpgradeFrameBase::_LoadMcuVersion() {
+  const std::optional<McuVersion> running = m_mcuStartup.Run();
+  IUpgradeAccess* const access = m_pAccess;
+  if (!running || access == nullptr) return;
+  if (McuVersion::Parse(access->getAllVersion().m_SubmodulesVer.m_mcuVersion) == running) return;
+  const auto enter = [&running](AllVersion& versions) {
+    versions.m_SubmodulesVer.m_mcuVersion = running->Text();
+  };
+  access->SetVersion(enter);
+  _ChangeInIdle(kStateIdle, [&] { enter(m_frameVersion); });
 }
 
 int QVUpgradeFrameBase::UpgradePrecentCallback(int progress, UPGRADETYPE type, void* ctx) {
@@ -230,6 +255,7 @@ void QVUpgradeFrameBase::_WarnOfSkippedSocParts() const {
 std::string QVUpgradeFrameBase::_CheckUpgrade() {
   LOGI("QVUpgradeFrameBase::_CheckUpgrade");
   m_submodules.BeginProgress();
+  m_mcuStartup.HandOverLine();
   _StopQuorvalen();
   if (StopRequested()) return kStateUpgrading;
   QVUpgradeTool::ExecCommand("pkill -9 QVSysCtrl");

@@ -13,6 +13,7 @@
 #include "BSW/MultiTask/CTaskQue.h"
 #include "UpgradeFrame/IQVUpgrade.h"
 #include "UpgradeFrame/IUpgradeAccess.h"
+#include "UpgradeFrame/McuSubmodules/McuStartup.h"
 #include "UpgradeFrame/PartitionMarkers.h"
 #include "UpgradeFrame/StateMachine.h"
 #include "UpgradeFrame/SubmoduleRunner.h"
@@ -44,7 +45,9 @@ class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
   /// Root of the running partition, "/app_A" or "/app_B".
   std::string getCurrentPatten() const { return m_currentPart; }
   /// Reads the running partition's version record into the frame's, while no upgrade runs. False when one
-  /// runs or the file cannot be read; then the frame's record stays as it was. Any thread.
+  /// runs or the file cannot be read; then the frame's record stays as it was. Then asks the MCU for its
+  /// version, which goes into both the frame's record and the access side's, and continues an upgrade of it
+  /// that was interrupted; RequestStop ends that. Once, on a thread that may wait.
   bool LoadVersion();
 
   /// The callback given to every upgrader; `ctx` is the frame. Runs on the upgrader's thread. Always 0.
@@ -67,6 +70,7 @@ class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
   std::string _SwitchPartition();
 
   void _ReadPartitionFile();
+  void _LoadMcuVersion();
   void _BroadcastVersion();
   void _AddManifestEntry(const Json::Value& entry, const UpgradeTypeNames& names,
                          QVUpgradeVersionInfo& installed);
@@ -82,6 +86,7 @@ class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
   static const Table m_MapStateMachineFunc;
 
   SubmoduleRunner m_submodules;
+  McuStartup m_mcuStartup;
   const PartitionMarkers m_markers;
   std::string m_currentPart;  ///< the running partition's root; like m_nextPart fixed at construction
   std::string m_nextPart;     ///< the other one's, the target of the upgrade

@@ -1,5 +1,4 @@
-/// The four states of a SoC upgrader and its status. Called by the frame and by the base's own
-/// thread.
+/// The four states of a SoC upgrader and its status. Called by the frame and by the base's own thread.
 #include "UpgradeFrame/SocUpgraderBase.h"
 
 #include <utility>
@@ -51,6 +50,7 @@ std::string SocUpgraderBase::_CheckState() {
 std::string SocUpgraderBase::_SuccessState() {
   m_iStatus = kDone;
   m_iProgress = ProgressReporter::kSuccess;
+  _OnEnd(true);
   UploadPrecent(ProgressReporter::kSuccess);
   return m_kind.idle;
 }
@@ -58,11 +58,14 @@ std::string SocUpgraderBase::_SuccessState() {
 std::string SocUpgraderBase::_FailState() {
   m_iStatus = kFailed;
   m_iProgress = ProgressReporter::kFailure;
+  _OnEnd(false);
   UploadPrecent(ProgressReporter::kFailure);
-  ErrorNum::instance()->Record(SubMod_MainBoard, m_kind.errorCode);
+  if (m_kind.errorCode != kNoErrorCode) ErrorNum::instance()->Record(SubMod_MainBoard, m_kind.errorCode);
   Pause(kFailPauseMs);
   return m_kind.idle;
 }
+
+void SocUpgraderBase::_OnEnd(bool /*succeeded*/) {}
 
 bool SocUpgraderBase::Init() {
   return CreateThread(0);

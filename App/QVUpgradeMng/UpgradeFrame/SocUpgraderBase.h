@@ -1,6 +1,6 @@
-/// What the upgraders of the SoC's file systems share: each runs the same four states on a thread of its own
-/// and differs only in names and in how it puts its payload in place. A new one supplies a Kind and
-/// _CheckUpgrade.
+/// What the upgraders share that do their part in one go, those of the SoC's file systems, the FPGA and the
+/// USB audio chip: each runs the same four states on a thread of its own and differs only in names and in how
+/// it puts its payload in place. A new one supplies a Kind and _CheckUpgrade.
 #pragma once
 
 #include <atomic>
@@ -27,11 +27,13 @@ class SocUpgraderBase : public IQVUpgrade, public StateMachine<SocUpgraderBase> 
   void RequestStop() override;
 
  protected:
+  static constexpr int kNoErrorCode = 0;
+
   /// What tells one upgrader from another. The texts are literals.
   struct Kind {
     const char* threadName;
     UPGRADETYPE type;
-    int errorCode;  ///< recorded on failure
+    int errorCode;  ///< recorded on failure, unless kNoErrorCode
     const char* idle;
     const char* check;
     const char* success;
@@ -47,6 +49,11 @@ class SocUpgraderBase : public IQVUpgrade, public StateMachine<SocUpgraderBase> 
   /// Puts the payload in place, on the upgrader's thread; false, logged, on failure. After a stop it starts
   /// no further command, but undoes what it mounted.
   virtual bool _CheckUpgrade(const QVUpgradingInfo& info) = 0;
+  /// Called on the upgrader's thread with the end of the work, before that is reported; not after a stop.
+  virtual void _OnEnd(bool succeeded);
+
+  /// Reports to the frame that `done` of `total` steps of the work are behind.
+  void _ReportSteps(size_t done, size_t total) { m_progress.ReportSteps(done, total); }
 
   /// Runs a command and gives its exit code; -1, without running it, after a stop.
   static int _Exec(const std::string& command);

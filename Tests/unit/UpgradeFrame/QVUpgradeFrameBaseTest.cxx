@@ -14,6 +14,7 @@ class QuietAccess : public IUpgradeAccess {
  public:
   UpgradeTypeNames getUpgradeTypeName() override { return {}; }
   AllVersion getAllVersion() override { return {}; }
+  void SetVersion(const std::function<void(AllVersion&)>& /*change*/) override {}
   bool SendVersionUI() override {
     if (!m_bSent.exchange(true)) sent.set_value();
     return true;

@@ -58,8 +58,7 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   AllVersion getAllVersion() override;
   /// Replaces the record and writes the running partition's version file.
   void setAllVersion(const AllVersion& versions);
-  /// Applies `change` to the record and writes the version file. `change` must not call back.
-  void SetVersion(const std::function<void(AllVersion&)>& change);
+  void SetVersion(const std::function<void(AllVersion&)>& change) override;
   /// Notes the overall versions of the package being prepared, without writing the file.
   void SetNewOverallVersion(const OTAVersion& overall);
 

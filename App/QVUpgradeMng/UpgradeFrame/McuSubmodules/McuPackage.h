@@ -1,0 +1,19 @@
+/// The MCU's page of an upgrade package: a tar that holds one zip, named with the firmware's version, that
+/// holds the image. Unpacked by the MCU upgrader before it talks to the chip.
+#pragma once
+
+#include <string>
+
+#include "UpgradeFrame/McuSubmodules/McuUpgRecord.h"
+
+namespace McuPackage {
+
+/// The oldest firmware that this base station works with.
+constexpr const char* m_strMinCompatibleVer = "1.0.6.30";
+
+/// Empties or creates `directory`, unpacks `package` there and describes the image in `firmware`; the image
+/// is on the disk then, not only in memory. False, logged, when anything fails, the firmware is older than
+/// m_strMinCompatibleVer, or the calling thread is asked to stop.
+bool Unpack(const std::string& package, const std::string& directory, FwInfo_t& firmware);
+
+}  // namespace McuPackage

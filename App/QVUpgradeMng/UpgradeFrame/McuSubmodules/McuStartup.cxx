@@ -1,0 +1,104 @@
+/// The MCU at the daemon's start. Called by the frame; commands and bounds are fixed.
+#include "UpgradeFrame/McuSubmodules/McuStartup.h"
+
+#include <chrono>
+
+#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/Log/CLog.h"
+#include "UpgradeFrame/QVUpgradeTool.h"
+
+using McuMessages::Identity;
+using McuMessages::RunMode;
+
+namespace {
+
+/// Many times what a whole upgrade of the MCU takes.
+constexpr std::chrono::minutes kContinueTime(10);
+/// What the upgrade stopped.
+constexpr const char* kStartApplicationCommand = "systemctl start quorvalen";
+
+}  // namespace
+
+std::optional<McuVersion> McuStartup::Run() {
+  if (!XFilePathExists(McuSubmodules::m_strUartName)) {
+    LOGI("no %s, no MCU", McuSubmodules::m_strUartName);
+    return std::nullopt;
+  }
+  const bool interrupted = McuUpgRecord(McuSubmodules::m_stStoredPath).IsInterrupted();
+  if (!_EnterPhase(interrupted ? Phase::Continuing : Phase::Asking)) return std::nullopt;
+  const std::optional<Identity> mcu = interrupted ? _ContinueUpgrade() : m_mcu.LoadVersion();
+  _EndRun();
+  if (!mcu) return std::nullopt;
+  return mcu->version;
+}
+
+bool McuStartup::_EnterPhase(Phase phase) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_emPhase != Phase::NotBegun) return false;
+  m_emPhase = phase;
+  return true;
+}
+
+void McuStartup::_EndRun() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_emPhase = Phase::Ended;
+  m_cvNews.notify_all();
+}
+
+std::optional<Identity> McuStartup::_ContinueUpgrade() {
+  // The frame counts no part here.
+  m_mcu.RegisterUploadPrecentCallback([](int, UPGRADETYPE, void*) { return 0; }, nullptr);
+  m_mcu.RegRetUpgResultCb([this](bool succeeded) {
+    LOGI("interrupted MCU upgrade %s", succeeded ? "is done" : "has failed");
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_bResult = true;
+    m_cvNews.notify_all();
+  });
+  LOGW("MCU upgrade was interrupted, it is continued");
+  if (!m_mcu.Init()) return std::nullopt;
+  std::optional<Identity> mcu = m_mcu.LoadVersion();
+  if (mcu && mcu->mode != RunMode::Silent) {
+    const bool inBoot = mcu->mode == RunMode::BootLoader;
+    if (m_mcu.ContinueUpg(inBoot ? McuSubmodules::EM_STATE_UPG_MCU : McuSubmodules::EM_STATE_CHECK_VER)) {
+      _WaitForResult();
+      mcu = m_mcu.LastIdentity();
+    }
+  }
+  m_mcu.CleanUp();
+  if (_IsStopped()) return std::nullopt;
+  if (QVUpgradeTool::ExecCommand(kStartApplicationCommand) != 0) LOGE("%s failed", kStartApplicationCommand);
+  return mcu;
+}
+
+void McuStartup::_WaitForResult() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  if (m_cvNews.wait_for(lock, kContinueTime, [this] { return m_bResult || m_bStopped; })) return;
+  LOGE("interrupted MCU upgrade does not come to its end, it is given up");
+}
+
+bool McuStartup::_IsStopped() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_bStopped;
+}
+
+void McuStartup::HandOverLine() {
+  bool asking = false;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    asking = m_emPhase == Phase::Asking;
+    if (m_emPhase == Phase::NotBegun) m_emPhase = Phase::Ended;
+  }
+  if (asking) m_mcu.RequestStop();
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_cvNews.wait(lock, [this] { return m_emPhase == Phase::Ended; });
+}
+
+void McuStartup::RequestStop() {
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_bStopped = true;
+    if (m_emPhase == Phase::NotBegun) m_emPhase = Phase::Ended;
+    m_cvNews.notify_all();
+  }
+  m_mcu.RequestStop();
+}

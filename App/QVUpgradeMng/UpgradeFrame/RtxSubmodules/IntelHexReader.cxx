@@ -1,0 +1,195 @@
+#include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <numeric>
+#include <utility>
+
+#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
+#include "BSW/Log/CLog.h"
+
+namespace Rtx {
+
+namespace {
+
+// A line is ":", count 1, offset 2, type 1, data count, checksum 1; two digits each byte.
+constexpr char kMark = ':';
+constexpr size_t kOffsetPosition = 1;
+constexpr size_t kTypePosition = 3;
+constexpr size_t kDataPosition = 4;
+constexpr size_t kOverhead = 5;
+constexpr unsigned kByteBits = 8;
+constexpr unsigned kUpperBits = 16;
+
+int DigitOf(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+/// The bytes that `digits` stand for; false when they are no pairs of hex digits.
+bool ToBytes(std::string_view digits, Bytes& bytes) {
+  if (digits.size() % 2 != 0) return false;
+  bytes.clear();
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    const int high = DigitOf(digits[i]);
+    const int low = DigitOf(digits[i + 1]);
+    if (high < 0 || low < 0) return false;
+    bytes.push_back(static_cast<uint8_t>(high * 16 + low));
+  }
+  return true;
+}
+
+uint32_t BigEndian16(const uint8_t* bytes) {
+  return static_cast<uint32_t>(bytes[0]) << kByteBits | bytes[1];
+}
+
+/// Cuts the next line, without its end, off `text`.
+std::string_view TakeLine(std::string_view& text) {
+  const size_t end = text.find('\n');
+  std::string_view line = text.substr(0, end);
+  text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  return line;
+}
+
+}  // namespace
+
+bool IntelHexReader::ReadFile(const std::string& path, std::deque<FwData_t>& blocks) {
+  blocks.clear();
+  std::string text;
+  errno = 0;
+  if (!ReadFileToString(path, kMaxFileBytes, text)) {
+    LOGE("Opean file:%s failed! %s", path.c_str(), std::strerror(errno));
+    return false;
+  }
+  return Read(text, path, blocks);
+}
+
+bool IntelHexReader::Read(std::string_view text, const std::string& name, std::deque<FwData_t>& blocks) {
+  blocks.clear();
+  m_deqFwData.clear();
+  m_iUpperAddr = 0;
+  HexRecord_t record;
+  std::string error;
+  Step step = Step::Continue;
+  for (size_t number = 1; step == Step::Continue && !text.empty(); ++number) {
+    if (!ParseHexLine(TakeLine(text), record, error)) {
+      LOGE("%s line %zu: %s", name.c_str(), number, error.c_str());
+      return false;
+    }
+    step = _Take(record, name);
+  }
+  if (step == Step::Malformed) return false;
+  if (m_deqFwData.empty()) {
+    LOGE("m_deqFwData empty!\n");
+    return false;
+  }
+  if (step != Step::End) {
+    LOGE("%s has no end record, it is cut off", name.c_str());
+    return false;
+  }
+  SetExpectedCrcs(m_deqFwData);
+  blocks.swap(m_deqFwData);
+  return true;
+}
+
+bool IntelHexReader::ParseHexLine(std::string_view line, HexRecord_t& record, std::string& error) {
+  if (line.empty()) {
+    error = "Empty line!";
+    return false;
+  }
+  if (line.front() != kMark) {
+    error = std::string("Hex file mark error!ErrVal:") + line.front();
+    return false;
+  }
+  Bytes& content = record.m_vecData;
+  if (!ToBytes(line.substr(1), content)) {
+    error = "Convert error!";
+    return false;
+  }
+  if (content.empty()) {
+    error = "Empty content!";
+    return false;
+  }
+  const size_t count = content.front();
+  if (content.size() != count + kOverhead) {
+    error = "Error content len!Size:" + std::to_string(content.size()) + ", Len:" + std::to_string(count);
+    return false;
+  }
+  record.m_iOffset = static_cast<uint16_t>(BigEndian16(&content[kOffsetPosition]));
+  record.m_iRecType = content[kTypePosition];
+  record.m_iCheckSum = content.back();
+  content.pop_back();
+  content.erase(content.begin(), content.begin() + kDataPosition);
+  const uint8_t calculated = _CalcuHexChecksum(record);
+  if (record.m_iCheckSum != calculated) {
+    error = FormatText("Error checksum!ReadVal:0x%02X, CalcuVal:0x%02X", record.m_iCheckSum, calculated);
+    return false;
+  }
+  return true;
+}
+
+uint8_t IntelHexReader::_CalcuHexChecksum(const HexRecord_t& record) {
+  const unsigned head = static_cast<unsigned>(record.m_vecData.size()) + (record.m_iOffset >> kByteBits) +
+                        record.m_iOffset + record.m_iRecType;
+  return static_cast<uint8_t>(0U - std::accumulate(record.m_vecData.begin(), record.m_vecData.end(), head));
+}
+
+IntelHexReader::Step IntelHexReader::_Take(const HexRecord_t& record, const std::string& name) {
+  switch (record.m_iRecType) {
+    case EM_REC_DATA:
+      return _TakeData(record) ? Step::Continue : Step::Malformed;
+    case EM_REC_END:
+      LOGI("End of file:%s", name.c_str());
+      return Step::End;
+    case EM_REC_EX_LINEAR_ADDR:
+      LOGD("Extend linear addr type.");
+      if (record.m_vecData.size() != sizeof(uint16_t)) {
+        LOGE("Extend linear addr of %zu bytes!", record.m_vecData.size());
+        return Step::Malformed;
+      }
+      m_iUpperAddr = BigEndian16(record.m_vecData.data()) << kUpperBits;
+      return Step::Continue;
+    case EM_REC_EX_SEG_ADDR:
+    case EM_REC_START_SEG_ADDR:
+    case EM_REC_START_LINEAR_ADDR:
+      LOGI("Record type %u has no meaning here.", record.m_iRecType);
+      return Step::Continue;
+    default:
+      LOGE("Error hex reocrd type!ErrVal:0x%x", record.m_iRecType);
+      return Step::Malformed;
+  }
+}
+
+bool IntelHexReader::_TakeData(const HexRecord_t& record) {
+  const Bytes& data = record.m_vecData;
+  const uint32_t address = m_iUpperAddr + record.m_iOffset;
+  if (data.size() > std::numeric_limits<uint32_t>::max() - address) {
+    LOGE("Data at 0x%08X leaves the address range!", address);
+    return false;
+  }
+  if (data.empty()) return true;
+  const bool first = m_deqFwData.empty();
+  const uint32_t edge = first ? address : m_deqFwData.back().m_iEndAddr;
+  if (!first && edge == address) {
+    CLog::instance()->Module(kTraceLog, "Continuous addresses.EdgeAddr:0x%08X, LinearAddr:0x%08X\n", edge,
+                             address);
+  } else {
+    if (!first) LOGI("===Discontinuous addresses.EdgeAddr:0x%08X, LinearAddr:0x%08X\n", edge, address);
+    if (m_deqFwData.size() == kMaxBlocks) {
+      LOGE("More than %zu separate blocks!", kMaxBlocks);
+      return false;
+    }
+    m_deqFwData.push_back({address, address, 0, {}});
+  }
+  FwData_t& block = m_deqFwData.back();
+  block.m_vecData.insert(block.m_vecData.end(), data.begin(), data.end());
+  block.m_iEndAddr += static_cast<uint32_t>(data.size());
+  return true;
+}
+
+}  // namespace Rtx

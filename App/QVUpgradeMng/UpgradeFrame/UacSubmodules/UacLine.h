@@ -1,0 +1,39 @@
+/// The serial line to the USB audio chip's boot loader: the receive thread queues the bytes, the upgrader's
+/// thread takes them. Used by the UAC upgrader alone.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "BSW/Serial/SerialPort.h"
+#include "UpgradeFrame/UacSubmodules/IXmodemLine.h"
+
+/// The upgrader's thread calls everything but Stop.
+class UacLine : public IXmodemLine {
+ public:
+  static constexpr const char* kDevice = "/dev/ttyCH341USB0";
+
+  UacLine();
+  ~UacLine() override;
+
+  /// False, logged, when the device cannot be opened.
+  bool Open();
+  void Close();
+
+  int Receive(std::chrono::milliseconds time) override;
+  void Purge() override;
+  bool Send(const uint8_t* data, size_t size) override;
+
+  /// Ends a Receive under way and every later one. Any thread.
+  void Stop();
+
+ private:
+  int _Queue(const void* data, short length);
+
+  std::mutex m_mutex;              ///< guards the members below
+  std::condition_variable m_cond;  ///< one of them changed
+  std::deque<uint8_t> m_received;
+  bool m_bStopped = false;
+  SerialPort m_port;  ///< last, so that its thread ends before the queue does
+};
