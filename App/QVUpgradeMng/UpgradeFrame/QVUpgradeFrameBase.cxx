@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -34,6 +35,7 @@ constexpr uint32_t kBroadcastPauseMs = 2000;
 constexpr uint32_t kStopServicesPauseMs = 5000;
 constexpr uint32_t kUpgradingPassMs = 5000;
 constexpr int kMaxUpgradingPasses = 400;
+constexpr int kMaxPercent = 100;
 constexpr uint32_t kBeforeReportPauseMs = 60000;
 constexpr uint32_t kUbootPauseMs = 2000;
 constexpr int kRebootAttempts = 3;
@@ -285,7 +287,8 @@ std::string QVUpgradeFrameBase::_JudgePass() {
   const bool timedOut = m_upgradeTime > kMaxUpgradingPasses;
   if (!m_submodules.AllFinished()) {
     if (!timedOut) {
-      _SendPanel(UI_STATUS_UPGRADING, m_submodules.Percent(), kNoVersion);
+      // A part may end between these two looks, and with its increments the sum may pass 100.
+      _SendPanel(UI_STATUS_UPGRADING, std::min(kMaxPercent, m_submodules.Percent()), kNoVersion);
       return kStateUpgrading;
     }
     m_submodules.QueryProgress();

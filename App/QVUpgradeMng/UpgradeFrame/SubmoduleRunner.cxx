@@ -118,7 +118,8 @@ void SubmoduleRunner::ProgressSum(int progress, UPGRADETYPE type) {
   if (type == UP_RTX && (progress == kReportSuccess || progress == kReportFailure)) {
     for (const UPGRADETYPE next : kOrderAfterRtx) _RunOneSub(next);
   }
-  if (type == UP_UAC) _RunOneSub(UP_FPGA);
+  // Before the radio modules have ended nothing else starts, not even in place of a UAC that cannot run.
+  if (type == UP_UAC && _HasEndedOrIsAbsent(UP_RTX)) _RunOneSub(UP_FPGA);
 }
 
 void SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type) {
@@ -255,6 +256,10 @@ bool SubmoduleRunner::_HasEnded(UPGRADETYPE type) const {
   const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
   const auto record = m_upgradingInfo.find(type);
   return record != m_upgradingInfo.end() && IsFinal(record->second.m_upgradeStatus);
+}
+
+bool SubmoduleRunner::_HasEndedOrIsAbsent(UPGRADETYPE type) const {
+  return !HasRecord(type) || _HasEnded(type);
 }
 
 std::map<UPGRADETYPE, QVUpgradingInfo> SubmoduleRunner::_Records() const {

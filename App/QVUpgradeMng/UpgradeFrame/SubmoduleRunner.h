@@ -71,6 +71,7 @@ class SubmoduleRunner {
   int _QueryStatus(UPGRADETYPE type);
   void _MarkRecord(UPGRADETYPE type, UPGRADESTATUS status);
   bool _HasEnded(UPGRADETYPE type) const;
+  bool _HasEndedOrIsAbsent(UPGRADETYPE type) const;
   std::map<UPGRADETYPE, QVUpgradingInfo> _Records() const;
 
   std::shared_ptr<IQVUpgrade> _FindUpgrader(UPGRADETYPE type) const;

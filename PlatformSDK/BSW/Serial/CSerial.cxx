@@ -29,7 +29,7 @@ constexpr int kForever = -1;
 constexpr int kMinLineTimeoutMs = 100;
 constexpr std::chrono::microseconds kReadPacing(10'700);
 constexpr uint32_t kReadErrorPauseMs = 100;
-// Longer than the slowest line takes to make room for the next bytes.
+// Longer than a line of 19200 baud, the slowest in use, takes to send what the driver holds (4 KiB).
 constexpr int kWriteStallMs = 3000;
 
 void Drain(int eventFd) {

@@ -161,7 +161,9 @@ TEST(IntelHexReaderTest, EverySectorOfABlockIsErased) {
   EXPECT_EQ(sectors(0x1000, 0x2000), Addresses({0x1000}));
   EXPECT_EQ(sectors(0x1000, 0x2001), Addresses({0x1000, 0x2000}));
   EXPECT_EQ(sectors(0x1800, 0x2800), Addresses({0x1800, 0x2000}));  // the step to 0x2800 misses the second
-  EXPECT_EQ(sectors(0x1800, 0x2801), Addresses({0x1800, 0x2800}));
+  // Verified up to 0x3800: what an older firmware left behind the block must be gone too.
+  EXPECT_EQ(sectors(0x1800, 0x2801), Addresses({0x1800, 0x2800, 0x3000}));
+  EXPECT_EQ(sectors(0xFFFFF800, 0xFFFFFFFF), Addresses({0xFFFFF800}));
   EXPECT_EQ(sectors(0xFFFFF000, 0xFFFFFFFF), Addresses({0xFFFFF000}));
   EXPECT_TRUE(sectors(0, 0).empty());
 }

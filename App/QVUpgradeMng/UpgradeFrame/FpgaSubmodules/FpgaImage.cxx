@@ -25,6 +25,7 @@ constexpr size_t kPieceBytes = 4096;
 constexpr char kErasedByte = static_cast<char>(0xFF);
 /// Between two looks at the stop flag.
 constexpr int kStopPollMs = 100;
+constexpr uint32_t kBusyPauseMs = 10;
 
 using Piece = std::array<char, kPieceBytes>;
 
@@ -52,7 +53,10 @@ bool WritePiece(int device, const char* data, size_t size, std::chrono::millisec
   while (size > 0) {
     if (!WaitWritable(device, deadline)) return false;
     const ssize_t written = RetryInterrupted([&] { return write(device, data, size); });
-    if (written < 0 && errno == EAGAIN) continue;
+    if (written < 0 && errno == EAGAIN) {
+      CThread::Pause(kBusyPauseMs);  // a driver without poll is always said to be writable
+      continue;
+    }
     if (written <= 0) return false;
     data += written;
     size -= static_cast<size_t>(written);

@@ -74,8 +74,9 @@ bool SecureImage(const std::string& path) {
     LOGE("%s cannot be used: %s", path.c_str(), std::strerror(errno));
     return false;
   }
-  if (XGetFileSize(path) > 0) return true;
-  LOGE("%s is empty", path.c_str());
+  const int64_t size = XGetFileSize(path);
+  if (size > 0 && size <= static_cast<int64_t>(kMaxImageBytes)) return true;
+  LOGE("%s has no usable size: %lld bytes", path.c_str(), static_cast<long long>(size));
   return false;
 }
 

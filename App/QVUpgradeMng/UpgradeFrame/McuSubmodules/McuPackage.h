@@ -2,6 +2,7 @@
 /// holds the image. Unpacked by the MCU upgrader before it talks to the chip.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "UpgradeFrame/McuSubmodules/McuUpgRecord.h"
@@ -10,6 +11,9 @@ namespace McuPackage {
 
 /// The oldest firmware that this base station works with.
 constexpr const char* m_strMinCompatibleVer = "1.0.6.30";
+
+/// More than any image of this MCU; a larger one is refused before the MCU gives up its application.
+constexpr size_t kMaxImageBytes = 16U * 1024U * 1024U;
 
 /// Empties or creates `directory`, unpacks `package` there and describes the image in `firmware`; the image
 /// is on the disk then, not only in memory. False, logged, when anything fails, the firmware is older than

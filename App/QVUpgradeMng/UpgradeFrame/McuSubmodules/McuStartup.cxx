@@ -14,6 +14,7 @@ namespace {
 
 /// Many times what a whole upgrade of the MCU takes.
 constexpr std::chrono::minutes kContinueTime(10);
+constexpr int kVersionTries = 3;
 /// What the upgrade stopped.
 constexpr const char* kStartApplicationCommand = "systemctl start quorvalen";
 
@@ -56,7 +57,12 @@ std::optional<Identity> McuStartup::_ContinueUpgrade() {
   });
   LOGW("MCU upgrade was interrupted, it is continued");
   if (!m_mcu.Init()) return std::nullopt;
-  std::optional<Identity> mcu = m_mcu.LoadVersion();
+  std::optional<Identity> mcu;
+  // The first request can be lost: the services that were just stopped may have taken its answer.
+  for (int tries = 0; tries < kVersionTries && (!mcu || mcu->mode == RunMode::Silent) && !_IsStopped();
+       ++tries) {
+    mcu = m_mcu.LoadVersion();
+  }
   if (mcu && mcu->mode != RunMode::Silent) {
     const bool inBoot = mcu->mode == RunMode::BootLoader;
     if (m_mcu.ContinueUpg(inBoot ? McuSubmodules::EM_STATE_UPG_MCU : McuSubmodules::EM_STATE_CHECK_VER)) {
@@ -65,7 +71,9 @@ std::optional<Identity> McuStartup::_ContinueUpgrade() {
     }
   }
   m_mcu.CleanUp();
-  if (_IsStopped()) return std::nullopt;
+  // A run that has ended is not taken up again at the next start, so its service is started even after a
+  // stop.
+  if (_IsStopped() && !_HasResult()) return std::nullopt;
   if (QVUpgradeTool::ExecCommand(kStartApplicationCommand) != 0) LOGE("%s failed", kStartApplicationCommand);
   return mcu;
 }
@@ -74,6 +82,11 @@ void McuStartup::_WaitForResult() {
   std::unique_lock<std::mutex> lock(m_mutex);
   if (m_cvNews.wait_for(lock, kContinueTime, [this] { return m_bResult || m_bStopped; })) return;
   LOGE("interrupted MCU upgrade does not come to its end, it is given up");
+}
+
+bool McuStartup::_HasResult() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_bResult;
 }
 
 bool McuStartup::_IsStopped() {

@@ -31,6 +31,7 @@ class McuStartup {
   void _EndRun();
   std::optional<McuMessages::Identity> _ContinueUpgrade();
   void _WaitForResult();
+  bool _HasResult();
   bool _IsStopped();
 
   McuSubmodules m_mcu;

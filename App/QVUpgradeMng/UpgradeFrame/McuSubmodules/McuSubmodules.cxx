@@ -59,7 +59,6 @@ constexpr int kVersionTries = 3;
 /// The MCU's time from an answer to its other program being ready.
 constexpr uint32_t kMcuRestartMs = 700;
 /// Far beyond the MCU's flash; keeps the size within the four bytes that describe it.
-constexpr size_t kMaxImageBytes = 16U * 1024U * 1024U;
 
 }  // namespace
 
@@ -229,7 +228,7 @@ McuSubmodules::UpgradeStateType McuSubmodules::_HandleUpgMcuState() {
 bool McuSubmodules::_RrepareFwInfo() {
   const int64_t size = XGetFileSize(m_stFwInfo.m_strFwPath);
   const std::optional<McuVersion> version = McuVersion::Parse(m_stFwInfo.m_strVersion);
-  if (size < 0 || size > static_cast<int64_t>(kMaxImageBytes) || !version) {
+  if (size < 0 || size > static_cast<int64_t>(McuPackage::kMaxImageBytes) || !version) {
     LOGE("Get file size error!file:%s, iFileSize:%zu", m_stFwInfo.m_strFwPath.c_str(),
          static_cast<size_t>(size));
     return false;
@@ -243,7 +242,7 @@ bool McuSubmodules::_RrepareFwInfo() {
 
 bool McuSubmodules::_RrepareFwDataPack() {
   std::string image;
-  if (!ReadFileToString(m_stFwInfo.m_strFwPath, kMaxImageBytes, image)) {
+  if (!ReadFileToString(m_stFwInfo.m_strFwPath, McuPackage::kMaxImageBytes, image)) {
     LOGE("Failed to open the [%s] file.", m_stFwInfo.m_strFwPath.c_str());
     return false;
   }
@@ -267,7 +266,10 @@ bool McuSubmodules::_RrepareFwDataPack() {
 }
 
 McuSubmodules::UpgradeStateType McuSubmodules::_HandleReCheckVerState() {
-  if (_Request(McuMessages::EM_CMD_ARM_REQ_VER, EM_FLAG_GET_VER)) return EM_STATE_SUCCESS;
+  if (_Request(McuMessages::EM_CMD_ARM_REQ_VER, EM_FLAG_GET_VER)) {
+    if (LastIdentity().mode == RunMode::BootLoader) LOGW("MCU boot status detected");
+    return EM_STATE_SUCCESS;
+  }
   if (!_IsStopped()) LOGE("Waiting for ACK of [RE_GET_VER] timeout");
   return EM_STATE_FAILED;
 }

@@ -124,12 +124,13 @@ void CQVUpgradeRtx::_EnterBoot() {
   const IoDefType reset = second ? EM_IO_RESET_2 : EM_IO_RESET_1;
   IO_t& lines = second ? m_stRtx2IO : m_stRtx1IO;
   for (GPIO* const line : {&lines.objPon, &lines.objPwr, &lines.objSwitch}) line->SetLevel(true);
+  // A stop ends the pauses but not the sequence: half of it would leave the module in reset.
   _SwitchPin(boot, EM_IO_HIGH);
-  if (!Pause(kBootPauseMs)) return;
+  Pause(kBootPauseMs);
   _SwitchPin(reset, EM_IO_LOW);
-  if (!Pause(kResetLowMs)) return;
+  Pause(kResetLowMs);
   _SwitchPin(reset, EM_IO_HIGH);
-  if (!Pause(kResetHighMs)) return;
+  Pause(kResetHighMs);
   _SwitchPin(reset, EM_IO_LOW);
   _SwitchPin(boot, EM_IO_LOW);
   LOGI("Boot RTX");

@@ -450,8 +450,9 @@ void RtxExchange::_ClearAnswers(uint32_t flags) {
 }
 
 void RtxExchange::_CloseLine() {
-  const uint32_t before = m_iLongTermFlags.fetch_and(~static_cast<uint32_t>(EM_FLAG_UART_OPEN));
-  if ((before & EM_FLAG_UART_OPEN) != 0) m_pSerial->DestroySerial();
+  m_iLongTermFlags &= ~static_cast<uint32_t>(EM_FLAG_UART_OPEN);
+  // Whatever the flag said: a restart of the port may have crossed an earlier closing.
+  if (m_pSerial) m_pSerial->DestroySerial();
 }
 
 void RtxExchange::_CleanCache() {

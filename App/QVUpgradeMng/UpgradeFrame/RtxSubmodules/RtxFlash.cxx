@@ -27,13 +27,17 @@ void ProgramInto(Bytes& image, uint32_t start, const FwData_t& block) {
 
 }  // namespace
 
+/// The steps begin at the block's start and not at a sector's, so the last byte's sector may need one more.
+/// Erased is all that will be verified: behind the block that may be one sector more, in which an older
+/// firmware would be found.
 std::vector<uint32_t> SectorsOf(const FwData_t& block) {
   std::vector<uint32_t> addresses;
   if (block.m_iEndAddr <= block.m_iStartAddr) return addresses;
   for (uint64_t address = block.m_iStartAddr; address < block.m_iEndAddr; address += EM_CFG_SECTOR_SIZE) {
     addresses.push_back(static_cast<uint32_t>(address));
   }
-  const uint32_t lastSector = SectorOf(block.m_iEndAddr - 1);
+  const uint64_t lastByte = uint64_t{block.m_iStartAddr} + VerifyLength(block) - 1;
+  const uint32_t lastSector = SectorOf(static_cast<uint32_t>(std::min<uint64_t>(lastByte, UINT32_MAX)));
   if (SectorOf(addresses.back()) != lastSector) addresses.push_back(lastSector * EM_CFG_SECTOR_SIZE);
   return addresses;
 }

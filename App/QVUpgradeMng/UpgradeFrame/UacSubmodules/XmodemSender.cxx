@@ -63,6 +63,9 @@ XmodemSender::Result XmodemSender::_SendUntilAck(const Bytes& frame) {
     constexpr char kAnswers[] = {kAck, kNak};
     switch (_Await({kAnswers, sizeof kAnswers}, kAnswerTime)) {
       case kAck:
+        // After a repetition another ACK may be on its way; taken for the next block's it would shift all
+        // that follow.
+        if (tries > 1) _WaitForSilence();
         return Result::Done;
       case kNak:
         result = Result::Refused;
@@ -78,6 +81,14 @@ XmodemSender::Result XmodemSender::_SendUntilAck(const Bytes& frame) {
     LOGW("XMODEM try %d of %d: %s", tries, kMaxTries, Text(result));
   }
   return result;
+}
+
+void XmodemSender::_WaitForSilence() {
+  const Clock::time_point deadline = Clock::now() + kAnswerTime;
+  while (Clock::now() < deadline) {
+    const int byte = m_line.Receive(kQuietTime);
+    if (byte == IXmodemLine::kSilence || byte == IXmodemLine::kStopped) return;
+  }
 }
 
 int XmodemSender::_Await(std::string_view wanted, milliseconds time) {

@@ -37,6 +37,8 @@ class XmodemSender {
   static constexpr int kMaxTries = 10;
   static constexpr std::chrono::seconds kCallTime{10};
   static constexpr std::chrono::seconds kAnswerTime{1};
+  /// A line without a byte for so long has none on its way: many times a byte's 87 us at 115200 baud.
+  static constexpr std::chrono::milliseconds kQuietTime{100};
 
   /// Told after each block how many of `total` are acknowledged.
   using Progress = std::function<void(size_t done, size_t total)>;
@@ -56,6 +58,8 @@ class XmodemSender {
   Result _SendBlocks(const std::string& image, const Progress& progress);
   /// Sends `frame` until it is acknowledged.
   Result _SendUntilAck(const Bytes& frame);
+  /// Takes what is on its way until the line is quiet; bounded by kAnswerTime.
+  void _WaitForSilence();
   /// Waits at most `time` for one of the bytes `wanted`, past all noise. It, CAN when the receiver gives up,
   /// or what the line's Receive gave.
   int _Await(std::string_view wanted, std::chrono::milliseconds time);
