@@ -51,6 +51,10 @@ void Apply(const PackageBuilder::FileEditor& edit, const std::string& path) {
   }
 }
 
+std::string Text(const Bytes& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
 /// Files of `bytes` in all below `directory`.
 void MakeTree(const std::string& directory, const std::string& program, std::uint64_t bytes) {
   WriteRandomFile(directory + "/bin/" + program, bytes / 2);
@@ -86,6 +90,51 @@ PackageBuilder& PackageBuilder::Rootfs(const std::string& version, std::uint64_t
 PackageBuilder& PackageBuilder::AllSocParts(const std::string& version) {
   constexpr std::uint64_t kSmall = 256 * 1024;
   return App(version).System(version, kSmall, Flash::ImageAndMarker).Rootfs(version);
+}
+
+PackageBuilder& PackageBuilder::Rtx(const std::string& version, const RtxContent& content) {
+  RtxContent whole = content;
+  if (whole.blocks.empty()) {
+    whole.blocks = DefaultRtxBlocks(version);
+  }
+  std::string hex = IntelHex(whole);
+  if (whole.editHex) {
+    whole.editHex(hex);
+  }
+  Page page = {"rtx", version, "QV_K9031_rtx_" + version + ".tar"};
+  page.files = {{"rtx-pre-loader.bin", Text(RandomBytes(whole.preLoaderBytes, version + "pre"))},
+                {"rtx-flash-loader.bin", Text(RandomBytes(whole.flashLoaderBytes, version + "flash"))},
+                {"QV_K9031_RTX_" + version + ".spihex", hex}};
+  page.image = whole.blocks;
+  return _Add(m_pages, std::move(page));
+}
+
+PackageBuilder& PackageBuilder::Mcu(const std::string& version, std::size_t bytes) {
+  Page page = {"mcu", version, "QV_K9031_mcu_" + version + ".tar"};
+  page.image = {{0, RandomBytes(bytes, version + "mcu")}};
+  page.files = {{"k9031_McuApp.bin", Text(page.image[0].data)}};
+  return _Add(m_pages, std::move(page));
+}
+
+PackageBuilder& PackageBuilder::Fpga(const std::string& version, std::size_t bytes) {
+  const Bytes image = RandomBytes(bytes, version + "fpga");
+  RawPage("fpga", version, "QV_K9031_fpga_" + version + ".bin", Text(image));
+  m_pages.back().image = {{0, image}};
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::Uac(const std::string& version, std::size_t bytes) {
+  constexpr std::size_t kBlock = 1024;
+  constexpr std::uint8_t kPadding = 0x1A;
+  Bytes image = RandomBytes(bytes, version + "uac");
+  RawPage("uac", version, "QV_K9031_uac_" + version + ".bin", Text(image));
+  image.resize((bytes + kBlock - 1) / kBlock * kBlock, kPadding);
+  m_pages.back().image = {{0, image}};
+  return *this;
+}
+
+PackageBuilder& PackageBuilder::AllParts(const std::string& version) {
+  return AllSocParts(version).Rtx(version).Mcu(version).Fpga(version).Uac(version);
 }
 
 PackageBuilder& PackageBuilder::RawPage(const std::string& type, const std::string& version,
@@ -156,6 +205,9 @@ Package PackageBuilder::Build() const {
     for (const Page& page : pages) {
       _MakePage(page, package.tree, inner + "/" + page.fileName);
       package.versions[page.type] = page.version;
+      if (!page.image.empty()) {
+        package.images[page.type] = page.image;
+      }
       Json::Value item;
       item["pageType"] = page.type;
       item["version"] = page.version;
@@ -201,6 +253,17 @@ void PackageBuilder::_MakePage(const Page& page, const std::string& tree, const 
   fs::create_directories(fs::path(file).parent_path());
   if (page.raw) {
     WriteText(file, page.content);
+  } else if (!page.files.empty()) {
+    std::vector<std::string> tar = {"tar", "cf", file, "-C", directory};
+    for (const auto& [name, content] : page.files) {
+      WriteText(fs::path(directory) / name, content);
+      tar.push_back(name);
+    }
+    if (page.type == "mcu") {
+      tar.back() = "K9031_MCU_" + page.version + ".zip";
+      MustRun({"7za", "a", "-tzip", tar.back(), page.files.begin()->first}, directory);
+    }
+    MustRun(tar);
   } else if (page.type == "rootfs") {
     MakeTree(directory + "/usr", "station-base", page.bytes);
     fs::create_symlink("usr/bin", directory + "/bin");

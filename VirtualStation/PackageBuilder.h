@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "VirtualStation/Chips/ChipImages.h"
+
 namespace station {
 
 /// A finished package.
@@ -20,6 +22,8 @@ struct Package {
       tree;  ///< what went in, unpacked: "<tree>/app/quorvalen/...", "<tree>/system/...", "<tree>/rootfs/..."
   std::string softVersion, hardVersion;
   std::map<std::string, std::string> versions;  ///< by page type
+  /// What the chips' memories must hold, by page type: one block at 0, for "rtx" those of its HEX file.
+  std::map<std::string, std::vector<FlashBlock>> images;
 };
 
 class PackageBuilder {
@@ -38,6 +42,13 @@ class PackageBuilder {
   PackageBuilder& Rootfs(const std::string& version, std::uint64_t bytes = 1024 * 1024);
   /// All three, each with `version`, and a boot loader.
   PackageBuilder& AllSocParts(const std::string& version);
+  /// Adds the page of a chip, with generated images. An MCU version has four numbers ("V1.0.7.01").
+  PackageBuilder& Rtx(const std::string& version, const RtxContent& content = {});
+  PackageBuilder& Mcu(const std::string& version, std::size_t bytes = 10001);
+  PackageBuilder& Fpga(const std::string& version, std::size_t bytes = 65537);
+  PackageBuilder& Uac(const std::string& version, std::size_t bytes = 10001);
+  /// All seven parts, each with `version`, and a boot loader.
+  PackageBuilder& AllParts(const std::string& version);
   /// Adds a page that is `content` as it stands.
   PackageBuilder& RawPage(const std::string& type, const std::string& version, const std::string& pageName,
                           const std::string& content);
@@ -71,8 +82,10 @@ class PackageBuilder {
     std::string type, version, fileName;
     std::uint64_t bytes = 0;  ///< of generated contents
     Flash flash = Flash::None;
-    std::string content;  ///< of a raw page
+    std::string content = {};  ///< of a raw page
     bool raw = false;
+    std::map<std::string, std::string> files = {};  ///< of a chip's tar
+    std::vector<FlashBlock> image = {};             ///< of a chip
   };
   PackageBuilder& _Add(std::vector<Page>& pages, Page page);
   void _MakePage(const Page& page, const std::string& tree, const std::string& file) const;

@@ -33,7 +33,8 @@ bool ShowShell(Screen& screen, unsigned pauseDivisor);
 
 const std::vector<Scenario>& Scenarios() {
   static const std::vector<Scenario> all = {
-      {"upgrade", "a USB stick brings new application, system and root files and a boot loader", ShowUpgrade},
+      {"upgrade", "a USB stick brings all seven parts: files, a boot loader, and every chip's firmware",
+       ShowUpgrade},
       {"web", "the same package comes from the web server", ShowWeb},
       {"hostile", "a few bad packages, and what the station answers", ShowHostile},
       {"kill", "the power is cut in the middle of an upgrade, and the station recovers", ShowKill},
@@ -67,8 +68,8 @@ class ShownStation : public Station {
   }
 };
 
-Package MakePackage(Screen& screen, const std::string& softVersion, const std::string& partVersion) {
-  Package package = PackageBuilder(softVersion).AllSocParts(partVersion).Build();
+Package ShowPackage(Screen& screen, const PackageBuilder& builder) {
+  Package package = builder.Build();
   screen.Line(package.name + ", " + std::to_string(fs::file_size(package.path) / 1024) + " KiB");
   return package;
 }
@@ -86,7 +87,11 @@ void ShowVersions(Screen& screen, const Station& station) {
                 row("overall", "totalVersion", "softVersion"),
                 row("application", "subModulesVersion", "appVersion"),
                 row("system", "subModulesVersion", "systemVersion"),
-                row("root files", "subModulesVersion", "rootfsVersion")});
+                row("root files", "subModulesVersion", "rootfsVersion"),
+                row("RTX modules", "subModulesVersion", "rtxVersion"),
+                row("MCU", "subModulesVersion", "mcuVersion"),
+                row("FPGA", "subModulesVersion", "fpgaVersion"),
+                row("UAC", "subModulesVersion", "uacVersion")});
 }
 
 /// A copy of a partition's trees, to see later that nobody touched them.
@@ -148,6 +153,10 @@ void FollowUpgrade(Screen& screen, Station& station, const Package& package,
   for (const Command& command : journal) {
     screen.Line(command.line + (command.exitCode == 0 ? "" : "   -> " + std::to_string(command.exitCode)));
   }
+  screen.Step("What the chips went through");
+  for (const Chips::Story& story : station.chips().Stories()) {
+    screen.Line(story.chip + ": " + story.phases);
+  }
   screen.Step("The station reboots");
   screen.Check(status && WIFSIGNALED(*status) && !journal.empty() && journal.back().line == "reboot -f",
                "the daemon asked for the reboot");
@@ -162,6 +171,10 @@ void FollowUpgrade(Screen& screen, Station& station, const Package& package,
   const std::vector<std::string> differences = station.DifferencesFrom(package, target);
   screen.Check(differences.empty(), "every file of the package is in its partition, byte for byte",
                differences);
+  if (!package.images.empty()) {
+    const std::vector<std::string> flashes = station.chips().DifferencesFrom(package);
+    screen.Check(flashes.empty(), "every chip's memory holds its image, byte for byte", flashes);
+  }
   const std::vector<std::string> changes = untouched.Differences(station);
   screen.Check(changes.empty(), "the partition it ran from before is as it was", changes);
   const Json::Value versions = Station::Versions(target);
@@ -183,7 +196,7 @@ bool ShowUpgrade(Screen& screen, unsigned pauseDivisor) {
   ShownStation station(screen, pauseDivisor);
   ShowVersions(screen, station);
   screen.Step("A USB stick goes in");
-  const Package package = MakePackage(screen, "S4.1.0.1", "V2.0.0.01");
+  const Package package = ShowPackage(screen, PackageBuilder("S4.1.0.1").AllParts("V2.0.0.01"));
   FollowUpgrade(screen, station, package, [&] { station.InsertStick(package); });
   return screen.AllGood();
 }
@@ -193,7 +206,7 @@ bool ShowWeb(Screen& screen, unsigned pauseDivisor) {
   ShownStation station(screen, pauseDivisor);
   ShowVersions(screen, station);
   screen.Step("A package is uploaded to the web server");
-  const Package package = MakePackage(screen, "S4.1.0.1", "V2.0.0.01");
+  const Package package = ShowPackage(screen, PackageBuilder("S4.1.0.1").AllSocParts("V2.0.0.01"));
   FollowUpgrade(screen, station, package, [&] {
     WebServer::Store(package.path);
     const std::optional<Envelope> reply = station.web().RequestUpgrade(package.name);
@@ -253,7 +266,7 @@ bool ShowKill(Screen& screen, unsigned pauseDivisor) {
   const PartitionCopy untouched(station, Partition::A);
   ShowVersions(screen, station);
   screen.Step("A USB stick goes in; the power goes when the other root file system has just been wiped");
-  Package package = MakePackage(screen, "S4.1.0.1", "V2.0.0.01");
+  Package package = ShowPackage(screen, PackageBuilder("S4.1.0.1").AllSocParts("V2.0.0.01"));
   station.commands().KillAfter("mkfs.ext4 *");
   station.InsertStick(package);
   screen.Check(station.daemon().WaitExit(kUpgradeLimit).has_value(), "the power is cut");
@@ -306,7 +319,7 @@ bool ShowShell(Screen& screen, unsigned pauseDivisor) {
   // Before the station's threads start, so that none of them gets what is meant for the loop below.
   sigprocmask(SIG_BLOCK, &signals, nullptr);
   ShownStation station(screen, pauseDivisor);
-  const Package package = MakePackage(screen, "S4.1.0.1", "V2.0.0.01");
+  const Package package = ShowPackage(screen, PackageBuilder("S4.1.0.1").AllSocParts("V2.0.0.01"));
   screen.Line("insert-stick, pull-stick   a USB stick with that package");
   screen.Line(
       "reboot-station             after the daemon has asked for it, or at any time (not from a directory "

@@ -27,6 +27,7 @@ Station::Station(const StationOptions& options)
     : m_disks(options.firmwareBytes),
       m_panel(m_bus),
       m_web(m_bus),
+      m_chips(options.chips ? std::make_unique<Chips>() : nullptr),
       m_daemon(m_bus, options.pauseDivisor, options.environment) {
   m_disks.MountAll(m_running);
   std::map<std::string, std::string> parts;
@@ -82,6 +83,9 @@ void Station::_Boot() {
   m_panel.Clear();
   m_web.Clear();
   m_commands.Clear();
+  if (m_chips) {
+    m_chips->PowerCycle();
+  }
 }
 
 void Station::InsertStick(const std::vector<std::string>& files, const StickOptions& options) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "VirtualStation/Bus.h"
+#include "VirtualStation/Chips/Chips.h"
 #include "VirtualStation/Commands.h"
 #include "VirtualStation/Daemon.h"
 #include "VirtualStation/Disks.h"
@@ -25,6 +26,7 @@ struct StationOptions {
   std::uint64_t firmwareBytes = 256ULL << 20;  ///< size of /firmware
   unsigned pauseDivisor = 10;                  ///< 1: pauses last as long as on the device
   Daemon::Environment environment;             ///< added to the daemon's
+  bool chips = true;                           ///< false: none is connected
 };
 
 /// One thread; what the members give out says more.
@@ -42,6 +44,8 @@ class Station {
   Panel& panel() { return m_panel; }
   WebServer& web() { return m_web; }
   Daemon& daemon() { return m_daemon; }
+  /// Only of a station that has chips.
+  Chips& chips() { return *m_chips; }
 
   /// The partition that the machine runs from, and the one that its marker files would boot now.
   Partition Running() const { return m_running; }
@@ -80,6 +84,7 @@ class Station {
   Bus m_bus;
   Panel m_panel;
   WebServer m_web;
+  std::unique_ptr<Chips> m_chips;
   Daemon m_daemon;
   std::unique_ptr<Stick> m_stick;
   Partition m_running = Partition::A;

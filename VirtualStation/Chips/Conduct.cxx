@@ -1,0 +1,123 @@
+/// See Conduct.h.
+#include "VirtualStation/Chips/Conduct.h"
+
+#include <algorithm>
+
+namespace station {
+namespace {
+
+constexpr std::size_t kEver = std::numeric_limits<std::size_t>::max();
+
+}  // namespace
+
+const char* Name(Phase phase) {
+  static const std::map<Phase, const char*> names = {
+      {Phase::RtxRom, "boot loader"},
+      {Phase::RtxPreLoaderHeader, "pre-loader announced"},
+      {Phase::RtxPreLoaderImage, "pre-loader"},
+      {Phase::RtxPreLoaderEcho, "pre-loader confirmed"},
+      {Phase::RtxStart, "pre-loader runs"},
+      {Phase::RtxSpeed, "new speed"},
+      {Phase::RtxSpeedReady, "new speed confirmed"},
+      {Phase::RtxFlashLoader, "flash loader"},
+      {Phase::RtxVersion, "version"},
+      {Phase::RtxConfig, "flash settings"},
+      {Phase::RtxErase, "erase"},
+      {Phase::RtxProgram, "program"},
+      {Phase::RtxVerify, "verify"},
+      {Phase::McuVersion, "version"},
+      {Phase::McuEnterBoot, "boot loader"},
+      {Phase::McuFirmwareInfo, "firmware description"},
+      {Phase::McuPackage, "package"},
+      {Phase::McuDone, "done"},
+      {Phase::UacInvite, "invitation"},
+      {Phase::UacBlock, "block"},
+      {Phase::UacEnd, "end"},
+      {Phase::FpgaPiece, "piece"},
+      {Phase::FpgaEnd, "end"},
+  };
+  return names.at(phase);
+}
+
+void Conduct::Add(const Fault& fault) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_faults.push_back(fault);
+}
+
+void Conduct::ClearFaults() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_faults.clear();
+  m_hears = kEver;
+}
+
+void Conduct::Clear() {
+  ClearFaults();
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_counts.clear();
+  m_trail.clear();
+}
+
+bool Conduct::WaitFor(Phase phase, Milliseconds timeout, std::size_t count) const {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_reached.wait_for(lock, timeout, [&] {
+    const auto reached = m_counts.find(phase);
+    return reached != m_counts.end() && reached->second >= count;
+  });
+}
+
+std::size_t Conduct::Count(Phase phase) const {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  const auto reached = m_counts.find(phase);
+  return reached == m_counts.end() ? 0 : reached->second;
+}
+
+std::vector<std::pair<Phase, std::size_t>> Conduct::Trail() const {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_trail;
+}
+
+std::optional<Conduct::Faults> Conduct::Reach(Phase phase) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_hears == 0) {
+    return std::nullopt;
+  }
+  ++m_counts[phase];
+  if (m_trail.empty() || m_trail.back().first != phase) {
+    m_trail.emplace_back(phase, 0);
+  }
+  ++m_trail.back().second;
+  m_reached.notify_all();
+
+  Faults faults;
+  for (Fault& fault : m_faults) {
+    if (fault.phase != phase || fault.times == 0) {
+      continue;
+    }
+    if (fault.after > 0) {
+      --fault.after;
+      continue;
+    }
+    --fault.times;
+    faults[fault.kind] = fault.bytes;
+    if (fault.kind == FaultKind::StopAfter) {
+      m_hears = std::min(m_hears, fault.bytes);
+    }
+  }
+  if (faults.count(FaultKind::Silent) != 0) {
+    m_hears = 0;
+    return std::nullopt;
+  }
+  return faults;
+}
+
+std::size_t Conduct::Hear(std::size_t count) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_hears == kEver) {
+    return count;
+  }
+  const std::size_t heard = std::min(count, m_hears);
+  m_hears -= heard;
+  return heard;
+}
+
+}  // namespace station

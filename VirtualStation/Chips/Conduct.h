@@ -1,0 +1,101 @@
+/// How a chip behaves: the phases that it has been through, and the faults that a test wants of it. Each chip
+/// owns one; tests arm it and wait on it, the chip asks it before every answer.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "VirtualStation/Chips/Bytes.h"
+
+namespace station {
+
+/// A phase is reached when its request has come in whole, before it is answered.
+enum class Phase {
+  RtxRom,              ///< reset into the boot loader; answer: STX
+  RtxPreLoaderHeader,  ///< length of the pre-loader; answer: ACK
+  RtxPreLoaderImage,   ///< answer: its check byte
+  RtxPreLoaderEcho,    ///< the host agrees with the check byte, the pre-loader runs; no answer
+  RtxStart,            ///< answer: READY
+  RtxSpeed,            ///< the new speed; no answer, the chip works at it from now on
+  RtxSpeedReady,       ///< the host talks at the new speed; answer: NEW_BAUDRATE_READY
+  RtxFlashLoader,      ///< the whole flash loader; answer: its check byte
+  RtxVersion,          ///< the rest: packets and confirmations
+  RtxConfig,
+  RtxErase,
+  RtxProgram,
+  RtxVerify,
+  McuVersion,
+  McuEnterBoot,
+  McuFirmwareInfo,
+  McuPackage,
+  McuDone,
+  UacInvite,  ///< a 'C' goes out
+  UacBlock,   ///< answer: ACK
+  UacEnd,     ///< answer: ACK
+  FpgaPiece,  ///< one write to the device
+  FpgaEnd,    ///< the device was closed
+};
+const char* Name(Phase phase);
+
+enum class FaultKind {
+  Silent,            ///< no answer from here on, until the faults are cleared
+  StopAfter,         ///< hears `bytes` bytes more, then as Silent
+  Unplug,            ///< the device vanishes in place of the answer (plug it in again through line())
+  WrongCheck,        ///< the answer's check value is wrong; UAC: NAK
+  Refuse,            ///< the answer is a no: status, another CRC-32, NAK in place of a byte; UAC: CAN
+  WrongLength,       ///< a sound frame whose data is a byte short; in place of a single byte two of them
+  WrongLengthField,  ///< frames only: the length field is one too large
+  Garbage,           ///< as many other bytes in place of the answer
+  CutAnswer,         ///< only the first `bytes` bytes of the answer
+  Split,             ///< byte by byte, apart enough to be read apart
+  Noise,             ///< `bytes` bytes of noise right before the answer
+  Double,            ///< the answer twice in a row
+};
+
+struct Fault {
+  FaultKind kind;
+  Phase phase;
+  std::size_t bytes = 0;
+  std::size_t after = 0;  ///< so many times the phase goes right first
+  std::size_t times = std::numeric_limits<std::size_t>::max();
+};
+
+/// All members: any thread.
+class Conduct {
+ public:
+  using Milliseconds = std::chrono::milliseconds;
+  using Faults = std::map<FaultKind, std::size_t>;  ///< kinds that strike now, each with its bytes
+
+  void Add(const Fault& fault);
+  /// Disarms every fault; a silent chip is well again. The phases stay.
+  void ClearFaults();
+  /// Forgets the phases too.
+  void Clear();
+
+  /// Waits until `phase` has been reached `count` times since the last Clear. False when time is up.
+  bool WaitFor(Phase phase, Milliseconds timeout, std::size_t count = 1) const;
+  std::size_t Count(Phase phase) const;
+  /// The phases in order, one that repeats at once with how often.
+  std::vector<std::pair<Phase, std::size_t>> Trail() const;
+
+  /// For the chip: notes a phase and tells what goes wrong in it. A dead chip reaches nothing: no value.
+  std::optional<Faults> Reach(Phase phase);
+  /// For the chip: of `count` bytes that come in, the first so many are heard.
+  std::size_t Hear(std::size_t count);
+
+ private:
+  mutable std::mutex m_mutex;  ///< guards all below
+  mutable std::condition_variable m_reached;
+  std::vector<Fault> m_faults;
+  std::map<Phase, std::size_t> m_counts;
+  std::vector<std::pair<Phase, std::size_t>> m_trail;
+  std::size_t m_hears = std::numeric_limits<std::size_t>::max();  ///< bytes left to hear; dead at 0
+};
+
+}  // namespace station
