@@ -1,8 +1,8 @@
 # cmake --install, and a .deb through CPack: the daemon, its unit and its bus policy.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qvupgrademng)
-set(CPACK_PACKAGE_VENDOR "QVUpgradeMng developers")
-set(CPACK_PACKAGE_CONTACT "QVUpgradeMng developers <root@localhost>")
+set(CPACK_PACKAGE_VENDOR "QVUpgradeMng maintainers")
+set(CPACK_PACKAGE_CONTACT "QVUpgradeMng maintainers <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Firmware upgrade manager of a wireless-intercom base station")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)

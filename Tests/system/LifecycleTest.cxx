@@ -131,6 +131,28 @@ TEST_F(Lifecycle, StopInALongPauseEndsItAndRunsNoReboot) {
   }
 }
 
+// Between its last commands, too, a stopped station does not reboot: whoever stopped the daemon decides.
+TEST_F(Lifecycle, StopInTheSwitchRunsNoReboot) {
+  constexpr const char* kWatchdog = "systemctl stop lcd-esd-check.service";
+  StationOptions options;
+  options.pauseDivisor = 100;
+  Station station(options);
+  ASSERT_TRUE(station.Start());
+  station.InsertStick(PackageBuilder("S4.1.0.1").App("V2.0.0.01", 4096).Build());
+  // It runs once when the services are stopped, and again right before the reboot.
+  ASSERT_TRUE(station.commands().WaitForEnd(kWatchdog, kPatience));
+  station.commands().Hold(kWatchdog);
+  ASSERT_TRUE(station.commands().WaitForStart(kWatchdog, kPatience, 2)) << Daemon::Log();
+  ASSERT_EQ(kill(station.daemon().Pid(), SIGTERM), 0);
+  ExpectLog("app CleanUp");
+  station.commands().Release(kWatchdog);
+  const auto status = station.daemon().WaitExit(kPatience);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "wait status " << *status;
+  EXPECT_EQ(station.commands().Count("reboot *"), 0U);
+  EXPECT_EQ(Station::MarkedForBoot(), Partition::B);
+}
+
 TEST_F(Lifecycle, CrashOnAnyThreadEndsWithItsSignalAsStatus) {
   // A crashed process runs its exit handlers while its threads still run, and its handler allocates:
   // accepted, since it is ending anyway. What counts here is that it ends, in time and with the right status.
