@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -40,6 +41,27 @@ void McuFrames(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * line.size()));
 }
 BENCHMARK(McuFrames);
+
+// The counter says how many times longer 10 MiB of a byte that could begin a frame take than 1 MiB.
+void McuGarbage(benchmark::State& state) {
+  using Clock = std::chrono::steady_clock;
+  constexpr size_t kMebibyte = 1U << 20U;
+  const std::vector<uint8_t> garbage(10 * kMebibyte, 0xAA);
+  const auto seconds = [&](size_t size) {
+    const auto start = Clock::now();
+    McuFrameParser parser(garbage.data(), size, McuFrame::EM_UART_MSG_MAX_LEN);
+    if (parser.Next() != McuFrameParser::Found::Nothing) state.SkipWithError("found a frame in garbage");
+    return std::chrono::duration<double>(Clock::now() - start).count();
+  };
+  double one = 0;
+  double ten = 0;
+  while (state.KeepRunning()) {
+    one += seconds(kMebibyte);
+    ten += seconds(10 * kMebibyte);
+  }
+  state.counters["ten_to_one"] = ten / one;
+}
+BENCHMARK(McuGarbage);
 
 void LegacyFrames(benchmark::State& state) {
   std::vector<uint8_t> frame = {0xAA, 0xDD, 0xB1, 0x00, 0x02};

@@ -3,9 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -64,25 +62,6 @@ struct McuLine {
   SerialProtocolMng mng{"Test", 1024, kConfig};
 };
 
-// Seconds of processor time that the parser takes for `size` bytes of 0xAA, the least of several tries.
-double SecondsForGarbage(size_t size) {
-  const auto now = [] {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-  };
-  const Bytes garbage(size, 0xAA);
-  double least = 1e9;
-  for (int attempt = 0; attempt < 7; ++attempt) {
-    McuFrameParser parser(garbage.data(), garbage.size(), kMaxFrame);
-    const double start = now();
-    EXPECT_EQ(parser.Next(), McuFrameParser::Found::Nothing);
-    least = std::min(least, now() - start);
-    EXPECT_EQ(parser.Consumed(), size - 1);
-  }
-  return least;
-}
-
 }  // namespace
 
 TEST(McuFrameParser, FindsFramesHoweverTheStreamIsTorn) {
@@ -137,10 +116,6 @@ TEST(McuFrameParser, KeepsOnlyWhatMayBecomeAFrame) {
     queue.Receive(Frame(0xA4));
     EXPECT_EQ(queue.frames.size(), 1U);
   }
-}
-
-TEST(McuFrameParser, TakesLinearTimeForGarbage) {
-  EXPECT_LE(SecondsForGarbage(10U << 20U), 12 * SecondsForGarbage(1U << 20U));
 }
 
 TEST(McuFrame, UnpacksOnlyWhatFitsItsLength) {
