@@ -1,7 +1,10 @@
 /// See Station.h.
 #include "VirtualStation/Station.h"
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <sstream>
 
@@ -15,6 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kMarkerA = "/qv_config/parta.ini";
 constexpr const char* kMarkerB = "/qv_config/partb.ini";
+constexpr std::chrono::seconds kStartTime(20);
 constexpr const char* kFactoryVersion = "V1.0.0.01";
 
 std::string VersionFile(Partition p) {
@@ -55,6 +59,21 @@ Station::~Station() {
 Partition Station::MarkedForBoot() {
   // As the boot loader and the daemon read them: only B's marker alone selects B.
   return fs::exists(kMarkerB) && !fs::exists(kMarkerA) ? Partition::B : Partition::A;
+}
+
+bool Station::Start() {
+  constexpr int kVersionReport = 200;
+  const auto reports = m_panel.All();
+  const auto before = std::count_if(reports.begin(), reports.end(),
+                                    [](const Report& report) { return report.cmd == kVersionReport; });
+  if (!m_daemon.Start()) {
+    return false;
+  }
+  if (m_panel.WaitForCmd(kVersionReport, kStartTime, static_cast<std::size_t>(before) + 1)) {
+    return true;
+  }
+  std::cerr << "virtual station: the daemon does not report its versions\n";
+  return false;
 }
 
 bool Station::Reboot() {

@@ -51,8 +51,9 @@ class Station {
   Partition Running() const { return m_running; }
   static Partition MarkedForBoot();
 
-  /// Starts the daemon; see Daemon::Start.
-  bool Start() { return m_daemon.Start(); }
+  /// Starts the daemon and waits until it has told the panel its versions: then it listens to sticks and
+  /// requests too, some time after it owns its bus name. False, with the reason on stderr, when it does not.
+  bool Start();
   /// The machine goes down in order (all that was written stays) and boots from what is on its disks. The
   /// daemon is killed if it still runs; it and the peers' reports and the commands' journal start anew.
   /// Result: see Daemon::Start.

@@ -55,6 +55,8 @@ PackageBuilder SmallPackage(const std::string& softVersion, const std::string& v
   return withRtx ? builder.Rtx(version, SmallRtx(version)) : builder;
 }
 
+constexpr auto kRowName = [](const auto& row) { return row.param.name; };
+
 std::size_t CountIn(const std::string& text, const std::string& what) {
   std::size_t count = 0;
   for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
@@ -154,53 +156,40 @@ void PrintTo(const Failure& failure, std::ostream* out) {
 }
 
 const Failure kFailures[] = {
-    {"RtxDoesNotBoot", Chip::Rtx1, Phase::RtxRom, Kind::Silent, 0, 0, 5, "Waiting for STX timeout"},
-    {"RtxBootsIntoNoise", Chip::Rtx1, Phase::RtxRom, Kind::Garbage, 0, 0, 5, "Waiting for STX timeout"},
-    {"RtxRefusesPreLoader", Chip::Rtx1, Phase::RtxPreLoaderHeader, Kind::Refuse, 0, 0, 5,
-     "Waiting for ACK of pre loader timeout"},
-    {"RtxGotAnotherPreLoader", Chip::Rtx1, Phase::RtxPreLoaderImage, Kind::WrongCheck, 0, 0, 0,
+    {"RtxDoesNotBoot", Chip::Rtx1, Phase::RtxRom, Kind::Silent, 0, 0, 5, "STX timeout"},
+    {"RtxBootsIntoNoise", Chip::Rtx1, Phase::RtxRom, Kind::Garbage, 0, 0, 5, "STX timeout"},
+    {"RtxNoPreLoader", Chip::Rtx1, Phase::RtxPreLoaderHeader, Kind::Refuse, 0, 0, 5, "ACK of pre loader"},
+    {"RtxBadPreLoader", Chip::Rtx1, Phase::RtxPreLoaderImage, Kind::WrongCheck, 0, 0, 0,
      "Recv error CRC!RightVal:"},
-    {"RtxPreLoaderIsSilent", Chip::Rtx1, Phase::RtxStart, Kind::Silent, 0, 0, 5,
-     "Waiting for EM_PRELOAD_READY timeout"},
-    {"RtxRefusesSpeed", Chip::Rtx1, Phase::RtxSpeedReady, Kind::Refuse, 0, 0, 5,
-     "Waiting for EM_PRELOAD_NEW_BAUDRATE timeout"},
-    {"RtxStopsInFlashLoader", Chip::Rtx1, Phase::RtxSpeedReady, Kind::StopAfter, 0, 1000, 5,
-     "Waiting for CRC of flash loader timeout"},
-    {"RtxGotAnotherFlashLoader", Chip::Rtx1, Phase::RtxFlashLoader, Kind::WrongCheck, 0, 0, 0,
+    {"RtxNotReady", Chip::Rtx1, Phase::RtxStart, Kind::Silent, 0, 0, 5, "EM_PRELOAD_READY timeout"},
+    {"RtxRefusesSpeed", Chip::Rtx1, Phase::RtxSpeedReady, Kind::Refuse, 0, 0, 5, "NEW_BAUDRATE timeout"},
+    {"RtxStops", Chip::Rtx1, Phase::RtxSpeedReady, Kind::StopAfter, 0, 1000, 5,
+     "CRC of flash loader timeout"},
+    {"RtxBadFlashLoader", Chip::Rtx1, Phase::RtxFlashLoader, Kind::WrongCheck, 0, 0, 0,
      "Recv error CRC!RightVal:"},
-    {"RtxVersionHasWrongCrc", Chip::Rtx1, Phase::RtxVersion, Kind::WrongCheck, 0, 0, 5,
-     "Error crc val! iCrcCalcu:"},
-    {"RtxConfigIsTooLong", Chip::Rtx1, Phase::RtxConfig, Kind::WrongLengthField, 0, 0, 5,
-     "Waiting for [EM_WRITE_CONFIG_CFM] timeout"},
-    {"RtxEraseIsTooShort", Chip::Rtx1, Phase::RtxErase, Kind::WrongLength, 0, 0, 5,
-     "Waiting for [EM_FLASH_ERASE_CFM] timeout"},
-    {"RtxProgramIsGarbage", Chip::Rtx1, Phase::RtxProgram, Kind::Garbage, 1, 0, 5,
-     "Waiting for [EM_PROG_FLASH_CFM] timeout"},
+    {"RtxBadCrc", Chip::Rtx1, Phase::RtxVersion, Kind::WrongCheck, 0, 0, 5, "Error crc val! iCrcCalcu:"},
+    {"RtxLongAnswer", Chip::Rtx1, Phase::RtxConfig, Kind::WrongLengthField, 0, 0, 5,
+     "[EM_WRITE_CONFIG_CFM] timeout"},
+    {"RtxShortAnswer", Chip::Rtx1, Phase::RtxErase, Kind::WrongLength, 0, 0, 5,
+     "[EM_FLASH_ERASE_CFM] timeout"},
+    {"RtxGarbage", Chip::Rtx1, Phase::RtxProgram, Kind::Garbage, 1, 0, 5, "[EM_PROG_FLASH_CFM] timeout"},
     {"RtxIsGone", Chip::Rtx1, Phase::RtxProgram, Kind::Unplug, 1, 0, 5, "RTX[1] upgrade failed!"},
     {"RtxFlashIsWrong", Chip::Rtx1, Phase::RtxVerify, Kind::Refuse, 0, 0, 0, "Crc not right!Store:0x"},
-    {"SecondRtxIsSilent", Chip::Rtx2, Phase::RtxErase, Kind::Silent, 0, 0, 5,
-     "Waiting for [EM_FLASH_ERASE_CFM] timeout"},
+    {"SecondRtxSilent", Chip::Rtx2, Phase::RtxErase, Kind::Silent, 0, 0, 5, "[EM_FLASH_ERASE_CFM] timeout"},
     {"McuIsSilent", Chip::Mcu, Phase::McuVersion, Kind::Silent, 0, 0, 30, "Get ver from MCU error."},
-    {"McuRefusesBootLoader", Chip::Mcu, Phase::McuEnterBoot, Kind::Refuse, 0, 0, 10,
-     "MCU ack start upg failed!"},
-    {"McuDescriptionIsTooShort", Chip::Mcu, Phase::McuFirmwareInfo, Kind::WrongLength, 0, 0, 10,
-     "Waiting for ACK of [SEND_FW_INFO] timeout"},
-    {"McuPackageHasWrongCheck", Chip::Mcu, Phase::McuPackage, Kind::WrongCheck, 3, 0, 10,
-     "Waiting for ACK of [SEND_PACK] timeout.Index:3, iNum:4"},
-    {"McuStopsInPackage", Chip::Mcu, Phase::McuPackage, Kind::StopAfter, 1, 200, 10,
-     "Waiting for ACK of [SEND_PACK] timeout.Index:2, iNum:3"},
+    {"McuStays", Chip::Mcu, Phase::McuEnterBoot, Kind::Refuse, 0, 0, 10, "MCU ack start upg failed!"},
+    {"McuTakesNoInfo", Chip::Mcu, Phase::McuFirmwareInfo, Kind::WrongLength, 0, 0, 10,
+     "[SEND_FW_INFO] timeout"},
+    {"McuBadCheck", Chip::Mcu, Phase::McuPackage, Kind::WrongCheck, 3, 0, 10, "timeout.Index:3, iNum:4"},
+    {"McuStops", Chip::Mcu, Phase::McuPackage, Kind::StopAfter, 1, 200, 10, "timeout.Index:2, iNum:3"},
     {"McuIsGone", Chip::Mcu, Phase::McuPackage, Kind::Unplug, 2, 0, 10, "Upgrade failed!"},
-    {"McuEndIsGarbage", Chip::Mcu, Phase::McuDone, Kind::Garbage, 0, 0, 10,
-     "Waiting for ACK of [SEND_UPG_DONE] timeout"},
-    {"McuApplicationIsTooLong", Chip::Mcu, Phase::McuVersion, Kind::WrongLengthField, 1, 0, 10,
-     "Waiting for ACK of [RE_GET_VER] timeout"},
-    {"UacDoesNotInvite", Chip::Uac, Phase::UacInvite, Kind::Silent, 0, 0, 13, "boot loader does not call"},
-    {"UacStopsInBlock", Chip::Uac, Phase::UacBlock, Kind::StopAfter, 1, 300, 10,
-     "UAC upgrade failed: no answer"},
+    {"McuEndIsGarbage", Chip::Mcu, Phase::McuDone, Kind::Garbage, 0, 0, 10, "[SEND_UPG_DONE] timeout"},
+    {"McuBadVersion", Chip::Mcu, Phase::McuVersion, Kind::WrongLengthField, 1, 0, 10, "[RE_GET_VER] timeout"},
+    {"UacDoesNotCall", Chip::Uac, Phase::UacInvite, Kind::Silent, 0, 0, 13, "boot loader does not call"},
+    {"UacStops", Chip::Uac, Phase::UacBlock, Kind::StopAfter, 1, 300, 10, "failed: no answer"},
     {"UacCancels", Chip::Uac, Phase::UacBlock, Kind::Refuse, 2, 0, 0, "cancelled by the boot loader"},
-    {"UacRefusesBlock", Chip::Uac, Phase::UacBlock, Kind::WrongCheck, 1, 0, 10,
-     "UAC upgrade failed: refused"},
-    {"UacIsGone", Chip::Uac, Phase::UacBlock, Kind::Unplug, 1, 0, 10, "UAC upgrade failed: "},
+    {"UacRefusesBlock", Chip::Uac, Phase::UacBlock, Kind::WrongCheck, 1, 0, 1, "failed: refused"},
+    {"UacIsGone", Chip::Uac, Phase::UacBlock, Kind::Unplug, 1, 0, 10, "UAC upgrade failed"},
     {"FpgaIsStuck", Chip::Fpga, Phase::FpgaPiece, Kind::Silent, 0, 0, 10, "write flash failed."},
     {"FpgaRefuses", Chip::Fpga, Phase::FpgaPiece, Kind::Refuse, 1, 0, 0, "write flash failed."},
 };
@@ -251,8 +240,7 @@ TEST_P(ChipFailure, EndsInTimeAndIsItsOwnAlone) {
   ExpectNoDifferences(station.chips().DifferencesFrom(next));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, ChipFailure, ::testing::ValuesIn(kFailures),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Of, ChipFailure, ::testing::ValuesIn(kFailures), kRowName);
 
 // No device is there at all: every chip fails, and nothing waits for it.
 TEST_F(ChipTest, PartsWithoutTheirChipFailAndTheOthersRunAtOnce) {
@@ -328,8 +316,7 @@ TEST_P(ChipNuisance, IsSurvived) {
   ExpectNoDifferences(station.chips().DifferencesFrom(package));
 }
 
-INSTANTIATE_TEST_SUITE_P(With, ChipNuisance, ::testing::ValuesIn(kNuisances),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(With, ChipNuisance, ::testing::ValuesIn(kNuisances), kRowName);
 
 /// A moment of a transfer at which the daemon is told to stop.
 struct Middle {
@@ -383,8 +370,7 @@ TEST_P(ChipStop, EndsTheTransferInOrder) {
   EXPECT_EQ(Station::MarkedForBoot(), Partition::A);
 }
 
-INSTANTIATE_TEST_SUITE_P(While, ChipStop, ::testing::ValuesIn(kMiddles),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(While, ChipStop, ::testing::ValuesIn(kMiddles), kRowName);
 
 /// Where the power goes during the MCU's upgrade, which goes on by itself when it is back.
 class McuPowerCut : public ChipTest, public ::testing::WithParamInterface<Phase> {};
