@@ -13,9 +13,8 @@ namespace {
 
 class McuSubmodulesTest : public testing::Test {
  protected:
-  void SetUp() override {
-    if (XFilePathExists(McuSubmodules::m_strUartName)) GTEST_SKIP() << "this machine has such a port";
-  }
+  // A machine with the real port is no place for these tests, and no reason to pass them.
+  void SetUp() override { ASSERT_FALSE(XFilePathExists(McuSubmodules::m_strUartName)); }
 };
 
 TEST_F(McuSubmodulesTest, StartsNothingWithoutItsLine) {
