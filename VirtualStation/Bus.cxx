@@ -109,17 +109,6 @@ std::optional<std::string> Bus::Call(const std::string& path, const std::string&
   return result;
 }
 
-void Bus::SendSignal(const std::string& path, const std::string& interface, const std::string& member,
-                     const std::string& text) const {
-  const BusConnection connection(m_address);
-  DBusMessage* signal = dbus_message_new_signal(path.c_str(), interface.c_str(), member.c_str());
-  const char* argument = text.c_str();
-  dbus_message_append_args(signal, DBUS_TYPE_STRING, &argument, DBUS_TYPE_INVALID);
-  dbus_connection_send(connection.Get(), signal, nullptr);
-  dbus_connection_flush(connection.Get());
-  dbus_message_unref(signal);
-}
-
 bool Bus::WaitForOwner(const std::string& name, Milliseconds timeout) const {
   const auto deadline = Clock::now() + timeout;
   const BusConnection connection(m_address);

@@ -30,9 +30,6 @@ class Bus {
   std::optional<std::string> Call(const std::string& path, const std::string& interface,
                                   const std::string& member, const std::string& text,
                                   Milliseconds timeout) const;
-  /// Sends a signal with one string.
-  void SendSignal(const std::string& path, const std::string& interface, const std::string& member,
-                  const std::string& text) const;
   /// Waits until somebody owns `name`. False when time is up.
   bool WaitForOwner(const std::string& name, Milliseconds timeout) const;
 

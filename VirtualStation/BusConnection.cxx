@@ -28,6 +28,16 @@ void BusConnection::Match(const std::string& rule) const {
   }
 }
 
+void BusConnection::SendSignal(const std::string& path, const std::string& interface,
+                               const std::string& member, const std::string& text) const {
+  DBusMessage* signal = dbus_message_new_signal(path.c_str(), interface.c_str(), member.c_str());
+  const char* argument = text.c_str();
+  dbus_message_append_args(signal, DBUS_TYPE_STRING, &argument, DBUS_TYPE_INVALID);
+  dbus_connection_send(m_connection, signal, nullptr);
+  dbus_connection_flush(m_connection);
+  dbus_message_unref(signal);
+}
+
 std::string BusConnection::Text(DBusMessage* message) {
   const char* text = "";
   dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);

@@ -183,13 +183,13 @@ std::string Daemon::Log() {
   return ReadText(kLogFile);
 }
 
-bool Daemon::WaitForLog(const std::string& text, Milliseconds timeout) {
+bool Daemon::WaitForLog(const std::string& text, Milliseconds timeout, std::size_t from) {
   const auto deadline = Clock::now() + timeout;
   const int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   inotify_add_watch(watch, kLogDir.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO);
   bool found = false;
   while (true) {
-    found = Log().find(text) != std::string::npos;
+    found = Log().find(text, from) != std::string::npos;
     pollfd wait = {watch, POLLIN, 0};
     if (found || poll(&wait, 1, RemainingMs(deadline)) == 0) {
       break;

@@ -45,8 +45,8 @@ class Daemon {
   /// What it printed, and its system log, since the station was made (the log: what is on /firmware).
   static std::string Output();
   static std::string Log();
-  /// Waits until the log holds `text`. False when time is up.
-  static bool WaitForLog(const std::string& text, Milliseconds timeout);
+  /// Waits until the log holds `text` at `from` (in bytes) or behind. False when time is up.
+  static bool WaitForLog(const std::string& text, Milliseconds timeout, std::size_t from = 0);
   /// Everything that sanitizers reported of the daemon; empty when all is well.
   static std::string SanitizerReports();
 

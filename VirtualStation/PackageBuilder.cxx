@@ -36,15 +36,6 @@ std::string Md5(const std::string& path) {
   return text;
 }
 
-/// Packs everything in `directory`, at the top level of the zip.
-void Zip(const std::string& directory, const std::string& zip) {
-  std::vector<std::string> command = {"7za", "a", "-tzip", "-mx=0", zip, "--"};
-  for (const auto& entry : fs::directory_iterator(directory)) {
-    command.push_back(entry.path().filename());
-  }
-  MustRun(command, directory);
-}
-
 void Apply(const PackageBuilder::FileEditor& edit, const std::string& path) {
   if (edit) {
     edit(path);
@@ -94,17 +85,8 @@ PackageBuilder& PackageBuilder::AllSocParts(const std::string& version) {
 
 PackageBuilder& PackageBuilder::Rtx(const std::string& version, const RtxContent& content) {
   RtxContent whole = content;
-  if (whole.blocks.empty()) {
-    whole.blocks = DefaultRtxBlocks(version);
-  }
-  std::string hex = IntelHex(whole);
-  if (whole.editHex) {
-    whole.editHex(hex);
-  }
   Page page = {"rtx", version, "QV_K9031_rtx_" + version + ".tar"};
-  page.files = {{"rtx-pre-loader.bin", Text(RandomBytes(whole.preLoaderBytes, version + "pre"))},
-                {"rtx-flash-loader.bin", Text(RandomBytes(whole.flashLoaderBytes, version + "flash"))},
-                {"QV_K9031_RTX_" + version + ".spihex", hex}};
+  page.files = MakeRtxFiles(version, whole);
   page.image = whole.blocks;
   return _Add(m_pages, std::move(page));
 }
@@ -145,6 +127,10 @@ PackageBuilder& PackageBuilder::RawPage(const std::string& type, const std::stri
 PackageBuilder& PackageBuilder::PpPage(const std::string& type, const std::string& version,
                                        const std::string& pageName, const std::string& content) {
   return _Add(m_ppPages, {type, version, pageName, 0, Flash::None, content, true});
+}
+
+PackageBuilder& PackageBuilder::PpPage(const PpPackage& package) {
+  return PpPage(package.type, package.version, package.fileName, package.content);
 }
 
 PackageBuilder& PackageBuilder::Name(const std::string& fileName) {
@@ -315,6 +301,14 @@ PackageBuilder::FileEditor PackageBuilder::AddEntry(const std::string& name, con
       MustRun({"tar", "rPf", path, "--transform", "s,^entry$," + name + ",", "entry"}, directory);
     }
   };
+}
+
+void Zip(const std::string& directory, const std::string& zip) {
+  std::vector<std::string> command = {"7za", "a", "-tzip", "-mx=0", zip, "--"};
+  for (const auto& entry : fs::directory_iterator(directory)) {
+    command.push_back(entry.path().filename());
+  }
+  MustRun(command, directory);
 }
 
 void WriteRandomFile(const std::string& path, std::uint64_t bytes) {

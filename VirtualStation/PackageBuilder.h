@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "VirtualStation/Chips/ChipImages.h"
+#include "VirtualStation/Pps/PpPackage.h"
 
 namespace station {
 
@@ -56,6 +57,7 @@ class PackageBuilder {
   /// one.
   PackageBuilder& PpPage(const std::string& type, const std::string& version, const std::string& pageName,
                          const std::string& content);
+  PackageBuilder& PpPage(const PpPackage& package);
 
   /// Another file name than "QV_K9031_<hard>_<soft>_RRU_UDISK_Common_1.zip".
   PackageBuilder& Name(const std::string& fileName);
@@ -97,6 +99,8 @@ class PackageBuilder {
   FileEditor m_editRru, m_editPackage;
 };
 
+/// Packs everything in `directory`, at the top level of the zip.
+void Zip(const std::string& directory, const std::string& zip);
 /// Writes deterministic content of `bytes` to `path`, different for each path's last component.
 void WriteRandomFile(const std::string& path, std::uint64_t bytes);
 

@@ -10,8 +10,12 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <memory>
 
 #include "VirtualStation/Box.h"
+#include "VirtualStation/Pps/Pp7204.h"
+#include "VirtualStation/Pps/Pp7308.h"
+#include "VirtualStation/Pps/PpLegacy.h"
 #include "VirtualStation/Process.h"
 #include "VirtualStation/Station.h"
 #include "VirtualStation/TreeCompare.h"
@@ -27,17 +31,20 @@ bool ShowUpgrade(Screen& screen, unsigned pauseDivisor);
 bool ShowWeb(Screen& screen, unsigned pauseDivisor);
 bool ShowHostile(Screen& screen, unsigned pauseDivisor);
 bool ShowKill(Screen& screen, unsigned pauseDivisor);
+bool ShowPp(Screen& screen, unsigned pauseDivisor);
 bool ShowShell(Screen& screen, unsigned pauseDivisor);
 
 }  // namespace
 
 const std::vector<Scenario>& Scenarios() {
   static const std::vector<Scenario> all = {
-      {"upgrade", "a USB stick brings all seven parts: files, a boot loader, and every chip's firmware",
+      {"upgrade",
+       "a USB stick brings all seven parts: files, a boot loader, every chip's firmware; then a belt pack's",
        ShowUpgrade},
       {"web", "the same package comes from the web server", ShowWeb},
       {"hostile", "a few bad packages, and what the station answers", ShowHostile},
       {"kill", "the power is cut in the middle of an upgrade, and the station recovers", ShowKill},
+      {"pp", "belt packs of three families are plugged in: upgraded, restarted, paired", ShowPp},
       {"shell", "a shell inside the station, beside the running daemon", ShowShell},
   };
   return all;
@@ -47,6 +54,8 @@ namespace {
 
 /// An upgrade of everything takes far less, also at the device's own pace.
 constexpr minutes kUpgradeLimit(10);
+/// The same for a portable part.
+constexpr minutes kPpLimit(2);
 
 const char* Name(Partition p) {
   return p == Partition::A ? "A" : "B";
@@ -55,7 +64,12 @@ const char* Name(Partition p) {
 /// A started station whose panel is shown on the screen.
 class ShownStation : public Station {
  public:
-  ShownStation(Screen& screen, unsigned pauseDivisor) : Station(Options(pauseDivisor)) {
+  /// With firmware for portable parts.
+  ShownStation(Screen& screen, unsigned pauseDivisor, const std::vector<PpPackage>& firmware = {})
+      : Station(Options(pauseDivisor)) {
+    for (const PpPackage& package : firmware) {
+      Install(package);
+    }
     panel().OnReport([&screen](const Report& report) { screen.Progress(report); });
     screen.Check(Start(), "the daemon is up on the bus");
   }
@@ -191,13 +205,74 @@ void FollowUpgrade(Screen& screen, Station& station, const Package& package,
   screen.Check(Daemon::SanitizerReports().empty(), "no sanitizer complains", {Daemon::SanitizerReports()});
 }
 
+void ShowPpVersions(Screen& screen, const char* when, const PpVersions& versions) {
+  screen.Line(std::string(when) + ": software " + Text(versions.software) + ", hardware " +
+              versions.hardware + ", radio " + versions.radio);
+}
+
+/// A 7308 goes in, for which the station holds `firmware`; it stays in as long as what is given lives.
+std::unique_ptr<Pp7308> Follow7308(Screen& screen, const PpPackage& firmware) {
+  screen.Step("A 7308 belt pack is plugged in");
+  auto part = std::make_unique<Pp7308>();
+  ShowPpVersions(screen, "it comes with", part->Versions());
+  screen.Check(Daemon::WaitForLog("----> [EM_STATE_UPG_SUCCESS]", kPpLimit),
+               "the daemon finds it out of date and upgrades it");
+  screen.Line("it went through: " + Words(part->conduct()));
+  ShowPpVersions(screen, "it has now", part->Versions());
+  screen.Check(part->Application() == firmware.application, "it holds its application, byte for byte");
+  const FlashBlock& radio = firmware.radio.front();
+  screen.Check(part->radio().Memory(radio.address, radio.data.size()) == radio.data,
+               "its radio module holds its firmware, byte for byte");
+  return part;
+}
+
 bool ShowUpgrade(Screen& screen, unsigned pauseDivisor) {
   screen.Step("A base station runs");
   ShownStation station(screen, pauseDivisor);
   ShowVersions(screen, station);
   screen.Step("A USB stick goes in");
-  const Package package = ShowPackage(screen, PackageBuilder("S4.1.0.1").AllParts("V2.0.0.01"));
+  const PpPackage firmware = Make7308Package("S1.0.2.5");
+  const Package package =
+      ShowPackage(screen, PackageBuilder("S4.1.0.1").AllParts("V2.0.0.01").PpPage(firmware));
   FollowUpgrade(screen, station, package, [&] { station.InsertStick(package); });
+  Follow7308(screen, firmware);
+  return screen.AllGood();
+}
+
+/// Waits for the nth pairing request and shows it.
+void FollowPairing(Screen& screen, Station& station, int type, std::size_t nth) {
+  const auto request = station.controller().WaitForRequest(Controller::kPair, kPpLimit, nth);
+  if (!screen.Check(request.has_value(), "the system controller is asked to pair it")) {
+    return;
+  }
+  for (const std::string& key : request->getMemberNames()) {
+    screen.Line("        " + key + ": " + (*request)[key].asString());
+  }
+  screen.Check((*request)["PpType"] == type, "under the right model number");
+}
+
+bool ShowPp(Screen& screen, unsigned pauseDivisor) {
+  screen.Step("A base station runs, with firmware for belt packs");
+  const PpPackage firmware7308 = Make7308Package("S1.0.2.5");
+  const PpPackage firmware7204 = Make7204Package("S1.0.3.1");
+  ShownStation station(screen, pauseDivisor, {firmware7308, firmware7204});
+  screen.Line(firmware7308.fileName);
+  screen.Line(firmware7204.fileName);
+
+  const auto part7308 = Follow7308(screen, firmware7308);
+
+  screen.Step("A 7204 belt pack is plugged in");
+  Pp7204 part7204;
+  ShowPpVersions(screen, "it comes with", part7204.Versions());
+  screen.Check(part7204.WaitForRestart(kPpLimit), "it restarts with the file that the daemon put on it");
+  ShowPpVersions(screen, "it has now", part7204.Versions());
+  screen.Check(part7204.Firmware() == firmware7204.content, "it holds the file, byte for byte");
+  FollowPairing(screen, station, 7204, 1);
+
+  screen.Step("An older belt pack is plugged in");
+  PpLegacy legacy;
+  FollowPairing(screen, station, 7303, 2);
+  screen.Check(Daemon::SanitizerReports().empty(), "no sanitizer complains", {Daemon::SanitizerReports()});
   return screen.AllGood();
 }
 

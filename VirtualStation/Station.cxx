@@ -31,6 +31,7 @@ Station::Station(const StationOptions& options)
     : m_disks(options.firmwareBytes),
       m_panel(m_bus),
       m_web(m_bus),
+      m_controller(m_bus),
       m_chips(options.chips ? std::make_unique<Chips>() : nullptr),
       m_daemon(m_bus, options.pauseDivisor, options.environment) {
   m_disks.MountAll(m_running);
@@ -46,6 +47,7 @@ Station::Station(const StationOptions& options)
     WriteText(m_disks.RootfsDir(p) + "/etc/factory", "root file system " + name + "\n");
     SetVersions(p, "S4.0.9.10", "H200", parts);
   }
+  WritePpVersions();
   WriteText(kMarkerA, "part=0");
   WriteText("/var/first_upgrade.ini", "1\n");
   m_disks.UnmountAll();
@@ -66,13 +68,15 @@ bool Station::Start() {
   const auto reports = m_panel.All();
   const auto before = std::count_if(reports.begin(), reports.end(),
                                     [](const Report& report) { return report.cmd == kVersionReport; });
+  const std::size_t logged = Daemon::Log().size();
   if (!m_daemon.Start()) {
     return false;
   }
-  if (m_panel.WaitForCmd(kVersionReport, kStartTime, static_cast<std::size_t>(before) + 1)) {
+  if (m_panel.WaitForCmd(kVersionReport, kStartTime, static_cast<std::size_t>(before) + 1) &&
+      Daemon::WaitForLog("Enter UpgradePp Thread", kStartTime, logged)) {
     return true;
   }
-  std::cerr << "virtual station: the daemon does not report its versions\n";
+  std::cerr << "virtual station: the daemon does not report its versions, or does not take portable parts\n";
   return false;
 }
 
@@ -101,6 +105,7 @@ void Station::_Boot() {
   m_disks.MountAll(m_running);
   m_panel.Clear();
   m_web.Clear();
+  m_controller.Clear();
   m_commands.Clear();
   if (m_chips) {
     m_chips->PowerCycle();

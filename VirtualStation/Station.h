@@ -13,6 +13,7 @@
 #include "VirtualStation/Bus.h"
 #include "VirtualStation/Chips/Chips.h"
 #include "VirtualStation/Commands.h"
+#include "VirtualStation/Controller.h"
 #include "VirtualStation/Daemon.h"
 #include "VirtualStation/Disks.h"
 #include "VirtualStation/PackageBuilder.h"
@@ -43,6 +44,7 @@ class Station {
   const Bus& bus() const { return m_bus; }
   Panel& panel() { return m_panel; }
   WebServer& web() { return m_web; }
+  Controller& controller() { return m_controller; }
   Daemon& daemon() { return m_daemon; }
   /// Only of a station that has chips.
   Chips& chips() { return *m_chips; }
@@ -51,8 +53,9 @@ class Station {
   Partition Running() const { return m_running; }
   static Partition MarkedForBoot();
 
-  /// Starts the daemon and waits until it has told the panel its versions: then it listens to sticks and
-  /// requests too, some time after it owns its bus name. False, with the reason on stderr, when it does not.
+  /// Starts the daemon and waits until it has told the panel its versions and takes portable parts: then it
+  /// listens to sticks and requests too, some time after it owns its bus name. False, with the reason on
+  /// stderr, when it does not.
   bool Start();
   /// The machine goes down in order (all that was written stays) and boots from what is on its disks. The
   /// daemon is killed if it still runs; it and the peers' reports and the commands' journal start anew.
@@ -85,6 +88,7 @@ class Station {
   Bus m_bus;
   Panel m_panel;
   WebServer m_web;
+  Controller m_controller;
   std::unique_ptr<Chips> m_chips;
   Daemon m_daemon;
   std::unique_ptr<Stick> m_stick;

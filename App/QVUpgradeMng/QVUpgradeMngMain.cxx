@@ -23,10 +23,13 @@
 #include "BSW/PhyInterface/PhyInterface.h"
 #include "BackendHosts.h"
 #include "BuildInfo.h"
+#include "DebugCommands.h"
+#include "SysCtrlReports.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
+#include "UpgradePp/UpgradePp.h"
 
 /// Set by the termination signals; ends the main loop.
 static std::atomic<bool> bExitFlag{false};
@@ -41,8 +44,6 @@ constexpr const char* kProgramVersion = "V1.1.6.00";
 constexpr const char* kBuildType = ", BuildType:Debug";
 constexpr const char* kBusName = "org.Upgread.server";
 constexpr const char* kLogDirectory = "/firmware/log/QVUpgradeMng";
-constexpr const char* kErrorRecordDirectory = "/firmware/log/";
-constexpr const char* kProductCode = "K9031";
 constexpr const char* kOtaHostFile = "/qv_data/config/upgradeOtaPath.json";
 constexpr const char* kHostKey = "host";
 constexpr const char* kHostSetKey = "web_or_oled_set_flag";
@@ -152,9 +153,8 @@ void AppReadOTAHost() {
 
 /// Creates and starts the parts. Each logs what it cannot do, and the daemon runs with the rest.
 void AppInit();
-void AppCleanUp();
-/// Stops every thread that AppInit started.
-void StopParts();
+/// Cleans the parts up and stops every thread that AppInit started.
+void AppStop();
 
 }  // namespace
 
@@ -174,8 +174,7 @@ int main(int /*argc*/, char* /*argv*/[]) {
   AppInit();
   while (!bExitFlag) XSleep(kExitPollMs);
 
-  AppCleanUp();
-  StopParts();
+  AppStop();
   CDbusHandler::instance()->CleanUp();
   tempFrame.reset();
   CLog::instance()->CleanUp();
@@ -184,6 +183,10 @@ int main(int /*argc*/, char* /*argv*/[]) {
 
 namespace {
 
+constexpr const char* kDeviceId = "RRU01";
+constexpr const char* kProductCode = "K9031";
+constexpr const char* kErrorRecordDirectory = "/firmware/log/";
+
 void AppInit() {
   // After a crash other threads still run inside the frame: it is not freed then.
   tempFrame = std::shared_ptr<QVUpgradeFrameBase>(new QVUpgradeFrameBase(), [](QVUpgradeFrameBase* frame) {
@@ -191,21 +194,31 @@ void AppInit() {
   });
   tempFrame->Init();
   QVUpgradeAccessFrame::getAccessFrame()->Init(tempFrame.get());
+  // Never freed: after a crash other threads still report.
+  static auto* const reports = new SysCtrlReports();
+  SysCtrlIpc::instance()->SetReports(reports);
+  DebugCommands::Register();
   UpgradeIpcMsg::GetUpgradeIpc()->Init();
+  if (UpgradePp::instance()->Init(kDeviceId)) {
+    QVUpgradeAccessFrame::getAccessFrame()->SetPpImportCallback(UpgradePp::instance()->GetImportCallback());
+  }
   ErrorNum::instance()->Init(kProductCode, kErrorRecordDirectory);
 }
 
 void AppCleanUp() {
   LOGD("app CleanUp");
   UpgradeIpcMsg::GetUpgradeIpc()->CleanUp();
+  UpgradePp::instance()->CleanUp();
   ErrorNum::instance()->CleanUp();
 }
 
-void StopParts() {
+void AppStop() {
   // All are asked to stop before the first is waited for, so that they end side by side.
   QVUpgradeAccessFrame::getAccessFrame()->RequestStop();
   PhyInterface::instance()->DestroyThread(true, false);
   tempFrame->RequestStop();
+  UpgradePp::instance()->RequestStop();
+  AppCleanUp();
   QVUpgradeAccessFrame::getAccessFrame()->CleanUp();
   PhyInterface::instance()->CleanUp();
   tempFrame->CleanUp();

@@ -134,7 +134,7 @@ TEST_F(ChipTest, OnePackageUpgradesAllSevenParts) {
     EXPECT_GT(changes[module + 4].at - changes[module + 3].at, 100ms) << "BOOT to RESET";
     EXPECT_GT(changes[module + 6].at - changes[module + 5].at, 50ms) << "RESET";
   }
-  for (const int module : {1, 2}) EXPECT_EQ(station.chips().rtx(module).HighestSpeed(), 230400U);
+  for (const int module : {1, 2}) EXPECT_EQ(station.chips().rtx(module).core().HighestSpeed(), 230400U);
   EXPECT_EQ(station.chips().mcu().ImageName(), "k9031_McuApp.bin");
   EXPECT_EQ(station.chips().mcu().ApplicationVersion(), (Mcu::Version{2, 0, 0, 1}));
   EXPECT_TRUE(station.chips().uac().Complete());

@@ -41,10 +41,10 @@ class StationTest : public ::testing::Test {
     EXPECT_EQ(station.commands().Lines().back(), "reboot -f");
   }
 
-  /// The log holds `text`, now or soon.
-  static void ExpectLog(const std::string& text) {
-    EXPECT_TRUE(station::Daemon::WaitForLog(text, kPatience)) << "not logged: " << text << "\nlog:\n"
-                                                              << station::Daemon::Log();
+  /// The log holds `text`, now or soon, at `from` (in bytes) or behind.
+  static void ExpectLog(const std::string& text, std::size_t from = 0) {
+    EXPECT_TRUE(station::Daemon::WaitForLog(text, kPatience, from)) << "not logged: " << text << "\nlog:\n"
+                                                                    << station::Daemon::Log().substr(from);
   }
 
   static void ExpectNoDifferences(const std::vector<std::string>& differences) {

@@ -18,7 +18,7 @@ namespace {
 
 // Path prefixes from the ground up. The last prefix that matches a path decides its floor, so that a folder's
 // exceptions stand behind it.
-constexpr std::array<std::pair<const char*, int>, 18> kFloors = {{
+constexpr std::array<std::pair<const char*, int>, 19> kFloors = {{
     {"PlatformSDK/Include/", 0},
     {"PlatformSDK/BSW/", 4},
     {"PlatformSDK/BSW/BasicFun/", 1},
@@ -37,6 +37,7 @@ constexpr std::array<std::pair<const char*, int>, 18> kFloors = {{
     {"App/QVUpgradeMng/UpgradeFrame/SubmoduleFactory", 9},
     {"App/QVUpgradeMng/UpgradeFrame/QVUpgradeFrameBase", 10},
     {"App/QVUpgradeMng/UpgradeFrame/AccessMng/", 11},
+    {"App/QVUpgradeMng/UpgradePp/", 12},
 }};
 constexpr int kMainFloor = 13;
 

@@ -77,6 +77,21 @@ std::string IntelHex(const RtxContent& content) {
   return text;
 }
 
+RtxFiles MakeRtxFiles(const std::string& version, RtxContent& content) {
+  if (content.blocks.empty()) {
+    content.blocks = DefaultRtxBlocks(version);
+  }
+  std::string hex = IntelHex(content);
+  if (content.editHex) {
+    content.editHex(hex);
+  }
+  const Bytes preLoader = RandomBytes(content.preLoaderBytes, version + "pre");
+  const Bytes flashLoader = RandomBytes(content.flashLoaderBytes, version + "flash");
+  return {{"rtx-pre-loader.bin", {preLoader.begin(), preLoader.end()}},
+          {"rtx-flash-loader.bin", {flashLoader.begin(), flashLoader.end()}},
+          {"QV_K9031_RTX_" + version + ".spihex", hex}};
+}
+
 std::vector<FlashBlock> ErasedAround(const std::vector<FlashBlock>& blocks) {
   std::vector<FlashBlock> ranges;
   for (const FlashBlock& block : blocks) {

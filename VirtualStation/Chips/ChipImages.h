@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@ Bytes RandomBytes(std::size_t size, const std::string& seed);
 std::vector<FlashBlock> DefaultRtxBlocks(const std::string& version);
 /// An Intel HEX file.
 std::string IntelHex(const RtxContent& content);
+/// The three files of a radio firmware, by name; `content` gets the default blocks when it has none.
+using RtxFiles = std::map<std::string, std::string>;
+RtxFiles MakeRtxFiles(const std::string& version, RtxContent& content);
 
 /// Memory around `blocks` as it must be: every block and the rest of its last sector, counted from its start,
 /// which is erased where no other block lies.

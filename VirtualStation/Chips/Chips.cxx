@@ -11,15 +11,6 @@ namespace {
 const RtxModule::Wiring kModule1 = {"/dev/ttymxc2", 8, 9, 39, 102, 133};
 const RtxModule::Wiring kModule2 = {"/dev/ttymxc0", 10, 11, 139, 102, 12};
 
-std::string Words(const Conduct& conduct) {
-  std::string text;
-  for (const auto& [phase, count] : conduct.Trail()) {
-    text += (text.empty() ? "" : ", ") + std::string(Name(phase));
-    text += count == 1 ? "" : " x" + std::to_string(count);
-  }
-  return text.empty() ? "untouched" : text;
-}
-
 /// Adds a line when `actual` is not `expected`.
 void Compare(std::vector<std::string>& differences, const std::string& chip, std::uint32_t address,
              const Bytes& expected, const Bytes& actual) {
@@ -70,9 +61,9 @@ std::vector<std::string> Chips::DifferencesFrom(const Package& package) const {
     for (const FlashBlock& block : type == "rtx" ? ErasedAround(blocks) : blocks) {
       if (type == "rtx") {
         Compare(differences, "RTX module 1", block.address, block.data,
-                m_rtx1.Memory(block.address, block.data.size()));
+                m_rtx1.core().Memory(block.address, block.data.size()));
         Compare(differences, "RTX module 2", block.address, block.data,
-                m_rtx2.Memory(block.address, block.data.size()));
+                m_rtx2.core().Memory(block.address, block.data.size()));
       } else if (type == "mcu") {
         Compare(differences, "MCU", 0, block.data, m_mcu.Memory(block.data.size()));
       } else if (type == "uac") {

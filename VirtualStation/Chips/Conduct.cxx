@@ -35,6 +35,14 @@ const char* Name(Phase phase) {
       {Phase::UacEnd, "end"},
       {Phase::FpgaPiece, "piece"},
       {Phase::FpgaEnd, "end"},
+      {Phase::PpVersion, "version"},
+      {Phase::PpStart, "start"},
+      {Phase::PpFirmwareInfo, "firmware description"},
+      {Phase::PpPacket, "packet"},
+      {Phase::PpDone, "done"},
+      {Phase::PpRadioRequest, "radio handed over"},
+      {Phase::PpRadioResult, "radio result"},
+      {Phase::PpFile, "file found"},
   };
   return names.at(phase);
 }
@@ -118,6 +126,15 @@ std::size_t Conduct::Hear(std::size_t count) {
   const std::size_t heard = std::min(count, m_hears);
   m_hears -= heard;
   return heard;
+}
+
+std::string Words(const Conduct& conduct) {
+  std::string text;
+  for (const auto& [phase, count] : conduct.Trail()) {
+    text += (text.empty() ? "" : ", ") + std::string(Name(phase));
+    text += count == 1 ? "" : " x" + std::to_string(count);
+  }
+  return text.empty() ? "untouched" : text;
 }
 
 }  // namespace station

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -40,6 +41,14 @@ enum class Phase {
   UacEnd,     ///< answer: ACK
   FpgaPiece,  ///< one write to the device
   FpgaEnd,    ///< the device was closed
+  PpVersion,
+  PpStart,
+  PpFirmwareInfo,
+  PpPacket,
+  PpDone,
+  PpRadioRequest,  ///< answer: the part agrees to pass bytes through to its radio module
+  PpRadioResult,
+  PpFile,  ///< a part with storage found new firmware on it; answer: it restarts
 };
 const char* Name(Phase phase);
 
@@ -56,6 +65,7 @@ enum class FaultKind {
   Split,             ///< byte by byte, apart enough to be read apart
   Noise,             ///< `bytes` bytes of noise right before the answer
   Double,            ///< the answer twice in a row
+  Late,              ///< the answer comes `bytes` milliseconds late
 };
 
 struct Fault {
@@ -71,6 +81,9 @@ class Conduct {
  public:
   using Milliseconds = std::chrono::milliseconds;
   using Faults = std::map<FaultKind, std::size_t>;  ///< kinds that strike now, each with its bytes
+
+  /// With these faults armed.
+  explicit Conduct(std::vector<Fault> faults = {}) : m_faults(std::move(faults)) {}
 
   void Add(const Fault& fault);
   /// Disarms every fault; a silent chip is well again. The phases stay.
@@ -97,5 +110,8 @@ class Conduct {
   std::vector<std::pair<Phase, std::size_t>> m_trail;
   std::size_t m_hears = std::numeric_limits<std::size_t>::max();  ///< bytes left to hear; dead at 0
 };
+
+/// The phases in words, for a display.
+std::string Words(const Conduct& conduct);
 
 }  // namespace station

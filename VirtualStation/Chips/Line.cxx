@@ -70,6 +70,7 @@ void Drain(int fd) {
 
 Line::Line(std::string device, unsigned speed, Received received, Timer timer)
     : m_device(std::move(device)),
+      m_usb(speed == kUsb),
       m_received(std::move(received)),
       m_timerRings(std::move(timer)),
       m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
@@ -153,6 +154,11 @@ std::uint64_t Line::ReceivedCount() const {
   return m_count;
 }
 
+unsigned Line::HostSpeed() const {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return _HostSpeed();
+}
+
 void Line::SetSpeed(unsigned bitsPerSecond) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_speed = bitsPerSecond;
@@ -184,7 +190,8 @@ void Line::Send(Bytes answer, const Conduct::Faults& faults) {
     answer.insert(answer.begin(), noise.begin(), noise.end());
   }
   const std::lock_guard<std::mutex> lock(m_mutex);
-  _Enqueue(m_outgoing, answer, m_speed, strikes(FaultKind::Split) ? kSplitGap : Clock::duration::zero());
+  _Enqueue(m_outgoing, answer, m_speed, strikes(FaultKind::Split) ? kSplitGap : Clock::duration::zero(),
+           Milliseconds(strikes(FaultKind::Late) ? faults.at(FaultKind::Late) : 0));
   _Wake();
 }
 
@@ -262,7 +269,7 @@ void Line::_ReadPort() {
   if (size > 0) {
     bytes.resize(static_cast<std::size_t>(size));
     // Asked afterwards: a host that has just opened the device sets the speed first, and then sends.
-    _Enqueue(m_incoming, bytes, _HostSpeed(), Clock::duration::zero());
+    _Enqueue(m_incoming, bytes, _HostSpeed());
   } else if (size == 0 || errno == EIO) {
     _SetOpen(false);
   }
@@ -279,20 +286,21 @@ void Line::_WritePort(Clock::time_point now) {
   }
 }
 
-Bytes Line::_TakeDue(Queue& queue, Clock::time_point now, unsigned receiverSpeed) {
+Bytes Line::_TakeDue(Queue& queue, Clock::time_point now, unsigned receiverSpeed) const {
   Bytes due;
   const unsigned speed = queue.empty() ? 0 : queue.front().speed;
   while (!queue.empty() && queue.front().at <= now && queue.front().speed == speed) {
-    due.push_back(speed == receiverSpeed ? queue.front().byte : Garbled(queue.front().byte));
+    due.push_back(m_usb || speed == receiverSpeed ? queue.front().byte : Garbled(queue.front().byte));
     queue.pop_front();
   }
   return due;
 }
 
-void Line::_Enqueue(Queue& queue, const Bytes& bytes, unsigned speed, Clock::duration gap) const {
+void Line::_Enqueue(Queue& queue, const Bytes& bytes, unsigned speed, Clock::duration gap,
+                    Clock::duration delay) const {
   constexpr unsigned kBitsPerByte = 10;
-  const nanoseconds byteTime(m_paced && speed > 0 ? std::nano::den * kBitsPerByte / speed : 0);
-  Clock::time_point at = queue.empty() ? Clock::now() : std::max(Clock::now(), queue.back().at);
+  const nanoseconds byteTime(m_paced && !m_usb && speed > 0 ? std::nano::den * kBitsPerByte / speed : 0);
+  Clock::time_point at = delay + (queue.empty() ? Clock::now() : std::max(Clock::now(), queue.back().at));
   for (const std::uint8_t byte : bytes) {
     at += byteTime + gap;
     queue.push_back({byte, speed, at});

@@ -3,7 +3,7 @@
 ///
 /// The line keeps to its speed, ten bits for each byte, in both directions. The host's speed is the one that
 /// is set on the device; where it differs from the chip's, bytes arrive garbled. Bytes for a device that
-/// nobody has open are lost.
+/// nobody has open are lost. A USB device has no speed: its bytes take no time and arrive as they are.
 #pragma once
 
 #include <chrono>
@@ -30,7 +30,9 @@ class Line {
   using Received = std::function<void(const Bytes&)>;
   using Timer = std::function<void()>;
 
-  /// Plugs in at `device`; the chip works at `speed` bits per second.
+  static constexpr unsigned kUsb = 0;  ///< in place of a speed
+
+  /// Plugs in at `device`; the chip works at `speed` bits per second, or is a USB device.
   Line(std::string device, unsigned speed, Received received, Timer timer = {});
   ~Line();
   Line(const Line&) = delete;
@@ -47,7 +49,10 @@ class Line {
   /// Bytes that came from the host since the line was made.
   std::uint64_t ReceivedCount() const;
 
-  /// For the chip: its own speed, from the next byte on in both directions.
+  /// The speed that is set on the device, in bits per second; 0 for one that no chip has, or unplugged.
+  unsigned HostSpeed() const;
+
+  /// For the chip: its own speed, from the next byte on in both directions (none on USB).
   void SetSpeed(unsigned bitsPerSecond);
   /// For the chip: notes a phase of its own and unplugs the line if the phase is to. No value: no answer.
   std::optional<Conduct::Faults> Reach(Conduct& conduct, Phase phase);
@@ -68,13 +73,15 @@ class Line {
   bool _Wait(std::unique_lock<std::mutex>& lock);
   void _ReadPort();
   void _WritePort(Clock::time_point now);
-  static Bytes _TakeDue(Queue& queue, Clock::time_point now, unsigned receiverSpeed);
-  void _Enqueue(Queue& queue, const Bytes& bytes, unsigned speed, Clock::duration gap) const;
+  Bytes _TakeDue(Queue& queue, Clock::time_point now, unsigned receiverSpeed) const;
+  void _Enqueue(Queue& queue, const Bytes& bytes, unsigned speed, Clock::duration gap = {},
+                Clock::duration delay = {}) const;
   void _SetOpen(bool open);
   unsigned _HostSpeed() const;
   void _Wake() const;
 
   const std::string m_device;
+  const bool m_usb;
   const Received m_received;
   const Timer m_timerRings;
 

@@ -1,9 +1,4 @@
-/// See Mcu.h. A frame, in both directions:
-///
-///   AA DD, length L = data + 7 (low byte first), protocol 01, project 90, device (01 host, 02 MCU),
-///   sequence number, type (1 request, 2 response), command (2 bytes, high byte first), data,
-///   XOR of all bytes before it
-///
+/// See Mcu.h. Frames are those of SerialFrame.h, with protocol 01, project 90, device 01 (host) or 02 (MCU).
 /// The exchange; every response but the first is one status byte, 0 for success:
 ///
 ///   1A0 version                       <- status, 0 application or 1 boot loader, four numbers, two reserved
@@ -16,6 +11,9 @@
 #include "VirtualStation/Chips/Mcu.h"
 
 #include <algorithm>
+#include <optional>
+
+#include "VirtualStation/Chips/SerialFrame.h"
 
 namespace station {
 namespace {
@@ -24,17 +22,11 @@ constexpr const char* kDevice = "/dev/ttymxc3";
 constexpr unsigned kSpeed = 115200;
 constexpr std::chrono::milliseconds kRestartTime(400);
 
-constexpr std::uint8_t kHead[] = {0xAA, 0xDD};
-constexpr std::size_t kBeforeData = 11;
-constexpr std::size_t kFrame = kBeforeData + 1;  ///< bytes of a frame that are not data
-constexpr std::size_t kLengthOffset = 7;         ///< the length field counts data and so many bytes
 constexpr std::size_t kMaxFrame = 1024;
 constexpr std::uint8_t kProtocol = 0x01;
 constexpr std::uint8_t kProject = 0x90;
 constexpr std::uint8_t kHost = 0x01;
 constexpr std::uint8_t kSelf = 0x02;
-constexpr std::uint8_t kRequest = 1;
-constexpr std::uint8_t kResponse = 2;
 
 enum Command : unsigned {
   kVersion = 0x1A0,
@@ -91,34 +83,13 @@ void Mcu::_Receive(const Bytes& bytes) {
     return;
   }
   m_input.insert(m_input.end(), bytes.begin(), bytes.begin() + heard);
-  while (_TakeFrame()) {
+  while (const std::optional<SerialFrame> frame = TakeFrame(m_input, kMaxFrame)) {
+    if (frame->protocol == kProtocol && frame->project == kProject && frame->device == kHost &&
+        frame->type == SerialFrame::kRequest) {
+      m_number = frame->number;
+      _Dispatch(frame->command, frame->data);
+    }
   }
-}
-
-/// Takes a frame, or a byte that begins none, off the input. False: more must come first.
-bool Mcu::_TakeFrame() {
-  if (m_input.size() < 4) {
-    return false;
-  }
-  const std::size_t length = GetLittle(&m_input[2], 2);
-  const std::size_t size = length + kFrame - kLengthOffset;
-  if (m_input[0] != kHead[0] || m_input[1] != kHead[1] || length < kLengthOffset || size > kMaxFrame) {
-    m_input.erase(m_input.begin());
-    return true;
-  }
-  if (m_input.size() < size) {
-    return false;
-  }
-  const Bytes frame(m_input.begin(), m_input.begin() + static_cast<std::ptrdiff_t>(size));
-  m_input.erase(m_input.begin(), m_input.begin() + static_cast<std::ptrdiff_t>(size));
-  const bool forUs =
-      frame[4] == kProtocol && frame[5] == kProject && frame[6] == kHost && frame[8] == kRequest;
-  if (forUs && XorOf(frame.data(), size - 1) == frame.back()) {
-    m_number = frame[7];
-    _Dispatch(static_cast<unsigned>(frame[9]) << 8U | frame[10],
-              Bytes(frame.begin() + kBeforeData, frame.end() - 1));
-  }
-  return true;
 }
 
 void Mcu::_Dispatch(unsigned command, const Bytes& data) {
@@ -199,23 +170,8 @@ void Mcu::_Answer(Phase phase, unsigned command, Bytes data) {
   if (data[0] == kSuccess && (phase == Phase::McuEnterBoot || phase == Phase::McuDone)) {
     _Switch(phase == Phase::McuEnterBoot);
   }
-  if (faults->count(FaultKind::WrongLength) != 0) {
-    data.pop_back();
-  }
-  Bytes frame(std::begin(kHead), std::end(kHead));
-  PutLittle(frame, data.size() + kLengthOffset + faults->count(FaultKind::WrongLengthField), 2);
-  const Bytes fields = {kProtocol,
-                        kProject,
-                        kSelf,
-                        m_number,
-                        kResponse,
-                        static_cast<std::uint8_t>(command >> 8U),
-                        static_cast<std::uint8_t>(command)};
-  frame.insert(frame.end(), fields.begin(), fields.end());
-  frame.insert(frame.end(), data.begin(), data.end());
-  frame.push_back(
-      static_cast<std::uint8_t>(XorOf(frame.data(), frame.size()) ^ faults->count(FaultKind::WrongCheck)));
-  m_line.Send(frame, *faults);
+  m_line.Send(Packed({kProtocol, kProject, kSelf, m_number, SerialFrame::kResponse, command, data}, *faults),
+              *faults);
 }
 
 void Mcu::_Switch(bool bootLoader) {

@@ -39,7 +39,6 @@ class Mcu {
 
  private:
   void _Receive(const Bytes& bytes);
-  bool _TakeFrame();
   void _Dispatch(unsigned command, const Bytes& data);
   std::uint8_t _TakeDescription(const Bytes& data);
   std::uint8_t _TakePackage(const Bytes& data);

@@ -3,6 +3,12 @@
 
 #include "BSW/Log/CLog.h"
 
+namespace {
+
+constexpr const char* kDebugName = "adcv";
+
+}  // namespace
+
 std::mutex UpgradeIpcMsg::m_initmutex;
 UpgradeIpcMsg* UpgradeIpcMsg::m_pUpgradeIpc = nullptr;
 
@@ -12,18 +18,25 @@ UpgradeIpcMsg* UpgradeIpcMsg::GetUpgradeIpc() {
   return m_pUpgradeIpc;
 }
 
-UpgradeIpcMsg::UpgradeIpcMsg() : m_PUi(std::make_unique<DeviceUpgradeUIIPC>()) {}
+UpgradeIpcMsg::UpgradeIpcMsg()
+    : m_PUi(std::make_unique<DeviceUpgradeUIIPC>()),
+      m_pDebugIpc(DebugIpc::instance()),
+      m_pSysCtrlIpc(SysCtrlIpc::instance()) {}
 
 bool UpgradeIpcMsg::Init() {
   if (m_PUi == nullptr) {
     LOGE(" m_PUi Init() fail");
     return false;
   }
-  return m_PUi->Init();
+  m_PUi->Init();
+  if (!m_pDebugIpc->Init(kDebugName)) LOGE("cannot serve debug commands");
+  if (!m_pSysCtrlIpc->Init()) LOGE("cannot serve the system controller");
+  return true;
 }
 
 bool UpgradeIpcMsg::CleanUp() {
-  return true;
+  const bool stopped = m_pSysCtrlIpc->CleanUp();
+  return m_pDebugIpc->CleanUp() && stopped;
 }
 
 bool UpgradeIpcMsg::SendUIPrecent(int status, int percent, const Json::Value& version,
@@ -45,4 +58,8 @@ bool UpgradeIpcMsg::SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code) {
 
 void UpgradeIpcMsg::SwitchWebReport(bool on) {
   m_PUi->SwitchWebReport(on);
+}
+
+bool UpgradeIpcMsg::SendCtrlMsg(const Json::Value& data, const SysCtrlIpc::CmdCodeType& cmd) {
+  return m_pSysCtrlIpc->AddMsg({data, cmd});
 }

@@ -8,7 +8,9 @@
 #include <mutex>
 #include <string>
 
+#include "UpgradeIpcMsg/DebugIpc/DebugIpc.h"
 #include "UpgradeIpcMsg/PannelIpc/DeviceUpgradeUIIPC.h"
+#include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlIpc.h"
 
 /// Any thread may call any member.
 class UpgradeIpcMsg {
@@ -16,7 +18,10 @@ class UpgradeIpcMsg {
   /// Created by the first caller and kept for the life of the process.
   static UpgradeIpcMsg* GetUpgradeIpc();
 
+  /// Readies the panel's messages, then the debug commands, then the controller; gives false only without
+  /// the first.
   bool Init();
+  /// In the reverse order; afterwards no report and no command is handled, but the panel still hears.
   bool CleanUp();
 
   /// Progress to the panel; see DeviceUpgradeUIIPC::SendPrecent.
@@ -26,12 +31,16 @@ class UpgradeIpcMsg {
   bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code);
   /// While on, progress goes to the web server as well.
   void SwitchWebReport(bool on);
+  /// Queues a message to the system controller; false when its queue is full. See SysCtrlIpc::AddMsg.
+  bool SendCtrlMsg(const Json::Value& data, const SysCtrlIpc::CmdCodeType& cmd);
 
  private:
   UpgradeIpcMsg();
 
   std::unique_ptr<DeviceUpgradeUIIPC> m_PUi;
   std::string m_strMSID;
-  static std::mutex m_initmutex;  ///< guards the creation
+  DebugIpc* const m_pDebugIpc;      ///< singleton, not owned
+  SysCtrlIpc* const m_pSysCtrlIpc;  ///< singleton, not owned
+  static std::mutex m_initmutex;    ///< guards the creation
   static UpgradeIpcMsg* m_pUpgradeIpc;
 };

@@ -3,22 +3,15 @@
 #include "BSW/Dbus/CDbusHandler.h"
 
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "BSW/BasicFun/TimeUtils.h"
-#include "TempDirectory.h"
+#include "PrivateBus.h"
 
 namespace {
 
@@ -29,98 +22,6 @@ constexpr const char* kMember = "upgrade_dbus_method_comm_sys";
 constexpr const char* kBus = "org.freedesktop.DBus";
 constexpr int kAnswerMs = 10'000;
 constexpr int kNoAnswerMs = 300;
-
-// A dbus-daemon that listens in a directory of its own and is the system bus of this process.
-class PrivateBus {
- public:
-  PrivateBus() {
-    WriteText(m_directory / "bus.conf",
-              "<busconfig><type>session</type><listen>unix:path=" + m_directory / "socket" +
-                  "</listen><policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                  "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
-    const std::string config = "--config-file=" + m_directory / "bus.conf";
-    std::array<int, 2> ready{};
-    if (pipe(ready.data()) != 0) std::abort();
-    m_pid = fork();
-    if (m_pid == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      dup2(ready[1], STDOUT_FILENO);
-      execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--print-address=1", nullptr);
-      _exit(127);
-    }
-    close(ready[1]);
-    char first = '\0';
-    const bool listens = read(ready[0], &first, 1) == 1;
-    close(ready[0]);
-    if (!listens) std::abort();
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + m_directory / "socket").c_str(), 1);
-  }
-  ~PrivateBus() { Stop(); }
-  PrivateBus(const PrivateBus&) = delete;
-  PrivateBus& operator=(const PrivateBus&) = delete;
-
-  void Stop() {
-    if (m_pid <= 0) return;
-    kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
-  }
-
- private:
-  const TempDirectory m_directory;
-  pid_t m_pid = -1;
-};
-
-struct Unref {
-  void operator()(DBusMessage* message) const { dbus_message_unref(message); }
-};
-using Message = std::unique_ptr<DBusMessage, Unref>;
-
-// Another process's view of the bus.
-class Peer {
- public:
-  Peer() : m_bus(dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr)) {}
-  ~Peer() {
-    dbus_connection_close(m_bus);
-    dbus_connection_unref(m_bus);
-  }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
-
-  void Signal(const std::string& text) {
-    Send(Message(dbus_message_new_signal("/any", kInterface, kMember)), text);
-  }
-  dbus_uint32_t Call(const char* path, const char* interface, const char* member, const std::string& text) {
-    return Send(Message(dbus_message_new_method_call(kName, path, interface, member)), text);
-  }
-  // The texts of the first `wanted` replies to the call `serial`.
-  std::vector<std::string> Replies(dbus_uint32_t serial, size_t wanted, int waitMs) {
-    std::vector<std::string> texts;
-    const uint32_t start = GetCurTimeMilliSec();
-    while (texts.size() < wanted && GetCurTimeMilliSec() - start < static_cast<uint32_t>(waitMs)) {
-      dbus_connection_read_write(m_bus, 20);
-      while (const Message message{dbus_connection_pop_message(m_bus)}) {
-        if (dbus_message_get_reply_serial(message.get()) != serial) continue;
-        const char* text = "";
-        dbus_message_get_args(message.get(), nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
-        texts.emplace_back(dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_ERROR ? "error" : text);
-      }
-    }
-    return texts;
-  }
-
- private:
-  dbus_uint32_t Send(const Message& message, const std::string& text) {
-    const char* value = text.c_str();
-    dbus_uint32_t serial = 0;
-    dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &value, DBUS_TYPE_INVALID);
-    dbus_connection_send(m_bus, message.get(), &serial);
-    dbus_connection_flush(m_bus);
-    return serial;
-  }
-
-  DBusConnection* m_bus;
-};
 
 // A blocking call that every bus answers.
 bool AskBus() {
@@ -156,9 +57,10 @@ size_t ReceivedCount() {
 
 class CDbusHandlerTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { s_bus = std::make_unique<PrivateBus>(); }
-  static void TearDownTestSuite() { s_bus.reset(); }
-  void SetUp() override { ASSERT_TRUE(m_handler->Init(kName)); }
+  void SetUp() override {
+    PrivateBus::Running();
+    ASSERT_TRUE(m_handler->Init(kName));
+  }
   void TearDown() override {
     for (const char* member : {kMember, "bad"}) m_handler->UnRegisteredServices(kPath, kInterface, member);
     m_handler->CleanUp();
@@ -168,11 +70,8 @@ class CDbusHandlerTest : public ::testing::Test {
     return m_handler->RegisteredServices(kPath, kInterface, member, callback, listenSignals);
   }
 
-  static std::unique_ptr<PrivateBus> s_bus;
   CDbusHandler* const m_handler = CDbusHandler::instance();
 };
-
-std::unique_ptr<PrivateBus> CDbusHandlerTest::s_bus;
 
 }  // namespace
 
@@ -188,8 +87,8 @@ TEST_F(CDbusHandlerTest, LosesNoSignalOfABurstWhileThreadsMakeBlockingCalls) {
       while (!stop) failedCalls += AskBus() ? 0 : 1;
     });
   }
-  Peer peer;
-  for (size_t i = 0; i < kSignals; ++i) peer.Signal(std::to_string(i));
+  BusPeer peer;
+  for (size_t i = 0; i < kSignals; ++i) peer.Signal(kInterface, kMember, std::to_string(i));
   for (int waits = 0; ReceivedCount() < kSignals && waits < 6000; ++waits) XSleep(10);
   stop = true;
   for (std::thread& caller : callers) caller.join();
@@ -200,7 +99,7 @@ TEST_F(CDbusHandlerTest, LosesNoSignalOfABurstWhileThreadsMakeBlockingCalls) {
 
 TEST_F(CDbusHandlerTest, EveryServiceOfAMemberAnswersInOrderAndOthersNotAtAll) {
   ASSERT_TRUE(Serve(Collect) && Serve(AnswerTwo) && Serve(AnswerNoText, "bad"));
-  Peer peer;
+  BusPeer peer;
   EXPECT_EQ(peer.Replies(peer.Call(kPath, kInterface, kMember, "{}"), 2, kAnswerMs),
             (std::vector<std::string>{"one", "two"}));
   const std::vector<std::string> none;
@@ -244,7 +143,7 @@ TEST_F(CDbusHandlerTest, OutlivesItsBusAndEndsTheCallsUnderWay) {
     });
   }
   while (calling < 4) XSleep(1);
-  s_bus->Stop();
+  PrivateBus::Running().Stop();
   for (std::thread& caller : callers) caller.join();
   EXPECT_FALSE(AskBus());
   m_handler->SignalSend(kPath, kInterface, kMember, "text");

@@ -3,14 +3,11 @@
 #include "UpgradeFrame/RtxSubmodules/RtxExchange.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <functional>
 #include <map>
 
-#include "../PlatformSDK/TempDirectory.h"
-#include "../Serial/SerialTestKit.h"
-#include "BSW/BasicFun/UniqueFd.h"
+#include "ScriptedModule.h"
 #include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
 
 namespace {
@@ -18,114 +15,6 @@ namespace {
 constexpr int kLongWait = 20'000;  // no test lets it run out
 constexpr int kShortWait = 2'000;
 constexpr double kAtOnce = 2.5;  // s; the shortest wait that could hold something up lasts 3 s
-constexpr size_t kImageBytes = 3000;
-
-// A module at the other end of a pty, told step by step what to do.
-class ScriptedModule {
- public:
-  ScriptedModule() : m_image(kImageBytes, 0x11), m_keepOpen(open(m_pty.Device().c_str(), O_RDWR | O_NOCTTY)) {
-    m_image.back() = 0x42;  // XOR of all: 0x11 ^ 0x42
-  }
-
-  const std::string& Device() const { return m_pty.Device(); }
-  const Bytes& Image() const { return m_image; }
-  void Send(const Bytes& bytes) const { m_pty.Send(bytes); }
-  Bytes Receive(size_t count) const { return m_pty.Receive(count); }
-  void Unplug() { m_pty.Unplug(); }
-  // From now on the line takes nothing.
-  void Block() const { EXPECT_EQ(tcflow(m_keepOpen.Get(), TCOOFF), 0); }
-
-  void TakePreLoader() const {
-    EXPECT_EQ(Receive(3), Bytes({1, kImageBytes & 0xFF, kImageBytes >> 8}));
-    Send({6});
-    EXPECT_EQ(Receive(kImageBytes), m_image);
-  }
-  void ConfirmPreLoader() const {
-    Send({kCheck});
-    EXPECT_EQ(Receive(1), Bytes({kCheck}));
-  }
-  void ChangeBaudRate() const {
-    EXPECT_EQ(Receive(1), Bytes({1}));
-    Send({2});
-    // The speed's three bytes may be lost in the change; what announces it may not.
-    for (Bytes got = Receive(1); got != Bytes({3}); got = Receive(1)) {
-      ASSERT_EQ(got, Bytes({9}));
-    }
-    Send({0x80, 4});  // behind noise
-  }
-  void TakeFlashLoader() const {
-    EXPECT_EQ(Receive(2), Bytes({kImageBytes >> 8, kImageBytes & 0xFF}));
-    EXPECT_EQ(Receive(kImageBytes), m_image);
-  }
-  void StartFlashLoader() const {
-    TakePreLoader();
-    ConfirmPreLoader();
-    ChangeBaudRate();
-    TakeFlashLoader();
-    Send({kCheck});
-  }
-
-  // Answers requests as a NOR flash would, until `checks` ranges were checked.
-  void ServeFlash(int checks) {
-    while (checks > 0) {
-      const Bytes request = ReceiveRequest();
-      switch (request.at(0)) {
-        case 13:
-          Confirm({14, 1, 2, 3});
-          break;
-        case 15:
-          Confirm({16, 1});
-          break;
-        case 17:
-          for (size_t i = 7; i < request.size(); ++i) {
-            flash[AddressOf(request) + static_cast<uint32_t>(i) - 7] &= request[i];
-          }
-          Confirm(Bytes({18}) + Bytes(request.begin() + 1, request.begin() + 7) + Bytes({1}));
-          break;
-        case 19:
-          Confirm(Bytes({20}) + Bytes(request.begin() + 1, request.end()) + CrcOf(request));
-          --checks;
-          break;
-        case 21:
-          for (uint32_t i = 0; i < 4096; ++i) flash[AddressOf(request) / 4096 * 4096 + i] = 0xFF;
-          Confirm(Bytes({22}) + Bytes(request.begin() + 1, request.begin() + 5) + Bytes({0}));  // "failed"
-          break;
-        default:
-          FAIL() << "request " << int{request[0]};
-      }
-    }
-  }
-  Bytes ReceiveRequest() const {
-    const Bytes head = Receive(3);
-    const Bytes rest = Receive(head.at(1) + 256U * head.at(2) + 2U);
-    const auto request = Rtx::ParseFlPacket(head + rest);
-    EXPECT_TRUE(request);
-    return request ? Bytes({request->m_iCmd}) + request->m_vecData : Bytes({0});
-  }
-  void Confirm(const Bytes& payload) const { Send(Rtx::PackFlPacket(payload)); }
-
-  static constexpr uint8_t kCheck = 0x11 ^ 0x42;
-  bool damaged = false;  // the flash checks its content wrongly
-  std::map<uint32_t, uint8_t> flash;
-
- private:
-  static uint32_t Number(const Bytes& bytes, size_t at) {
-    return bytes.at(at) | bytes.at(at + 1) * 0x100U | bytes.at(at + 2) * 0x10000U |
-           bytes.at(at + 3) * 0x1000000U;
-  }
-  static uint32_t AddressOf(const Bytes& request) { return Number(request, 1); }
-  Bytes CrcOf(const Bytes& request) const {
-    Bytes range;
-    for (uint32_t i = 0; i < Number(request, 5); ++i) range.push_back(flash.at(AddressOf(request) + i));
-    const auto crc = (damaged ? 1U : 0U) ^ crc32(0, range.data(), static_cast<uInt>(range.size()));
-    return {static_cast<uint8_t>(crc), static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc >> 16),
-            static_cast<uint8_t>(crc >> 24)};
-  }
-
-  PtyPeer m_pty;
-  Bytes m_image;
-  UniqueFd m_keepOpen;  // so that the module outlives the line's closing
-};
 
 // The exchange of a user that is told its modules and keeps what it hears.
 class Upgrader : public RtxExchange {
@@ -141,6 +30,9 @@ class Upgrader : public RtxExchange {
   bool Start() {
     m_iModule = 0;
     return _StartRun(m_modules[0]->Device().c_str());
+  }
+  bool StartAgain() {
+    return StartNext([this] { return Start(); });
   }
   void Abort() { _AbortRun(); }
   bool Close() { return _CloseExchange(); }
@@ -171,15 +63,7 @@ class Upgrader : public RtxExchange {
 
 class RtxExchangeTest : public testing::Test {
  protected:
-  RtxExchangeTest() {
-    const std::string image(module.Image().begin(), module.Image().end());
-    WriteText(files / "rtx-pre-loader.bin", image);
-    WriteText(files / "rtx-flash-loader.bin", image);
-    WriteText(files / "._rtx.spihex", "no firmware");
-    WriteText(files / "rtx.spihex", ":03100000010203E7\n:0120000004DB\n:00000001FF\n");
-  }
-
-  TempDirectory files;
+  ModuleFiles files;
   ScriptedModule module;
 };
 
@@ -245,7 +129,7 @@ TEST_F(RtxExchangeTest, RefusedRunFailsOnceAndLeavesNothingBehind) {
   size_t runs = 0;
   for (const auto& [name, script] : scripts) {
     SCOPED_TRACE(name);
-    ASSERT_TRUE(upgrader.Start());
+    ASSERT_TRUE(upgrader.StartAgain());
     script(module);
     ++runs;
     EXPECT_EQ(upgrader.ends.Wait(runs), std::vector<bool>(runs, false));
@@ -261,7 +145,7 @@ TEST_F(RtxExchangeTest, UnpluggedModuleFailsAndStaysAway) {
   upgrader.boots.Wait(1);
   module.Unplug();
   upgrader.ends.Wait(1);
-  ASSERT_TRUE(upgrader.Start());
+  ASSERT_TRUE(upgrader.StartAgain());
   EXPECT_EQ(upgrader.ends.Wait(2), std::vector<bool>({false, false}));
   EXPECT_EQ(upgrader.boots.Wait(1).size(), 1U) << "nothing is asked of a module that cannot be reached";
 }
@@ -272,23 +156,6 @@ TEST_F(RtxExchangeTest, UnusableFilesFailBeforeTheModuleIsTouched) {
   EXPECT_EQ(upgrader.ends.Wait(1), std::vector<bool>({false}));
   EXPECT_TRUE(upgrader.boots.Wait(0).empty());
 }
-
-// How far a module lets the exchange come before it falls silent.
-const std::map<std::string, std::function<void(ScriptedModule&)>> kSilences = {
-    {"answer awaited", [](ScriptedModule& each) { each.Receive(3); }},
-    {"image under way",
-     [](ScriptedModule& each) {
-       each.Receive(3);
-       each.Block();
-       each.Send({6});
-     }},
-    {"pre-loader check value awaited", [](ScriptedModule& each) { each.TakePreLoader(); }},
-    {"confirmation awaited",
-     [](ScriptedModule& each) {
-       each.StartFlashLoader();
-       each.ReceiveRequest();
-     }},
-};
 
 TEST_F(RtxExchangeTest, StopEndsEveryWaitAtOnceAndReportsNothing) {
   for (const auto& [name, script] : kSilences) {
@@ -315,7 +182,7 @@ TEST_F(RtxExchangeTest, AbortFailsTheRunAtOnceAndAnotherMayFollow) {
                 EXPECT_EQ(upgrader.ends.Wait(1), std::vector<bool>({false}));
               }),
               kAtOnce);
-    ASSERT_TRUE(upgrader.Start());
+    ASSERT_TRUE(upgrader.StartAgain());
     upgrader.boots.Wait(2);
   }
 }

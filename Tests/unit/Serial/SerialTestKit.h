@@ -71,13 +71,18 @@ class PtyPeer {
     EXPECT_EQ(write(m_fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
   }
 
+  // True once there is something to receive, false after `time`.
+  bool HasInput(std::chrono::milliseconds time) const {
+    pollfd watched = {m_fd, POLLIN, 0};
+    return poll(&watched, 1, static_cast<int>(time.count())) == 1;
+  }
+
   // Waits for `count` bytes; fewer only when the test has failed.
   Bytes Receive(size_t count) const {
     Bytes bytes(count);
     size_t done = 0;
     while (done < count) {
-      pollfd watched = {m_fd, POLLIN, 0};
-      if (poll(&watched, 1, std::chrono::milliseconds(kPatience).count()) != 1) break;
+      if (!HasInput(kPatience)) break;
       const ssize_t got = read(m_fd, bytes.data() + done, count - done);
       if (got <= 0) break;
       done += static_cast<size_t>(got);

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
-#include <vector>
+#include <utility>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
@@ -31,18 +31,6 @@ constexpr std::array<Family, 3> kFamilies = {{
     {"7308", UP_7308, "/firmware/pp/7308/", R"(QVD_K7308_H\d{3}_S\d+\.\d+\.\d+\.\d+_OTA_Common_\d+\.zip)"},
 }};
 
-std::vector<std::string> Packages(const Family& family) {
-  std::vector<std::string> packages;
-  std::error_code error;
-  for (fs::directory_iterator entry(family.directory, error); !error && entry != fs::directory_iterator();
-       entry.increment(error)) {
-    const bool isPackage = PackageName::Matches(entry->path().filename().string(), family.namePattern) &&
-                           PackageSteps::IsRegularFileItself(entry->path().string());
-    if (isPackage) packages.push_back(entry->path().string());
-  }
-  return packages;
-}
-
 }  // namespace
 
 const Family* Find(const std::string& pageType) {
@@ -50,6 +38,19 @@ const Family* Find(const std::string& pageType) {
     if (pageType == family.pageType) return &family;
   }
   return nullptr;
+}
+
+std::vector<std::string> PackageNames(const std::string& directory, const Family& family) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
+       entry.increment(error)) {
+    std::string name = entry->path().filename().string();
+    const bool isPackage = PackageName::Matches(name, family.namePattern) &&
+                           PackageSteps::IsRegularFileItself(entry->path().string());
+    if (isPackage) names.push_back(std::move(name));
+  }
+  return names;
 }
 
 bool Replace(const Family& family, const std::string& source, std::string& error) {
@@ -62,7 +63,8 @@ bool Replace(const Family& family, const std::string& source, std::string& error
     error = "cannot create " + std::string(family.directory) + ": " + std::strerror(errno);
     return false;
   }
-  for (const std::string& old : Packages(family)) {
+  for (const std::string& oldName : PackageNames(family.directory, family)) {
+    const std::string old = family.directory + oldName;
     LOGI("Delete old package:%s", old.c_str());
     if (!XDeleteFile(old)) LOGE("cannot delete %s: %s", old.c_str(), std::strerror(errno));
   }

@@ -1,8 +1,10 @@
 /// The store of portable-part packages: one package per family, in which portable-part handling looks for
-/// newer firmware. Filled by the common path of a package, on a source's thread.
+/// newer firmware. Filled by the common path of a package, on a source's thread; read when the firmware of
+/// portable parts is loaded.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "UpgradeFrame/UpgradeTypes.h"
 
@@ -18,6 +20,9 @@ struct Family {
 
 /// The family of a page type; null for an unknown one.
 const Family* Find(const std::string& pageType);
+
+/// The names of the regular files in `directory` that are packages of `family`, in no order; links are none.
+std::vector<std::string> PackageNames(const std::string& directory, const Family& family);
 
 /// Deletes the family's old package and moves the file `source` in its place, under its own name. False, with
 /// the store untouched unless `error` tells of a failed move: no package of this family, or not a regular

@@ -369,18 +369,21 @@ bool QVUpgradeAccessBase::_CheckFileMd5Sum(const std::string& path, const std::s
 bool QVUpgradeAccessBase::_CheckPpPack(AllVersion& versions, const Json::Value& item) {
   LOGD("_CheckPpPack start");
   bool passed = true;
+  int imported = 0;
   try {
-    const int imported = _ImportPpPack(versions, item);
+    _ImportPpPack(versions, item, imported);
     LOGI("%s", imported > 0 ? "===Successfully imported PP upgrade package!===" : "No new package.");
   } catch (const PpPackError& error) {
     LOGE("%s", error.what());
     passed = false;
   }
+  // Also when a later family failed: the store has changed.
+  if (imported > 0) QVUpgradeAccessFrame::getAccessFrame()->NotifyPpImported();
   LOGD("_CheckPpPack end");
   return passed;
 }
 
-int QVUpgradeAccessBase::_ImportPpPack(AllVersion& versions, const Json::Value& item) {
+void QVUpgradeAccessBase::_ImportPpPack(AllVersion& versions, const Json::Value& item, int& imported) {
   std::string fileName;
   std::string md5;
   if (!PackageSteps::GetArchiveName(item, "fileName", fileName) ||
@@ -401,11 +404,9 @@ int QVUpgradeAccessBase::_ImportPpPack(AllVersion& versions, const Json::Value& 
   if (!list.isArray()) {
     throw PpPackError("jsPpInfo error content!ErrVal:" + JsonUtils::ToCompactText(list));
   }
-  int imported = 0;
   for (const Json::Value& package : list) {
     if (_ImportPpFamily(versions, package)) ++imported;
   }
-  return imported;
 }
 
 bool QVUpgradeAccessBase::_ImportPpFamily(AllVersion& versions, const Json::Value& package) {

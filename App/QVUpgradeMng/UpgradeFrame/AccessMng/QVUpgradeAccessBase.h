@@ -84,9 +84,9 @@ class QVUpgradeAccessBase {
   /// Kills what needs the memory, unpacks `archive` into `directory`, and reboots the unit when that fails.
   bool _UnpackArchive(const std::string& archive, const char* directory);
   bool _NoTask();
-  /// The steps of _CheckPpPack: the number of families imported, and one of them. Errors are thrown to
-  /// _CheckPpPack.
-  static int _ImportPpPack(AllVersion& versions, const Json::Value& item);
+  /// The steps of _CheckPpPack: all families, counted in `imported`, and one of them. Errors are thrown to
+  /// _CheckPpPack; what was imported before stays.
+  static void _ImportPpPack(AllVersion& versions, const Json::Value& item, int& imported);
   static bool _ImportPpFamily(AllVersion& versions, const Json::Value& package);
   static bool _MovePages();
   /// Reports -1 and reboots the unit, which must not go on with half a page. `lastLine` is logged before the

@@ -150,6 +150,26 @@ void QVUpgradeAccessFrame::SetNewOverallVersion(const OTAVersion& overall) {
   m_allVersion.m_newOverallVer = overall;
 }
 
+void QVUpgradeAccessFrame::SetPpImportCallback(const PpImportCallback& callback) {
+  bool pending = false;
+  {
+    const std::lock_guard<std::mutex> lock(m_ppImportMutex);
+    m_ppImportCallback = callback;
+    pending = std::exchange(m_bPpImportPending, false);
+  }
+  if (pending) callback(getAllVersion());
+}
+
+void QVUpgradeAccessFrame::NotifyPpImported() {
+  PpImportCallback callback;
+  {
+    const std::lock_guard<std::mutex> lock(m_ppImportMutex);
+    callback = m_ppImportCallback;
+    m_bPpImportPending = !callback;
+  }
+  if (callback) callback(getAllVersion());
+}
+
 bool QVUpgradeAccessFrame::SendVersionUI() {
   const AllVersion versions = getAllVersion();
   return UpgradeIpcMsg::GetUpgradeIpc()->SendUIVsersion(

@@ -15,6 +15,9 @@
 class QVUpgradeAccessSource;
 class QVUpgradeFrameBase;
 
+/// The version record after portable-part packages were imported.
+using PpImportCallback = std::function<void(const AllVersion&)>;
+
 /// Any thread may call any member, unless said otherwise.
 class QVUpgradeAccessFrame : public IUpgradeAccess {
  public:
@@ -54,6 +57,7 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   /// True when the limit is on and the level is 0 to 5.
   bool IsBatteryLow();
   void SwitchBatteryLimited(bool on);
+  bool IsBatteryLimited() const { return m_bLimited; }
 
   AllVersion getAllVersion() override;
   /// Replaces the record and writes the running partition's version file.
@@ -61,6 +65,12 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   void SetVersion(const std::function<void(AllVersion&)>& change) override;
   /// Notes the overall versions of the package being prepared, without writing the file.
   void SetNewOverallVersion(const OTAVersion& overall);
+
+  /// Main, once: whom imports of portable-part packages are told to. `callback` runs on the source's thread
+  /// with no lock held; for an import before this call at once, on the caller's.
+  void SetPpImportCallback(const PpImportCallback& callback);
+  /// A source imported portable-part packages into their store.
+  void NotifyPpImported();
 
   bool SendVersionUI() override;
   /// Tells the frame which source prepared the page.
@@ -93,6 +103,9 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   QVUpgradeFrameBase* m_pUpgradeFrame = nullptr;  ///< not owned; set by Init alone
   std::atomic<bool> m_bClaimed{false};            ///< a package is under way
   CTaskQue m_taskQue{"AccessTask"};
+  std::mutex m_ppImportMutex;  ///< guards the two below
+  PpImportCallback m_ppImportCallback;
+  bool m_bPpImportPending = false;  ///< an import that nobody was told of
 
   static std::mutex m_initmutex;  ///< guards the creation
   static QVUpgradeAccessFrame* m_pAccessBase;

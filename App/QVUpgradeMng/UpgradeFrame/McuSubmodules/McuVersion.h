@@ -2,14 +2,14 @@
 /// with the package's; the frame compares what the MCU says with what the record holds.
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <optional>
 #include <string>
 
+#include "BSW/BasicFun/VersionNumbers.h"
+
 /// A plain value. Each number fits the byte that it has on the wire.
 struct McuVersion {
-  std::array<uint8_t, 4> numbers{};
+  VersionNumbers numbers{};
 
   /// Reads "1.0.6.30" or "V1.0.6.30": exactly four decimal numbers up to 255. Empty for anything else.
   static std::optional<McuVersion> Parse(const std::string& text);

@@ -146,8 +146,9 @@ bool RtxExchange::_CloseExchange() {
 }
 
 bool RtxExchange::_StartRun(const char* device) {
+  const std::lock_guard<std::mutex> runLock(m_RunLock);
   const std::lock_guard<std::mutex> lock(m_SateLock);
-  if (m_bStart || m_emState != EM_STATE_IDLE || !m_stUartInfo.SetDevName(device)) return false;
+  if (!IsRunning() || _RunUnderWay() || !m_stUartInfo.SetDevName(device)) return false;
   m_bStart = true;
   m_bAborted = false;
   m_cvStateMachineCtrl.notify_all();
@@ -155,8 +156,10 @@ bool RtxExchange::_StartRun(const char* device) {
 }
 
 void RtxExchange::_AbortRun() {
+  const std::lock_guard<std::mutex> runLock(m_RunLock);
   {
     const std::lock_guard<std::mutex> lock(m_SateLock);
+    if (!_RunUnderWay()) return;
     m_bAborted = true;
     m_cvStateMachineCtrl.notify_all();
   }
@@ -183,16 +186,24 @@ void RtxExchange::_HandleState() {
   UpgradeStateType next = EM_STATE_IDLE;
   if (state == m_emLastState) {
     LOGE("State no change!ErrVal:%s", _StateOf(state).name);
+    m_emFailedState = state;
   } else {
     m_emLastState = state;
     next = (this->*_StateOf(state).handler)();
   }
   if (!IsRunning()) return;
+  if (next == EM_STATE_FAILED) m_emFailedState = state;
+  if (next == EM_STATE_IDLE) {
+    _CloseLine();
+    m_deqFwData.clear();
+    // Before the exchange is idle: whoever starts the next run must not hear the end of this one.
+    _RunEnded(state == EM_STATE_SUCCESS);
+  }
   _ToggleState(next);
-  if (m_emState != EM_STATE_IDLE) return;
-  _CloseLine();
-  m_deqFwData.clear();
-  _RunEnded(state == EM_STATE_SUCCESS);
+}
+
+std::string RtxExchange::_FailureText() const {
+  return std::string(m_bAborted ? "stopped in " : "failed in ") + _StateOf(m_emFailedState).name;
 }
 
 void RtxExchange::_ToggleState(UpgradeStateType state) {
@@ -203,12 +214,12 @@ void RtxExchange::_ToggleState(UpgradeStateType state) {
   }
   LOGI("UpgradeRtx StateMachine change [%s] ----> [%s]", _StateOf(m_emState).name, _StateOf(state).name);
   m_emState = state;
+  m_bStart = false;
 }
 
 RtxExchange::UpgradeStateType RtxExchange::_HandleIdleState() {
   std::unique_lock<std::mutex> lock(m_SateLock);
   m_cvStateMachineCtrl.wait(lock, [this] { return m_bStart || !IsRunning(); });
-  m_bStart = false;
   return EM_STATE_INIT;
 }
 
@@ -461,8 +472,10 @@ void RtxExchange::_CleanCache() {
       EM_FLAG_RECV_FL_CRC | EM_FLAG_RECV_SW_VER | EM_FLAG_WRITE_CFG_CFM | EM_FLAG_EARSE_SECTOR_CFM |
       EM_FLAG_PROGRAM_SECTOR_CFM | EM_FLAG_VERIFY_SECTOR_CFM | EM_FLAG_RECV_CORRECT_CRC;
   {
-    const std::lock_guard<std::mutex> lock(m_UartDataLock);
+    // The line is closed: nothing comes behind what the parser has in hand, and nothing holds it up.
+    std::unique_lock<std::mutex> lock(m_UartDataLock);
     m_deqUartRecvList.clear();
+    m_cvUartRecvCtrl.wait(lock, [this] { return !m_bParsing; });
   }
   _ClearAnswers(kExchangeFlags);
   const std::lock_guard<std::mutex> lock(m_SateLock);
@@ -496,17 +509,20 @@ void RtxExchange::Parser::OnStopRequested() {
 
 void RtxExchange::_ProcessUartData() {
   LOGI("Start processing uart data from rtx.");
+  std::unique_lock<std::mutex> lock(m_UartDataLock);
   while (m_UartHandler.IsRunning()) {
-    Bytes chunk;
-    {
-      std::unique_lock<std::mutex> lock(m_UartDataLock);
-      m_cvUartRecvCtrl.wait(lock,
-                            [this] { return !m_deqUartRecvList.empty() || !m_UartHandler.IsRunning(); });
-      if (!m_UartHandler.IsRunning()) return;
-      chunk.swap(m_deqUartRecvList.front());
-      m_deqUartRecvList.pop_front();
+    if (m_deqUartRecvList.empty()) {
+      m_cvUartRecvCtrl.wait(lock);
+      continue;
     }
+    const Bytes chunk = std::move(m_deqUartRecvList.front());
+    m_deqUartRecvList.pop_front();
+    m_bParsing = true;
+    lock.unlock();
     _ParseUartData(chunk);
+    lock.lock();
+    m_bParsing = false;
+    m_cvUartRecvCtrl.notify_all();
   }
 }
 
@@ -545,7 +561,8 @@ void RtxExchange::_ParseUartData(const Bytes& chunk) {
 
 void RtxExchange::_ParsePreLoaderData(const Bytes& chunk) {
   if (!_HasFlag(EM_FLAG_RECV_PL_ACK)) {
-    if (chunk.front() == EM_CFG_PRE_LOADER_ACK) _SendPreLoader();
+    // A boot ROM that calls again and again may have done so once more before it.
+    if (Contains(chunk, EM_CFG_PRE_LOADER_ACK)) _SendPreLoader();
     return;
   }
   const uint8_t crc = chunk.back();

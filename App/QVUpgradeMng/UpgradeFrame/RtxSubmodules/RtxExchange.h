@@ -71,10 +71,11 @@ class RtxExchange : public CThread {
   /// it, because the threads call the operations below.
   bool _CloseExchange();
 
-  /// Begins a run with the module on `device`; false while one is under way. Any thread.
+  /// Begins a run with the module on `device`. False when the threads do not run, the name is too long, or a
+  /// run is under way: that lasts until its _RunEnded has returned. Any thread.
   bool _StartRun(const char* device);
-  /// Ends a run under way as failed: its wait, and a transfer that the line holds up, end at once. Any thread
-  /// but the exchange's own.
+  /// Ends a run under way as failed: its wait, and a transfer that the line holds up, end at once. Without a
+  /// run it does nothing. Does not wait for _RunEnded. Any thread.
   void _AbortRun();
 
   // What tells one upgrader from another. All but _Module are called on the state thread with no lock held.
@@ -91,8 +92,12 @@ class RtxExchange : public CThread {
   /// null when it was the last.
   virtual const char* _ModuleSucceeded() = 0;
   virtual void _ModuleFailed() = 0;
-  /// The run is over and the exchange idle again. Called once for each run that no stop ended.
+  /// The run is over; a new one is accepted once this has returned. Called once for each run that no stop
+  /// ended.
   virtual void _RunEnded(bool success) = 0;
+
+  /// Where the failed run ended and whether it was aborted, for people. State thread only.
+  std::string _FailureText() const;
 
   /// Names the files of a run by the directory that holds them: the two loaders and the one "*.spihex".
   /// False, logged, when there is no firmware.
@@ -152,6 +157,8 @@ class RtxExchange : public CThread {
   bool _WaitFor(FlagType flag, const char* onTimeout);
   /// The same without a log line.
   bool _Wait(FlagType flag, std::chrono::milliseconds time);
+  /// True from the acceptance of a run until its _RunEnded has returned. m_SateLock must be held.
+  bool _RunUnderWay() const { return m_bStart || m_emState != EM_STATE_IDLE; }
   /// True when the run is to end: waits and transfers do not begin any more.
   bool _Ending() const { return !IsRunning() || m_bAborted; }
 
@@ -159,7 +166,8 @@ class RtxExchange : public CThread {
   void _ClearAnswers(uint32_t flags);
   /// Ends a transfer under way.
   void _CloseLine();
-  /// Forgets the exchange with one module; the firmware stays for the next.
+  /// Forgets the exchange with one module, so that nothing of it reaches the next; the firmware stays. The
+  /// line is closed.
   void _CleanCache();
 
   // The port's receive thread.
@@ -178,12 +186,13 @@ class RtxExchange : public CThread {
   const std::unique_ptr<SerialPort> m_pSerial;
   Parser m_UartHandler{*this};
 
+  std::mutex m_RunLock;  ///< held to begin and to abort a run: an abort never closes the line of the next one
   std::mutex m_SateLock;  ///< the state thread waits with it; guards changes of the members up to m_joiner
   std::condition_variable m_cvStateMachineCtrl;
   std::atomic<UpgradeStateType> m_emState{EM_STATE_IDLE};
   std::atomic<uint32_t> m_iFlags{0};                 ///< of the module under upgrade
   std::atomic<uint32_t> m_iLongTermFlags{0};         ///< of the line
-  bool m_bStart = false;                             ///< a run is to begin
+  bool m_bStart = false;                             ///< a run was accepted and is to leave Idle
   std::atomic<bool> m_bAborted{false};               ///< the run is to end
   std::shared_ptr<const Rtx::Bytes> m_vecPreloader;  ///< the parser sends it when the module asks for it
   Rtx::RtxPacketJoiner m_joiner;
@@ -192,12 +201,14 @@ class RtxExchange : public CThread {
   std::atomic<uint8_t> m_iFlCrcRecv{0};  ///< check value that the module gave for the flash loader
   std::atomic<uint32_t> m_iCrcRecv{0};   ///< CRC-32 that the flash loader gave
 
-  std::mutex m_UartDataLock;  ///< the parser waits with it; guards the queue
+  std::mutex m_UartDataLock;  ///< the parser waits with it; guards the next three members
   std::condition_variable m_cvUartRecvCtrl;
   std::deque<Rtx::Bytes> m_deqUartRecvList;
+  bool m_bParsing = false;  ///< the parser has a chunk in hand
 
   // The state thread's own; m_stUartInfo is also set by _StartRun, while that thread is idle.
   UpgradeStateType m_emLastState = EM_STATE_MAX;
+  UpgradeStateType m_emFailedState = EM_STATE_MAX;  ///< which a run that failed had reached
   UART_MNG_INFO_S m_stUartInfo;
   std::string m_strPreLoaderFile;
   std::string m_strFlashLoaderFile;

@@ -1,0 +1,47 @@
+/// What service can do to a running daemon. Each command returns at once: whatever takes time is done on its
+/// owner's thread.
+#include "DebugCommands.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeIpcMsg/DebugIpc/DebugIpc.h"
+#include "UpgradePp/UpgradePp.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+using Answer = std::optional<std::string>;
+
+Answer AskPpVersion(const Words& words) {
+  if (!words.empty()) return std::nullopt;
+  return UpgradePp::instance()->Debug() ? "Send cmd req ver!" : "no portable part to ask";
+}
+
+Answer ReloadPpFirmware(const Words& words) {
+  if (!words.empty()) return std::nullopt;
+  UpgradePp::instance()->ReloadVeriosn();
+  return "the PP firmware information is loaded anew";
+}
+
+Answer SwitchLowBatteryLimit(const Words& words) {
+  QVUpgradeAccessFrame* const access = QVUpgradeAccessFrame::getAccessFrame();
+  if (words == Words{"on"} || words == Words{"off"}) {
+    access->SwitchBatteryLimited(words.front() == "on");
+  } else if (!words.empty()) {
+    return std::nullopt;
+  }
+  return access->IsBatteryLimited() ? "Low battery limited ON" : "Low battery limited OFF";
+}
+
+}  // namespace
+
+void DebugCommands::Register() {
+  DebugIpc* const debug = DebugIpc::instance();
+  debug->RegisterCommand("DebugUpgPp", "asks the connected PP for its versions", AskPpVersion);
+  debug->RegisterCommand("rpp", "reloads the PP firmware information", ReloadPpFirmware);
+  debug->RegisterCommand("sl", "on|off switches the low-battery limit, alone tells it",
+                         SwitchLowBatteryLimit);
+}

@@ -1,0 +1,48 @@
+/// The controller's reports, passed on. The two RTX modules share one stored version, since one package
+/// upgrades both.
+#include "SysCtrlReports.h"
+
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/VersionRecord.h"
+#include "UpgradeIpcMsg/UpgradeIpcMsg.h"
+#include "UpgradePp/UpgradePp.h"
+
+namespace {
+
+/// The chip's field of the record.
+std::string& VersionField(AllVersion& record, ISysCtrlReports::Chip chip) {
+  UPGRADETYPE type = UP_FPGA;
+  if (chip == ISysCtrlReports::Chip::Rtx) type = UP_RTX;
+  if (chip == ISysCtrlReports::Chip::Uac) type = UP_UAC;
+  return *VersionRecord::Field(record.m_SubmodulesVer, type);
+}
+
+}  // namespace
+
+void SysCtrlReports::OnBattery(int level) {
+  QVUpgradeAccessFrame::getAccessFrame()->SetBattery(level);
+}
+
+void SysCtrlReports::OnClockStatus(bool inSync) {
+  UpgradePp::instance()->SetClockStatus(inSync);
+}
+
+std::string SysCtrlReports::StoredVersion(Chip chip) {
+  AllVersion record = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion();
+  return VersionField(record, chip);
+}
+
+void SysCtrlReports::StoreVersion(Chip chip, const std::string& version) {
+  QVUpgradeAccessFrame::getAccessFrame()->SetVersion(
+      [&](AllVersion& record) { VersionField(record, chip) = version; });
+}
+
+void SysCtrlReports::ReportFault(const std::string& faultMsg) {
+  Json::Value payload(Json::objectValue);
+  payload["FaultMsg"] = faultMsg;
+  UpgradeIpcMsg::GetUpgradeIpc()->SendUIMsg(DeviceUpgradeUIIPC::EM_CODE_REP_MODULE_UPG_EXCEPTION, payload);
+}
+
+void SysCtrlReports::SendVersionReport() {
+  QVUpgradeAccessFrame::getAccessFrame()->SendVersionUI();
+}

@@ -1,0 +1,18 @@
+/// Where the system controller's reports meet the rest of the daemon: the access frame's battery level and
+/// version record, the portable parts' clock, the panel. Main owns the one object and hands it to SysCtrlIpc.
+#pragma once
+
+#include <string>
+
+#include "UpgradeIpcMsg/SysCtrlIpc/ISysCtrlReports.h"
+
+/// Without state of its own; may be destroyed once SysCtrlIpc is cleaned up.
+class SysCtrlReports : public ISysCtrlReports {
+ public:
+  void OnBattery(int level) override;
+  void OnClockStatus(bool inSync) override;
+  std::string StoredVersion(Chip chip) override;
+  void StoreVersion(Chip chip, const std::string& version) override;
+  void ReportFault(const std::string& faultMsg) override;
+  void SendVersionReport() override;
+};

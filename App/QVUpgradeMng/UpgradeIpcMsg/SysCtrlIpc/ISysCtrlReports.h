@@ -1,0 +1,31 @@
+/// What the system controller's reports lead to in the rest of the daemon. Main hands one implementation to
+/// SysCtrlIpc before UpgradeIpcMsg::Init; SysCtrlIpc calls it on its receiver thread with no lock held.
+#pragma once
+
+#include <string>
+
+class ISysCtrlReports {
+ public:
+  /// The chips whose versions the controller reports.
+  enum class Chip { Fpga, Rtx, Uac };
+
+  virtual ~ISysCtrlReports() = default;
+
+  /// Level in percent; negative values are kept as they are.
+  virtual void OnBattery(int level) = 0;
+  /// True: the cascade clock is in sync.
+  virtual void OnClockStatus(bool inSync) = 0;
+  /// The version in the device's record; "" or "V0.0.0.00" when none is known.
+  virtual std::string StoredVersion(Chip chip) = 0;
+  /// Stores the version in the device's record and its file.
+  virtual void StoreVersion(Chip chip, const std::string& version) = 0;
+  /// Tells the panel of a faulty module.
+  virtual void ReportFault(const std::string& faultMsg) = 0;
+  /// Sends the version report to the panel.
+  virtual void SendVersionReport() = 0;
+
+ protected:
+  ISysCtrlReports() = default;
+  ISysCtrlReports(const ISysCtrlReports&) = default;
+  ISysCtrlReports& operator=(const ISysCtrlReports&) = default;
+};

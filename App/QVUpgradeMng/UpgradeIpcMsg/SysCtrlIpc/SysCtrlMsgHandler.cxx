@@ -1,0 +1,159 @@
+/// The controller's reports, one handler each. What a version report leads to is the same for all chips: a
+/// difference from the device's record means that a chip was changed behind the daemon's back, or that it
+/// could not be read before. Log and fault texts are read by service and shown on the panel.
+#include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlMsgHandler.h"
+
+#include <cstddef>
+#include <map>
+
+#include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/Log/CLog.h"
+#include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlProtocol.h"
+
+namespace {
+
+using Chip = ISysCtrlReports::Chip;
+
+/// Longer texts are no versions; stored, they could make the record unreadable.
+constexpr size_t kMaxVersionBytes = 255;
+
+bool GetVersion(const Json::Value& data, const char* key, std::string& version) {
+  return JsonUtils::GetString(data, key, version) && version.size() <= kMaxVersionBytes;
+}
+
+/// A chip, and what the log says of it.
+struct ChipTexts {
+  Chip chip;
+  const char* firstVersion;  ///< none was known before
+  const char* completed;
+};
+constexpr ChipTexts kFpga = {Chip::Fpga,
+                             "########## Uart of FPGA might have except during last starup! ##########",
+                             "FPGA version update completed"};
+constexpr ChipTexts kRtx = {Chip::Rtx,
+                            "########## Uart of RTX might have except during last starup! ##########",
+                            "RTX version update completed"};
+constexpr ChipTexts kUac = {Chip::Uac,
+                            "########## Uart of UAC might have except during last starup! ##########",
+                            "UAC version update completed"};
+
+/// `fault` begins the text of the fault message; the two versions follow.
+void CheckVersion(ISysCtrlReports& reports, const ChipTexts& texts, const std::string& fault,
+                  const std::string& version) {
+  const std::string stored = reports.StoredVersion(texts.chip);
+  if (version == stored) {
+    LOGW("Same version, no need update.");
+    return;
+  }
+  if (stored.empty() || stored == kNoVersion) {
+    LOGW("%s", texts.firstVersion);
+  } else {
+    reports.ReportFault(fault + stored + ", read:" + version);
+  }
+  reports.StoreVersion(texts.chip, version);
+  reports.SendVersionReport();
+  LOGI("%s", texts.completed);
+}
+
+void LogUnusableData(const Json::Value& data) {
+  LOGE("Error content of member 'Data'!ErrVal:%s", JsonUtils::ToStyledText(data).c_str());
+}
+
+}  // namespace
+
+bool SysCtrlMsgHandler::Handle(const Json::Value& message) const {
+  using Handler = bool (*)(ISysCtrlReports&, const Json::Value&);
+  static const std::map<int, Handler> kHandlers = {
+      {SysCtrlProtocol::EM_CODE_SYS_REP_FPGA_VER, _HandleRepFpgaVer},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_RTX_VER, _HandleRepRtxVer},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_BATTERY, _HandleRepBattery},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_CLOCK_SYNC_STATUS, _HandleRepClockStatus},
+      {SysCtrlProtocol::EM_CODE_SYS_REQ_VER, _HandleReqVer},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_UAC_VER, _HandleRepUacVer},
+  };
+  int cmd = 0;
+  if (!JsonUtils::GetInt(message, "Cmd", cmd) || !message.isMember("Data")) {
+    LOGE("Error content of msg! ErrVal:%s", JsonUtils::ToStyledText(message).c_str());
+    return false;
+  }
+  const auto handler = kHandlers.find(cmd);
+  ISysCtrlReports* const reports = m_pReports;
+  if (handler == kHandlers.end()) {
+    LOGE("Unsupport cmd! ErrVal:%d", cmd);
+  } else if (reports == nullptr) {
+    LOGW("nobody takes the controller's report %d", cmd);
+  } else if (!handler->second(*reports, message["Data"])) {
+    LogUnusableData(message["Data"]);
+  }
+  return true;
+}
+
+bool SysCtrlMsgHandler::_HandleRepFpgaVer(ISysCtrlReports& reports, const Json::Value& data) {
+  std::string version;
+  if (!GetVersion(data, "FpgaVer", version)) return false;
+  CheckVersion(reports, kFpga, "Different FPGA version!Strored:", version);
+  return true;
+}
+
+bool SysCtrlMsgHandler::_HandleRepRtxVer(ISysCtrlReports& reports, const Json::Value& data) {
+  std::string version;
+  int index = 0;
+  if (!GetVersion(data, "RtxVer", version) || !JsonUtils::GetInt(data, "RtxIndex", index)) return false;
+  CheckVersion(reports, kRtx, "Different RTX" + std::to_string(index) + " version!Strored:", version);
+  return true;
+}
+
+bool SysCtrlMsgHandler::_HandleRepUacVer(ISysCtrlReports& reports, const Json::Value& data) {
+  std::string version;
+  if (!GetVersion(data, "UacVer", version)) return false;
+  CheckVersion(reports, kUac, "Different UAC version!Strored:", version);
+  return true;
+}
+
+bool SysCtrlMsgHandler::_HandleRepBattery(ISysCtrlReports& reports, const Json::Value& data) {
+  int level = 0;
+  if (!JsonUtils::GetInt(data, "Battery", level)) return false;
+  LOGI("Get new battery:%d", level);
+  reports.OnBattery(level);
+  return true;
+}
+
+bool SysCtrlMsgHandler::_HandleRepClockStatus(ISysCtrlReports& reports, const Json::Value& data) {
+  int status = 0;
+  if (!JsonUtils::GetInt(data, "Status", status)) return false;
+  LOGI("Get new Status:%d", status);
+  reports.OnClockStatus(status != 0);
+  return true;
+}
+
+bool SysCtrlMsgHandler::_HandleReqVer(ISysCtrlReports& reports, const Json::Value& /*data*/) {
+  reports.SendVersionReport();
+  return true;
+}
+
+void SysCtrlMsgHandler::_ParseReply(const std::string& text) {
+  Json::Value reply;
+  std::string error;
+  int cmd = 0;
+  if (!JsonUtils::Parse(text, reply, error)) {
+    LOGE("_ParseReply convert json failed.");
+  } else if (!JsonUtils::GetInt(reply, "Cmd", cmd) || !reply.isMember("Data")) {
+    LOGE("Error Json member!ErrVal:%s", JsonUtils::ToStyledText(reply).c_str());
+  } else if (cmd != SysCtrlProtocol::EM_CODE_REQ_PAIR) {
+    LOGE("Cmd unsupport!ErrVal:%d", cmd);
+  } else {
+    _HandleGengericReply(reply["Data"]);
+  }
+}
+
+void SysCtrlMsgHandler::_HandleGengericReply(const Json::Value& data) {
+  int errorCode = SysCtrlProtocol::EM_ERR_CODE_SUCCESS;
+  std::string errorMsg;
+  const bool hasCode = JsonUtils::GetInt(data, "ErrorCode", errorCode);
+  if (!JsonUtils::GetString(data, "ErrorMsg", errorMsg) && !hasCode) {
+    LogUnusableData(data);
+  } else if (errorCode != SysCtrlProtocol::EM_ERR_CODE_SUCCESS) {
+    LOGE("SysCtrl reply an error!ErrCode:%d, ErrMsg:%s", errorCode, errorMsg.c_str());
+  }
+}

@@ -1,0 +1,24 @@
+/// The numbers that the daemon and the system controller have agreed on. SysCtrlIpc derives from it, so that
+/// callers find them there.
+#pragma once
+
+struct SysCtrlProtocol {
+  /// "Cmd" of a message.
+  enum CmdCodeType {
+    EM_CODE_REQ_PAIR = 0,  ///< out: pair a portable part; in, as a reply: the outcome of a request
+    EM_CODE_SYS_REP_FPGA_VER = 100,
+    EM_CODE_SYS_REP_RTX_VER = 101,
+    EM_CODE_SYS_REP_BATTERY = 102,
+    EM_CODE_SYS_REP_CLOCK_SYNC_STATUS = 103,
+    EM_CODE_SYS_REQ_VER = 104,
+    EM_CODE_SYS_REP_UAC_VER = 105,
+    EM_CODE_VERSION = 200,  ///< out: versions
+    EM_CODE_MAX = 999,
+  };
+
+  /// "ErrorCode" of a reply.
+  enum ErrCodeType {
+    EM_ERR_CODE_SUCCESS = 0,
+    EM_ERR_CODE_FAILED = 1,
+  };
+};

@@ -1,0 +1,129 @@
+/// Storage, mount, copy, unmount, restart. The commands are the ones that service knows from the log.
+#include "UpgradePp/Pp7204Sequence.h"
+
+#include <sys/types.h>
+
+#include <chrono>
+
+#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
+#include "BSW/Log/CLog.h"
+#include "UpgradeFrame/QVUpgradeTool.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr const char* m_strMountPath = "/run/media/7204";
+constexpr const char* kMountParent = "/run/media";
+constexpr mode_t kMountParentMode = 0755;
+
+constexpr seconds kStorageTime(5);
+/// From a disk's node to those of its partitions.
+constexpr milliseconds kPartitionTime(500);
+/// From the end of the copy until the part has restarted.
+constexpr seconds kRestartTime(5);
+
+/// The part's storage, mounted at m_strMountPath for as long as this lives.
+class StorageMount {
+ public:
+  /// `node` is a block device. A failure is logged and leaves an unmounted object.
+  explicit StorageMount(const std::string& node) : m_bMounted(_MountPp(node)) {}
+  ~StorageMount() {
+    if (m_bMounted) _Unmount();
+  }
+  StorageMount(const StorageMount&) = delete;
+  StorageMount& operator=(const StorageMount&) = delete;
+
+  [[nodiscard]] bool IsMounted() const { return m_bMounted; }
+
+ private:
+  static bool _MountPp(const std::string& node);
+  static void _Unmount();
+
+  const bool m_bMounted;
+};
+
+bool StorageMount::_MountPp(const std::string& node) {
+  const std::string path = m_strMountPath;
+  const std::string device = ShellQuote(node);
+  if (QVUpgradeTool::ExecCommand("findmnt " + device + " | grep " + path) != 0) {
+    LOGI("Not mount");
+    XCreateFullPathDir(kMountParent, kMountParentMode);
+    QVUpgradeTool::ExecCommand("mkdir " + path);  // it may be there already
+    const std::string command = "time mount " + device + " " + path;
+    if (QVUpgradeTool::ExecCommand(command) != 0) {
+      LOGE("Failed to mount dev of 7204.Cmd:%s", command.c_str());
+      return false;
+    }
+  }
+  if (QVUpgradeTool::ExecCommand("findmnt /run/media/7204/") == 0) {
+    LOGI("mount ready");
+    return true;
+  }
+  LOGE("mount not ready");
+  _Unmount();
+  return false;
+}
+
+void StorageMount::_Unmount() {
+  const std::string path = m_strMountPath;
+  if (QVUpgradeTool::ExecCommand("umount " + path + " && sync") == 0) return;
+  // A part that was pulled, or a file that somebody opened, must not keep the mount.
+  if (QVUpgradeTool::ExecCommand("umount -l " + path) != 0) LOGE("cannot unmount %s", path.c_str());
+}
+
+}  // namespace
+
+UpgradeStateType Pp7204Sequence::_Upg7204(const UpgPp::PpFw_t& firmware) {
+  if (!_WaitForStorage()) return EM_STATE_FAILED;
+  if (!_CopyFirmware(firmware)) {
+    return m_signals.Has(EM_FLAG_PLUG_IN) ? EM_STATE_FAILED : EM_STATE_INTERRUPT;
+  }
+  return _WaitForRestart();
+}
+
+bool Pp7204Sequence::_WaitForStorage() {
+  PpSignals::Lock lock = m_signals.Hold();
+  LOGI("storage dev loading...");
+  if (!m_signals.WaitFor(lock, kStorageTime, [this] { return !m_devices.CurrentStorage().empty(); })) {
+    if (!m_signals.Stopping()) {
+      LOGE("Waiting for loading of storage dev timeout.m_iLongTermFlags:%d", m_signals.LongTermFlags());
+    }
+    return false;
+  }
+  // A disk without partitions is mounted itself.
+  m_signals.WaitFor(lock, kPartitionTime,
+                    [this] { return !PpDevices::IsWholeDisk(m_devices.CurrentStorage()); });
+  m_str7204Dev = m_devices.CurrentStorage();
+  return !m_str7204Dev.empty();  // it may have gone meanwhile
+}
+
+bool Pp7204Sequence::_CopyFirmware(const UpgPp::PpFw_t& firmware) {
+  const StorageMount mount(m_str7204Dev);
+  if (!mount.IsMounted() || m_signals.Stopping()) return false;
+  const std::string path = m_strMountPath;
+  LOGI("Show monut info");
+  QVUpgradeTool::ExecCommand("ls " + path + "/");
+  std::string directory = firmware.m_strFwPath;
+  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
+  // A link of that name would lead the copy elsewhere.
+  XDeleteFile(path + "/" + firmware.m_strFileName);
+  const std::string command = "cp " + ShellQuote(directory + "/" + firmware.m_strFileName) + " " + path;
+  LOGI("CMd:%s", command.c_str());
+  const bool copied = QVUpgradeTool::ExecCommand(command) == 0;
+  if (!copied) {
+    LOGE("Failed to copy fw file.");
+    // The part would take a half for firmware.
+    XDeleteFile(path + "/" + firmware.m_strFileName);
+  }
+  QVUpgradeTool::ExecCommand("sync");
+  return copied;
+}
+
+UpgradeStateType Pp7204Sequence::_WaitForRestart() {
+  // One that takes longer to go has the file all the same.
+  m_signals.WaitFor(EM_FLAG_7204_RE_INSERT, kRestartTime);
+  return m_signals.Has(EM_FLAG_7204_RE_INSERT | EM_FLAG_PLUG_IN) ? EM_STATE_UPG_SUCCESS : EM_STATE_INTERRUPT;
+}

@@ -1,0 +1,53 @@
+/// The upgrade of a 7308: its application image over the serial line, then, where it differs, its radio
+/// module through UpgPpRtx. UpgradePp owns the one object and runs it on its state thread.
+#pragma once
+
+#include <string>
+
+#include "UpgradePp/PpLink.h"
+#include "UpgradePp/PpSignals.h"
+#include "UpgradePp/PpState.h"
+#include "UpgradePp/PpTypes.h"
+#include "UpgradePp/UpgPpRtx/UpgPpRtx.h"
+
+class Pp7308Sequence {
+ public:
+  /// The arguments outlive this.
+  Pp7308Sequence(PpSignals& signals, PpLink& link) : m_signals(signals), m_link(link) {}
+
+  /// Starts the threads of the radio module's upgrader; false, logged, when one cannot start.
+  bool Init();
+  /// Ends a run of the radio module's upgrader, for good. Not under way with Run, unless EM_FLAG_CLEAN_UP is
+  /// set.
+  void CleanUp();
+
+  /// Upgrades the part behind `device`, whose newer port is open, to `firmware`: success or failure. Ends as
+  /// failed when any answer is missing, and at once on EM_FLAG_CLEAN_UP. State thread, no lock held.
+  UpgradeStateType _Upg7308(const UpgPp::PpFw_t& firmware, const std::string& device);
+
+  /// The part was pulled out: ends the radio module's upgrade, if one is under way. Any thread, no lock held.
+  void OnPlugOut();
+
+ private:
+  enum RetValType {
+    EM_RET_SUCESS = 0,
+    EM_RET_ERROR = 1,
+    EM_RET_TIMEOUT = 2,
+    EM_RET_BAD_PARAMER = 3,
+  };
+
+  bool _StartUpg();
+  RetValType _RrepareFwInfo(const UpgPp::PpFw_t& firmware);
+  RetValType _RrepareFwDataPack(const UpgPp::PpFw_t& firmware);
+  bool _FinishTransfer();
+  bool _ReCheckVersion(const UpgPp::PpFw_t& firmware);
+  bool _UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::string& device);
+  bool _RunRtx(const std::string& directory, const std::string& device);
+  bool _NotifyRtxResult(const std::string& device);
+  /// Called by the radio module's upgrader, on its thread.
+  void _UpgRtxResultCb(bool success, const std::string& message);
+
+  PpSignals& m_signals;
+  PpLink& m_link;
+  UpgPpRtx m_upgPpRtx;
+};

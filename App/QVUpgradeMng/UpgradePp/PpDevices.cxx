@@ -1,0 +1,104 @@
+/// Bookkeeping of events. The same event twice counts once; one that was held back counts when it is told
+/// again.
+#include "UpgradePp/PpDevices.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+/// A 7204's storage comes within this time before its serial device, or later. What was there earlier is a
+/// stick.
+constexpr std::chrono::seconds kStorageBefore(3);
+
+std::string DiskOf(const std::string& node) {
+  return node.substr(0, node.find_last_not_of("0123456789") + 1);
+}
+
+}  // namespace
+
+PpDevices::Event PpDevices::Report(const UsbHotPlugInfo& info, bool inSync, Time now) {
+  Record* record = _Find(info.strDevFile);
+  const bool isKnown = record != nullptr && record->info == info;
+  if (isKnown && !(record->heldBack && inSync)) return Event::NoChange;
+  if (record == nullptr) record = &m_vecUsbHotPlugInfo.emplace_back();
+  if (!isKnown) *record = {info, false, now};
+  record->heldBack = !inSync;
+  if (record->heldBack) return Event::HeldBack;
+  m_deqTurns.erase(std::remove_if(m_deqTurns.begin(), m_deqTurns.end(),
+                                  [&info](const Turn& turn) { return turn.device == info.strDevFile; }),
+                   m_deqTurns.end());
+  return Event::Handle;
+}
+
+void PpDevices::AddTurn(const std::string& device, Time due) {
+  m_deqTurns.push_back({device, due});
+}
+
+std::vector<PpDevices::UsbHotPlugInfo> PpDevices::Known() const {
+  std::vector<UsbHotPlugInfo> known;
+  known.reserve(m_vecUsbHotPlugInfo.size());
+  for (const Record& record : m_vecUsbHotPlugInfo) known.push_back(record.info);
+  return known;
+}
+
+bool PpDevices::AnyPresent() const {
+  return std::any_of(m_vecUsbHotPlugInfo.begin(), m_vecUsbHotPlugInfo.end(),
+                     [](const Record& record) { return record.info.bState; });
+}
+
+std::deque<PpDevices::Turn>::const_iterator PpDevices::_Next() const {
+  return std::min_element(m_deqTurns.begin(), m_deqTurns.end(),
+                          [](const Turn& left, const Turn& right) { return left.due < right.due; });
+}
+
+std::optional<PpDevices::Time> PpDevices::NextDue() const {
+  const auto next = _Next();
+  if (next == m_deqTurns.end()) return std::nullopt;
+  return next->due;
+}
+
+void PpDevices::TakeNext() {
+  const auto next = _Next();
+  if (next == m_deqTurns.end()) return;
+  m_strCurrent = next->device;
+  m_deqTurns.erase(next);
+  const Record* const record = _Find(m_strCurrent);
+  m_currentSince = record != nullptr ? record->since : Time();
+}
+
+void PpDevices::StorageCame(const std::string& node, Time now) {
+  StorageWent(node);
+  m_vecStorage.push_back({node, now});
+}
+
+void PpDevices::StorageWent(const std::string& node) {
+  m_vecStorage.erase(std::remove_if(m_vecStorage.begin(), m_vecStorage.end(),
+                                    [&node](const Storage& storage) { return storage.node == node; }),
+                     m_vecStorage.end());
+}
+
+std::string PpDevices::CurrentStorage() const {
+  if (m_vecStorage.empty() || m_vecStorage.back().since + kStorageBefore < m_currentSince) return {};
+  const std::string disk = DiskOf(m_vecStorage.back().node);
+  std::string first;
+  for (const Storage& storage : m_vecStorage) {
+    const std::string& node = storage.node;
+    if (DiskOf(node) != disk || IsWholeDisk(node)) continue;
+    // Shorter names first: "sda2" comes before "sda10".
+    if (first.empty() || std::make_pair(node.size(), node) < std::make_pair(first.size(), first))
+      first = node;
+  }
+  return first.empty() ? disk : first;
+}
+
+bool PpDevices::IsWholeDisk(const std::string& node) {
+  return DiskOf(node) == node;
+}
+
+PpDevices::Record* PpDevices::_Find(const std::string& device) {
+  const auto found =
+      std::find_if(m_vecUsbHotPlugInfo.begin(), m_vecUsbHotPlugInfo.end(),
+                   [&device](const Record& record) { return record.info.strDevFile == device; });
+  return found == m_vecUsbHotPlugInfo.end() ? nullptr : &*found;
+}

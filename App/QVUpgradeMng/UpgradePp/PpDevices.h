@@ -1,0 +1,84 @@
+/// The devices of portable parts: which serial devices are plugged in, which of them is under way, which wait
+/// for their turn, and which storage nodes there are. Knows no port and no thread; UpgradePp asks it with the
+/// lock of PpSignals held.
+///
+/// A part has one serial device; a 7204 brings a storage as well, whose nodes come one by one (disk, then
+/// partitions) and about when its serial device does. USB sticks bring such nodes too.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <optional>
+#include <string>
+#include <vector>
+
+class PpDevices {
+ public:
+  using Time = std::chrono::steady_clock::time_point;
+
+  /// What one event of a serial device leads to.
+  enum class Event {
+    NoChange,  ///< known already
+    HeldBack,  ///< recorded; to be handled when the clock is in sync again
+    Handle,
+  };
+
+  struct UsbHotPlugInfo {
+    std::string strDevFile;
+    bool bState = false;  ///< true = present
+
+    bool operator==(const UsbHotPlugInfo& other) const {
+      return strDevFile == other.strDevFile && bState == other.bState;
+    }
+  };
+
+  /// Records that a serial device came or went; what waits for a turn of it, waits no longer. `inSync` is
+  /// false while the clock is out of sync.
+  Event Report(const UsbHotPlugInfo& info, bool inSync, Time now);
+  /// Gives a device a turn, not before `due`.
+  void AddTurn(const std::string& device, Time due);
+  /// The last known state of each serial device.
+  [[nodiscard]] std::vector<UsbHotPlugInfo> Known() const;
+  [[nodiscard]] bool AnyPresent() const;
+
+  /// The device under way, or the last one that was; empty before the first.
+  [[nodiscard]] const std::string& Current() const { return m_strCurrent; }
+  /// When the next waiting device is due; nothing when none waits.
+  [[nodiscard]] std::optional<Time> NextDue() const;
+  /// Makes the device that is due first the current one.
+  void TakeNext();
+
+  void StorageCame(const std::string& node, Time now);
+  void StorageWent(const std::string& node);
+  [[nodiscard]] bool AnyStorage() const { return !m_vecStorage.empty(); }
+  /// The storage node that came with the current device: of the disk that came last its first partition, the
+  /// disk itself when it has none. Empty while there is none.
+  [[nodiscard]] std::string CurrentStorage() const;
+
+  /// True for the node of a whole disk, "/dev/sda".
+  static bool IsWholeDisk(const std::string& node);
+
+ private:
+  struct Record {
+    UsbHotPlugInfo info;
+    bool heldBack = false;
+    Time since;  ///< of this state
+  };
+  struct Turn {
+    std::string device;
+    Time due;
+  };
+  struct Storage {
+    std::string node;
+    Time since;
+  };
+
+  Record* _Find(const std::string& device);
+  [[nodiscard]] std::deque<Turn>::const_iterator _Next() const;
+
+  std::vector<Record> m_vecUsbHotPlugInfo;  ///< one per device, in the order of their first event
+  std::deque<Turn> m_deqTurns;
+  std::string m_strCurrent;
+  Time m_currentSince;                ///< when the current device came
+  std::vector<Storage> m_vecStorage;  ///< in the order in which they came
+};

@@ -1,0 +1,289 @@
+/// Ports and frames of portable parts: opening and closing, sending, then the answers. What a command carries
+/// is told in PpMessages.h. Texts are read by service.
+#include "UpgradePp/PpLink.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <iterator>
+#include <optional>
+#include <utility>
+
+#include "BSW/BasicFun/TimeUtils.h"
+#include "BSW/Log/CLog.h"
+#include "BSW/Serial/HexText.h"
+#include "UpgradePp/PpMessages.h"
+
+namespace {
+
+constexpr const char* kPortName = "UpgradePp";
+constexpr const char* kPartLabel = "PP";
+
+/// Model numbers as hexadecimal digits: the base station is a 9031, the part an 04.
+constexpr SerialProtocolMng::PayloadCfg_t m_stPayloadCfg = {0x01, 0x90, 0x31, 0x04};
+
+/// Of an acknowledgement.
+constexpr uint8_t kAccepted = 0;
+
+/// Acknowledgements that are one status byte; the name is of the log.
+struct Ack {
+  NewCmdType cmd;
+  FlagType flag;
+  const char* handler;
+};
+constexpr std::array<Ack, 5> kAcks = {{
+    {EM_NEW_CMD_REQ_START_UPG, EM_FLAG_START_UPG_ACK, "_ProcStartUpgAck"},
+    {EM_NEW_CMD_REQ_SEND_DATA_PACK, EM_FLAG_SEND_PACK_ACK, "_ProcSendPackageAck"},
+    {EM_NEW_CMD_REQ_SEND_FW_DONE, EM_FLAG_SEND_PACK_DONE_ACK, "_ProcSendFwDoneAck"},
+    {EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, "_ProcReqUpgRtxAck"},
+    {EM_NEW_CMD_NOTIFY_PP_RTX_RESULT, EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK, "_ProcNotiFyUpgResultAck"},
+}};
+
+}  // namespace
+
+PpLink::PpLink(PpSignals& signals, std::function<void()> onReady)
+    : m_signals(signals),
+      m_onReady(std::move(onReady)),
+      m_pOldProtocol(std::make_shared<OldProtocol>(
+          [this](const OldProtocol::Frame_t& frame) { return _OldProtocolRecvCb(frame); })),
+      m_pNewProtocol(
+          std::make_shared<SerialProtocolMng>(kPortName, McuFrame::EM_UART_MSG_MAX_LEN, m_stPayloadCfg)) {
+  m_pNewProtocol->RegFrameRecvCb([this](const ProtocolData_t& data) { return _ProtocolDataRecvCb(data); });
+  m_pNewProtocol->RegisterUartEventCallback([port = m_pNewProtocol.get()](const void* data, short length) {
+    return port->_UartRecvCallback(data, length);
+  });
+  m_UartInfo.strSlaverType = kPartLabel;
+}
+
+PpLink::~PpLink() {
+  if (!CThread::HasCrashed()) CleanUp();
+}
+
+void PpLink::SetStationName(const std::string& name) {
+  const std::lock_guard<std::mutex> lock(m_portMutex);
+  m_UartInfo.strMasterType = name;
+}
+
+void PpLink::CleanUp() {
+  CloseUarts();
+  m_pNewProtocol->DestroyThread(true, true);
+}
+
+// ------------------------------------------------------------------------------------------------- ports
+
+bool PpLink::OpenUart(ProtocolType type, const std::string& device) {
+  const std::lock_guard<std::mutex> lock(m_portMutex);
+  _PrintPorts("try to open uart! New:");
+  if (m_signals.Has(_OpenFlag(type))) {
+    LOGI("Uart has been open!");
+    return true;
+  }
+  // Whoever clears the flag closes the ports afterwards, so that none stays open on a device that went.
+  if (m_signals.Stopping() || !m_signals.Has(EM_FLAG_PLUG_IN)) return false;
+  LOGI(type == EM_PROT_73_OLD ? "_OpenOldUart=========" : "_OpenUart=========");
+  if (!m_UartInfo.SetDevName(device) || !_Port(type).CreateSerial(&m_UartInfo)) return false;
+  m_signals.Set(_OpenFlag(type));
+  return true;
+}
+
+bool PpLink::CloseUart(ProtocolType type) {
+  const std::lock_guard<std::mutex> lock(m_portMutex);
+  return _CloseUart(type);
+}
+
+bool PpLink::CloseUarts() {
+  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const bool newClosed = _CloseUart(EM_PROT_72_NEW);
+  return _CloseUart(EM_PROT_73_OLD) && newClosed;
+}
+
+void PpLink::CloseUartsOf(const std::string& device) {
+  const std::lock_guard<std::mutex> lock(m_portMutex);
+  if (device != m_UartInfo.szDevName) return;
+  _CloseUart(EM_PROT_72_NEW);
+  _CloseUart(EM_PROT_73_OLD);
+}
+
+bool PpLink::_CloseUart(ProtocolType type) {
+  _PrintPorts("try to close uart! New:");
+  if (!m_signals.Has(_OpenFlag(type))) return true;
+  LOGI(type == EM_PROT_73_OLD ? "_CloseOldUart=========" : "_CloseUart=========");
+  m_signals.Clear(_OpenFlag(type));
+  return _Port(type).DestroySerial();
+}
+
+CSerialLink& PpLink::_Port(ProtocolType type) {
+  if (type == EM_PROT_73_OLD) return *m_pOldProtocol;
+  return *m_pNewProtocol;
+}
+
+uint32_t PpLink::_OpenFlag(ProtocolType type) {
+  return type == EM_PROT_73_OLD ? EM_FLAG_OLD_UART_OPEN : EM_FLAG_NEW_UART_OPEN;
+}
+
+void PpLink::_PrintPorts(const char* action) const {
+  std::printf("%s%d, Old:%d, m_iFlags:%d\n", action, m_signals.Has(EM_FLAG_NEW_UART_OPEN),
+              m_signals.Has(EM_FLAG_OLD_UART_OPEN), m_signals.Flags());
+}
+
+const char* PpLink::TraceProtocolType(ProtocolType type) {
+  switch (type) {
+    case EM_PROT_73_OLD:
+      return "EM_PROT_73_OLD";
+    case EM_PROT_72_NEW:
+      return "EM_PROT_72_NEW";
+  }
+  return "NOT SUPPORT";
+}
+
+// ----------------------------------------------------------------------------------------------- sending
+
+bool PpLink::SendCmd(uint16_t cmd, const Bytes& data) {
+  if (m_emProtoclType == EM_PROT_72_NEW) {
+    ProtocolData_t request;
+    request.m_iCmd = cmd;
+    request.m_emCmdType = McuFrame::EM_CMD_REQUEST;
+    request.m_vecDataField = data;
+    return m_pNewProtocol->PackAndSendFrame(request);
+  }
+  if (cmd != EM_OLD_CMD_GET_PP_VERSION_INFO) {
+    LOGE("Unsupport cmd!ErrVal:0x%X", cmd);
+    return false;
+  }
+  return m_pOldProtocol->SendFrame(EM_OLD_CMD_GET_PP_VERSION_INFO, nullptr, 0) >= 1;
+}
+
+bool PpLink::SendBuiltFrame(const Bytes& frame) {
+  std::string station;
+  {
+    const std::lock_guard<std::mutex> lock(m_portMutex);
+    station = m_UartInfo.strMasterType;
+  }
+  LOGI("%s -> %s, L:%zu, %s", station.c_str(), kPartLabel, frame.size(),
+       HexText(frame.data(), frame.size()).c_str());
+  const auto size = static_cast<int>(frame.size());
+  return m_pNewProtocol->SendFrame(reinterpret_cast<const char*>(frame.data()), size) == size;
+}
+
+bool PpLink::Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time, const Bytes& data) {
+  m_signals.Clear(flags);
+  return SendCmd(cmd, data) && m_signals.WaitFor(flags, time);
+}
+
+bool PpLink::RequestVersion(std::chrono::milliseconds time) {
+  const bool isNew = m_emProtoclType == EM_PROT_72_NEW;
+  const auto cmd = static_cast<uint16_t>(isNew ? static_cast<int>(EM_NEW_CMD_REQ_PP_VERSION)
+                                               : static_cast<int>(EM_OLD_CMD_GET_PP_VERSION_INFO));
+  return Request(cmd, EM_FLAG_GET_VER, time);
+}
+
+// --------------------------------------------------------------------------------------------- receiving
+
+PpInfo_t PpLink::Info() {
+  const PpSignals::Lock lock = m_signals.Hold();
+  return m_stPpInfo;
+}
+
+void PpLink::SetType(UpgPp::PpType type) {
+  const PpSignals::Lock lock = m_signals.Hold();
+  m_stPpInfo.m_emPpType = type;
+}
+
+void PpLink::CleanInfo() {
+  const PpSignals::Lock lock = m_signals.Hold();
+  m_stPpInfo.CleanInfo();
+}
+
+bool PpLink::_ProtocolDataRecvCb(const ProtocolData_t& data) {
+  LOGD("recv cmd end time:%llu", static_cast<unsigned long long>(GetCurTimeMilliSec()));
+  return _UnpackNewFrame(data);
+}
+
+bool PpLink::_UnpackNewFrame(const ProtocolData_t& data) {
+  switch (data.m_iCmd) {
+    case EM_NEW_CMD_REQ_PP_VERSION:
+      return _ProcVerInfo(data);
+    case EM_NEW_CMD_REQ_SEND_FW_INFO:
+      return _ProcSendFwInfoAck(data.m_vecDataField);
+    case EM_NEW_CMD_PP_REP_READY:
+      m_onReady();
+      return true;
+    default:
+      break;
+  }
+  const auto* const ack = std::find_if(
+      kAcks.begin(), kAcks.end(), [&data](const Ack& candidate) { return candidate.cmd == data.m_iCmd; });
+  if (ack != kAcks.end()) return _ProcAck(data.m_vecDataField, ack->flag, ack->handler);
+  LOGE("Unsupport cmd!ErrVal:0x%X", data.m_iCmd);
+  return false;
+}
+
+bool PpLink::_ProcVerInfo(const ProtocolData_t& data) {
+  const unsigned family = data.m_iProNum * 256U + data.m_iDevType;
+  const std::optional<PpInfo_t> info = PpMessages::ReadVersion(family, data.m_vecDataField);
+  if (!info) {
+    LOGE("Error len of version info!ErrVal:%ld", static_cast<long>(data.m_vecDataField.size()));
+    return false;
+  }
+  return _TakeVersion(EM_PROT_72_NEW, *info);
+}
+
+bool PpLink::_ProcSendFwInfoAck(const Bytes& data) {
+  if (data.empty() || data.front() == kAccepted) {
+    return _ProcAck(data, EM_FLAG_SEND_FW_INFO_ACK, "_ProcSendFwInfoAck");
+  }
+  LOGI("User don't want to upg!Value:%d", data.front());
+  m_signals.Set(EM_FLAG_DO_NOT_UPG);
+  return true;
+}
+
+bool PpLink::_ProcAck(const Bytes& data, uint32_t flag, const char* handler) {
+  if (data.empty()) {
+    LOGE("Empty content size!");
+    return false;
+  }
+  if (data.front() != kAccepted) {
+    // Who waits goes on waiting: a refusal counts like no answer.
+    LOGE("%s Failed!", handler);
+    return false;
+  }
+  m_signals.Set(flag);
+  return true;
+}
+
+bool PpLink::_OldProtocolRecvCb(const OldProtocol::Frame_t& frame) {
+  return _UnpackOldFrame(frame);
+}
+
+bool PpLink::_UnpackOldFrame(const OldProtocol::Frame_t& frame) {
+  if (frame.m_iCmd == EM_OLD_CMD_GET_PP_VERSION_INFO) return _ProcVerInfo(frame);
+  LOGE("error resopne cmd %02x ", frame.m_iCmd);
+  return false;
+}
+
+bool PpLink::_ProcVerInfo(const OldProtocol::Frame_t& frame) {
+  const std::optional<PpMessages::LegacyVersion> version = PpMessages::ReadLegacyVersion(frame.m_vecPayload);
+  if (!version) {
+    LOGE("Error len of version info!ErrVal:%ld", static_cast<long>(frame.m_vecPayload.size()));
+    return false;
+  }
+  if (!version->radioActive) {
+    LOGW("The Dect module of PP is not activated!Make sure PP has a battery and power on.");
+  }
+  return _TakeVersion(EM_PROT_73_OLD, version->info);
+}
+
+/// A reply that was on its way while the port was closed must not pass for one in the protocol tried next.
+bool PpLink::_TakeVersion(ProtocolType protocol, const PpInfo_t& info) {
+  if (protocol != m_emProtoclType) {
+    LOGW("Version in protocol %s came too late", TraceProtocolType(protocol));
+    return false;
+  }
+  LOGI("PpType:%d, ModuleNum:%s, SwVersion:%s, HwVersion:%s, RtxVersion:%s", info.m_emPpType,
+       info.strProductModuleNum.c_str(), info.strVerison.c_str(), info.strHwVerison.c_str(),
+       info.strRtxVerison.c_str());
+  const PpSignals::Lock lock = m_signals.Hold();
+  m_stPpInfo = info;
+  m_signals.Set(lock, EM_FLAG_GET_VER);
+  return true;
+}

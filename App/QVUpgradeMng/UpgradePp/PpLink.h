@@ -1,0 +1,106 @@
+/// The line to the portable part under way: two ports with one framing each, of which the part speaks one,
+/// the commands that go out and the answers that come in. An answer sets its flag; versions are kept.
+///
+/// Opening and closing come from the state thread and from plug-outs; they take turns, and the lock of
+/// PpSignals is never held meanwhile, because a receive thread that is waited for may want it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "BSW/Serial/SerialProtocolMng.h"
+#include "BSW/Serial/UartMngInfo.h"
+#include "UpgradePp/OldProtocol/OldProtocol.h"
+#include "UpgradePp/PpSignals.h"
+#include "UpgradePp/PpTypes.h"
+
+enum ProtocolType {
+  EM_PROT_73_OLD = 0,  ///< legacy frames
+  EM_PROT_72_NEW = 1,  ///< MCU frames
+};
+
+/// Any thread may call any member, unless said otherwise.
+class PpLink {
+ public:
+  using Bytes = std::vector<uint8_t>;
+
+  static constexpr std::chrono::milliseconds m_iWaitTime{1000};  ///< for an acknowledgement of an upgrade
+  static constexpr std::chrono::seconds m_i7204UpgTime{180};     ///< for a 7204's user to agree
+
+  /// Both ports are closed. `signals` outlives this. `onReady` is called on the receive thread of the newer
+  /// frames with no lock held, when a part reports that it is ready.
+  PpLink(PpSignals& signals, std::function<void()> onReady);
+  ~PpLink();
+  PpLink(const PpLink&) = delete;
+  PpLink& operator=(const PpLink&) = delete;
+
+  /// Names this end in dumps. Before the first opening.
+  void SetStationName(const std::string& name);
+  /// Closes both ports and ends all threads, for good; after EM_FLAG_CLEAN_UP nothing opens them again.
+  void CleanUp();
+
+  /// Opens the port of `type` on `device`; true also when it is open. False without EM_FLAG_PLUG_IN: a device
+  /// that went is not opened any more. Not on a receive thread, nor with the lock of PpSignals held; the same
+  /// holds for closing.
+  bool OpenUart(ProtocolType type, const std::string& device);
+  bool CloseUart(ProtocolType type);
+  bool CloseUarts();
+  /// Closes both ports if they were opened last on `device`.
+  void CloseUartsOf(const std::string& device);
+
+  /// The protocol that the part is assumed to speak, and with which commands go out.
+  void SetProtocol(ProtocolType type) { m_emProtoclType = type; }
+  [[nodiscard]] ProtocolType Protocol() const { return m_emProtoclType; }
+  static const char* TraceProtocolType(ProtocolType type);
+
+  /// Sends one command. The legacy protocol has but the version request.
+  bool SendCmd(uint16_t cmd, const Bytes& data = {});
+  /// Sends a frame that is built already, on the newer protocol's port.
+  bool SendBuiltFrame(const Bytes& frame);
+  /// Clears `flags`, sends, and waits until one of them is set. False also when nothing could be sent.
+  bool Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time, const Bytes& data = {});
+  /// The version request of the assumed protocol.
+  bool RequestVersion(std::chrono::milliseconds time);
+
+  /// What the part reported last.
+  PpInfo_t Info();
+  void SetType(UpgPp::PpType type);
+  void CleanInfo();
+
+ private:
+  using ProtocolData_t = SerialProtocolMng::ProtocolData_t;
+
+  /// m_portMutex is held.
+  bool _CloseUart(ProtocolType type);
+  CSerialLink& _Port(ProtocolType type);
+  static uint32_t _OpenFlag(ProtocolType type);
+  void _PrintPorts(const char* action) const;
+
+  // The receive threads.
+  bool _ProtocolDataRecvCb(const ProtocolData_t& data);
+  bool _UnpackNewFrame(const ProtocolData_t& data);
+  bool _OldProtocolRecvCb(const OldProtocol::Frame_t& frame);
+  bool _UnpackOldFrame(const OldProtocol::Frame_t& frame);
+  bool _ProcVerInfo(const ProtocolData_t& data);
+  bool _ProcVerInfo(const OldProtocol::Frame_t& frame);
+  bool _ProcSendFwInfoAck(const Bytes& data);
+  bool _ProcAck(const Bytes& data, uint32_t flag, const char* handler);
+  bool _TakeVersion(ProtocolType protocol, const PpInfo_t& info);
+
+  PpSignals& m_signals;
+  const std::function<void()> m_onReady;
+  std::atomic<ProtocolType> m_emProtoclType{EM_PROT_72_NEW};
+  PpInfo_t m_stPpInfo;  ///< guarded by the lock of m_signals
+
+  std::mutex
+      m_portMutex;  ///< serialises opening and closing; guards m_UartInfo. Before the lock of m_signals
+  UART_MNG_INFO_S m_UartInfo;
+  const std::shared_ptr<OldProtocol> m_pOldProtocol;
+  const std::shared_ptr<SerialProtocolMng> m_pNewProtocol;
+};

@@ -1,0 +1,51 @@
+/// The upgrader of a portable part's radio module. The part itself puts its module into the boot loader and
+/// passes bytes through; the exchange is the base station's (RtxExchange), with shorter waits. UpgradePp owns
+/// the one instance, starts it once the part has agreed, and stops it when the part is pulled out.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "UpgradeFrame/RtxSubmodules/RtxExchange.h"
+
+class UpgPpRtx final : public RtxExchange {
+ public:
+  /// Success and, on failure, what went wrong. Called once for each run that was accepted, on the exchange's
+  /// thread with no lock held; not for a run that CleanUp ended. A run lasts until it returns.
+  using ResultCallBack = std::function<void(bool success, const std::string& message)>;
+
+  UpgPpRtx();
+  ~UpgPpRtx() override;
+
+  /// Before Init.
+  void RegUpgRxResultCallBack(const ResultCallBack& callback);
+  /// Starts the threads; false, logged, when one cannot start. Does nothing when they run.
+  bool Init();
+  /// Ends a run under way and the threads; waits for a callback that runs: hold no lock that it takes. Not on
+  /// the callback's thread. Idempotent; Init may follow.
+  bool CleanUp();
+
+  /// Begins the upgrade of the module behind `device` with the files in `directory` (the two loaders and one
+  /// "*.spihex"). False, logged, before Init, while a run is under way, and for a device name over 63 bytes.
+  /// Any thread; the result comes through the callback, perhaps before this returns.
+  bool StartUpgrade(const std::string& directory, const std::string& device);
+  /// Ends a run at once, as a failure, and does not wait for its callback. Without a run it does nothing. Any
+  /// thread.
+  void StopUpgrad();
+
+ private:
+  static constexpr int m_iWaitTime = 3000;  ///< ms
+
+  bool _PrepareFiles() override;
+  void _EnterBoot() override;
+  int _Module() const override { return 1; }
+  void _ChunkProgrammed(size_t done, size_t total) override;
+  const char* _ModuleSucceeded() override { return nullptr; }
+  void _ModuleFailed() override;
+  void _RunEnded(bool success) override;
+
+  ResultCallBack m_resultCb;  ///< set before the threads start
+  std::mutex m_filesLock;     ///< guards m_strDirectory
+  std::string m_strDirectory;
+};

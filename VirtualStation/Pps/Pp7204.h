@@ -1,0 +1,71 @@
+/// A belt pack of the 7204 family on USB: a serial device that tells its versions, and a storage of its own.
+/// New firmware that was put on the storage makes it restart: it leaves the bus and comes back. Made by tests
+/// and scenarios.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "VirtualStation/Disk.h"
+#include "VirtualStation/Pps/PpFrames.h"
+
+namespace station {
+
+/// Where it appears.
+struct PpNodes {
+  std::string serial = "/dev/ttyACM0", storage = "/dev/sdb";
+};
+
+/// All members: any thread.
+class Pp7204 {
+ public:
+  /// Plugs in, with these faults armed. The fault Refuse in phase PpFile lets it come back as it was.
+  explicit Pp7204(const PpVersions& versions = {}, const std::vector<Fault>& faults = {}, PpNodes nodes = {});
+  ~Pp7204();
+  Pp7204(const Pp7204&) = delete;
+  Pp7204& operator=(const Pp7204&) = delete;
+
+  Conduct& conduct() { return m_conduct; }
+  Line& line() { return m_line; }
+
+  void Plug();
+  /// At once: what is under way on the storage fails.
+  void Unplug();
+  void ReportReady();
+
+  PpVersions Versions() const;
+  /// The firmware file that it restarted with last; empty without one.
+  std::string Firmware() const;
+  /// Waits until it has come back from `count` restarts. False when time is up.
+  bool WaitForRestart(std::chrono::milliseconds timeout, int count = 1) const;
+
+ private:
+  void _Receive(const Bytes& bytes);
+  void _Watch();
+  void _Appear();
+  void _Vanish();
+  void _LookForFirmware(std::unique_lock<std::mutex>& lock);
+  void _Restart(std::unique_lock<std::mutex>& lock, const std::string& name, const std::string& content,
+                bool takesIt);
+
+  const PpNodes m_nodes;
+  Conduct m_conduct;
+  PpVoice m_voice;
+  mutable std::mutex m_mutex;  ///< guards the state below and the voice
+  mutable std::condition_variable m_restarted;
+  PpVersions m_versions;
+  Bytes m_input;
+  bool m_inSocket = true;
+  std::unique_ptr<Disk> m_disk;  ///< none while it is off the bus
+  std::string m_firmware;
+  int m_restarts = 0;
+  int m_stop;  ///< eventfd
+  Line m_line;
+  std::thread m_watch;  ///< last: it uses the rest
+};
+
+}  // namespace station
