@@ -11,7 +11,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The programs that the daemon runs.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "p7zip-full, tar, unzip, e2fsprogs, mount, util-linux, procps, time, kmod, systemd, systemd-sysv, dbus, passwd")
+    "p7zip-full, tar, unzip, e2fsprogs, mount, util-linux, procps, time, kmod, systemd, systemd-sysv, dbus, passwd, ca-certificates")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA "${CMAKE_CURRENT_LIST_DIR}/postinst;${CMAKE_CURRENT_LIST_DIR}/prerm")
 include(CPack)
 

@@ -22,20 +22,6 @@ bool IsZip(const std::string& path) {
   return fs::path(path).extension() == ".zip";
 }
 
-std::string Md5(const std::string& path) {
-  const std::string data = ReadText(path);
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned length = 0;
-  EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_md5(), nullptr);
-  constexpr const char* kDigits = "0123456789abcdef";
-  std::string text;
-  for (unsigned i = 0; i < length; ++i) {
-    text += kDigits[digest[i] >> 4U];
-    text += kDigits[digest[i] & 0xFU];
-  }
-  return text;
-}
-
 void Apply(const PackageBuilder::FileEditor& edit, const std::string& path) {
   if (edit) {
     edit(path);
@@ -309,6 +295,20 @@ void Zip(const std::string& directory, const std::string& zip) {
     command.push_back(entry.path().filename());
   }
   MustRun(command, directory);
+}
+
+std::string Md5(const std::string& path) {
+  const std::string data = ReadText(path);
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned length = 0;
+  EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_md5(), nullptr);
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text;
+  for (unsigned i = 0; i < length; ++i) {
+    text += kDigits[digest[i] >> 4U];
+    text += kDigits[digest[i] & 0xFU];
+  }
+  return text;
 }
 
 void WriteRandomFile(const std::string& path, std::uint64_t bytes) {

@@ -101,6 +101,10 @@ class PackageBuilder {
 
 /// Packs everything in `directory`, at the top level of the zip.
 void Zip(const std::string& directory, const std::string& zip);
+
+/// The md5 sum of a file, as lower-case hex digits.
+std::string Md5(const std::string& path);
+
 /// Writes deterministic content of `bytes` to `path`, different for each path's last component.
 void WriteRandomFile(const std::string& path, std::uint64_t bytes);
 

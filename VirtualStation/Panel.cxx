@@ -4,7 +4,8 @@
 namespace station {
 
 Panel::Panel(const Bus& bus)
-    : m_listener(bus.Address(), "org.Upgrade_Ui_Signal.interface", "upgrade_ui_dbus_signal_precent",
+    : Requests(bus, "org.Upgrade_OTA_Request_Method.interface", "upgrade_ota_dbus_signal_notify"),
+      m_listener(bus.Address(), "org.Upgrade_Ui_Signal.interface", "upgrade_ui_dbus_signal_precent",
                  [this](const std::string& text) { Add(text); }) {}
 
 }  // namespace station

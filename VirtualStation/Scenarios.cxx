@@ -29,6 +29,7 @@ using std::chrono::seconds;
 
 bool ShowUpgrade(Screen& screen, unsigned pauseDivisor);
 bool ShowWeb(Screen& screen, unsigned pauseDivisor);
+bool ShowCloud(Screen& screen, unsigned pauseDivisor);
 bool ShowHostile(Screen& screen, unsigned pauseDivisor);
 bool ShowKill(Screen& screen, unsigned pauseDivisor);
 bool ShowPp(Screen& screen, unsigned pauseDivisor);
@@ -42,6 +43,7 @@ const std::vector<Scenario>& Scenarios() {
        "a USB stick brings all seven parts: files, a boot loader, every chip's firmware; then a belt pack's",
        ShowUpgrade},
       {"web", "the same package comes from the web server", ShowWeb},
+      {"cloud", "the cloud has a newer package; its download breaks off and goes on", ShowCloud},
       {"hostile", "a few bad packages, and what the station answers", ShowHostile},
       {"kill", "the power is cut in the middle of an upgrade, and the station recovers", ShowKill},
       {"pp", "belt packs of three families are plugged in: upgraded, restarted, paired", ShowPp},
@@ -137,16 +139,18 @@ class PartitionCopy {
   Partition m_partition;
 };
 
-/// The panel's story of a successful upgrade: started, upgrading without ever going back, finished with the
-/// version.
+/// The panel's story of a successful upgrade: perhaps a download, then started, upgrading, finished with the
+/// version; the bar never goes back in either.
 bool PanelSawUpgrade(const Reports& panel, const Package& package) {
   const std::vector<Report> reports = panel.Progress();
+  const auto upgrade = std::find_if(reports.begin(), reports.end(),
+                                    [](const Report& report) { return report.status != kDownloading; });
+  const auto less = [](const Report& left, const Report& right) { return left.percent < right.percent; };
   const bool ordered =
-      std::is_sorted(reports.begin(), reports.end(),
-                     [](const Report& left, const Report& right) { return left.percent < right.percent; });
+      std::is_sorted(reports.begin(), upgrade, less) && std::is_sorted(upgrade, reports.end(), less);
   const bool sound =
       std::all_of(reports.begin(), reports.end(), [](const Report& report) { return report.fault.empty(); });
-  return ordered && sound && !reports.empty() && reports.front().status == kStarted &&
+  return ordered && sound && upgrade != reports.end() && upgrade->status == kStarted &&
          reports.back().status == kFinished && reports.back().percent == 100 &&
          reports.back().property["softVersion"] == package.softVersion;
 }
@@ -287,6 +291,52 @@ bool ShowWeb(Screen& screen, unsigned pauseDivisor) {
     const std::optional<Envelope> reply = station.web().RequestUpgrade(package.name);
     screen.Check(reply && reply->errorCode == WebServer::kAccepted, "the daemon takes it");
   });
+  return screen.AllGood();
+}
+
+/// Asks what the cloud has, and shows the answer; the version, empty when there is no newer one.
+std::string ShowQuery(Screen& screen, Station& station) {
+  const std::optional<Envelope> reply = station.panel().Request(kQueryCloud);
+  const std::optional<Report> answer = station.panel().WaitForCmd(kQueryCloud, minutes(1));
+  screen.Check(reply && reply->errorCode == Requests::kAccepted && answer, "the backend answers");
+  const Json::Value offer = answer ? answer->property : Json::Value();
+  std::string version = offer["softVersion"].asString();
+  screen.Line(version.empty()
+                  ? "nothing newer " + offer["ErrorMsg"].asString()
+                  : version + ", " + offer["size"].asString() + " bytes: " + offer["releaseNote"].asString());
+  return version;
+}
+
+bool ShowCloud(Screen& screen, unsigned pauseDivisor) {
+  screen.Step("A base station runs");
+  ShownStation station(screen, pauseDivisor);
+  Cloud::SetBackend(std::string("https://") + Cloud::kHost);
+  ShowVersions(screen, station);
+  screen.Step("Its backend has a newer package");
+  const Package package = ShowPackage(
+      screen,
+      PackageBuilder("S4.1.0.1").AllSocParts("V2.0.0.01").Name("QV_K90XX_H200_S4.1.0.1_OTA_Common_1.zip"));
+  station.cloud().Offer(package);
+  screen.Check(ShowQuery(screen, station) == package.softVersion, "the panel is offered it");
+
+  constexpr std::uint64_t kBytesPerSecond = 400'000;
+  const std::uint64_t half = fs::file_size(package.path) / 2;
+  screen.Step("The panel asks for it; the line breaks half-way");
+  station.cloud().Limit(kBytesPerSecond);
+  station.cloud().BreakAfter(half, 1);
+  FollowUpgrade(screen, station, package, [&] {
+    const std::optional<Envelope> reply = station.panel().Request(kUpgradeByCloud);
+    screen.Check(reply && reply->errorCode == Requests::kAccepted, "the daemon takes it");
+  });
+  screen.Step("What the backend was asked");
+  for (const HttpRequest& request : station.cloud().Downloads()) {
+    const std::string range = request.Header("range");
+    screen.Line(request.method + " " + request.path + (range.empty() ? "" : ", " + range));
+  }
+  screen.Check(station.cloud().Starts() == std::vector<std::uint64_t>{0, half},
+               "the download went on where it broke");
+  screen.Step("The panel asks again");
+  screen.Check(ShowQuery(screen, station).empty(), "there is no newer package now");
   return screen.AllGood();
 }
 

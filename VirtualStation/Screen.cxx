@@ -32,6 +32,8 @@ const char* StatusName(int status) {
       return "same version";
     case kNoTask:
       return "nothing to do";
+    case kDownloading:
+      return "downloading";
     default:
       return "unknown";
   }

@@ -12,6 +12,7 @@
 
 #include "VirtualStation/Bus.h"
 #include "VirtualStation/Chips/Chips.h"
+#include "VirtualStation/Cloud/Cloud.h"
 #include "VirtualStation/Commands.h"
 #include "VirtualStation/Controller.h"
 #include "VirtualStation/Daemon.h"
@@ -45,6 +46,7 @@ class Station {
   Panel& panel() { return m_panel; }
   WebServer& web() { return m_web; }
   Controller& controller() { return m_controller; }
+  Cloud& cloud() { return m_cloud; }
   Daemon& daemon() { return m_daemon; }
   /// Only of a station that has chips.
   Chips& chips() { return *m_chips; }
@@ -89,6 +91,7 @@ class Station {
   Panel m_panel;
   WebServer m_web;
   Controller m_controller;
+  Cloud m_cloud;
   std::unique_ptr<Chips> m_chips;
   Daemon m_daemon;
   std::unique_ptr<Stick> m_stick;

@@ -8,7 +8,7 @@
 namespace station {
 
 WebServer::WebServer(const Bus& bus)
-    : m_bus(bus),
+    : Requests(bus, "org.UpgradeWebRequest_Method.interface", "upgrade_web_dbus_method_notify"),
       m_listener(bus.Address(), "org.WebSRV_Signal.interface", "websrv_dbus_signal_report",
                  [this](const std::string& text) { Add(text); }) {}
 
@@ -31,15 +31,7 @@ std::optional<Envelope> WebServer::RequestUpgrade(const std::string& fileName,
   if (checkVersion) {
     property["checkVersion"] = *checkVersion;
   }
-  return Request(MakeRequest(++m_snr, kUpgrade, property));
-}
-
-std::optional<Envelope> WebServer::Request(const std::string& text) {
-  constexpr std::chrono::seconds kLimit(10);
-  const std::optional<std::string> reply =
-      m_bus.Call("/org/Upgread/object", "org.UpgradeWebRequest_Method.interface",
-                 "upgrade_web_dbus_method_notify", text, kLimit);
-  return reply ? std::optional<Envelope>(ParseEnvelope(*reply)) : std::nullopt;
+  return Request(kUpgrade, property);
 }
 
 }  // namespace station

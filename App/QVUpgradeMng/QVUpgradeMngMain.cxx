@@ -28,6 +28,8 @@
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/UpgradePaths.h"
+#include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 #include "UpgradePp/UpgradePp.h"
 
@@ -44,9 +46,6 @@ constexpr const char* kProgramVersion = "V1.1.6.00";
 constexpr const char* kBuildType = ", BuildType:Debug";
 constexpr const char* kBusName = "org.Upgread.server";
 constexpr const char* kLogDirectory = "/firmware/log/QVUpgradeMng";
-constexpr const char* kOtaHostFile = "/qv_data/config/upgradeOtaPath.json";
-constexpr const char* kHostKey = "host";
-constexpr const char* kHostSetKey = "web_or_oled_set_flag";
 constexpr char kBannerFormat[] = "[QVUpgradeMng] Version:%s  Build Date: %s %s, Uptime: %lu ms ****";
 constexpr uint32_t kExitPollMs = 100;
 
@@ -117,10 +116,11 @@ void InitSignals() {
 
 void AppWirtOTAHost() {
   Json::Value content(Json::objectValue);
-  content[kHostKey] = m_appHostName;
-  content[kHostSetKey] = 1;
+  content[UpgradePaths::kOtaHostKey] = m_appHostName;
+  content[UpgradePaths::kOtaHostSetKey] = 1;
   LOGI("AppWirtOTAHost m_appHostName:%s", m_appHostName.c_str());
-  if (!JsonUtils::WriteFileToJson(kOtaHostFile, content, true)) LOGE("cannot write %s", kOtaHostFile);
+  if (!JsonUtils::WriteFileToJson(UpgradePaths::kOtaHostFile, content, true))
+    LOGE("cannot write %s", UpgradePaths::kOtaHostFile);
   QVUpgradeTool::ExecCommand("sync");
 }
 
@@ -128,18 +128,18 @@ void AppWirtOTAHost() {
 void AppReadOTAHost() {
   LOGI("AppReadOTAHost 11111111111111111");
   struct stat info {};
-  if (stat(kOtaHostFile, &info) != 0) {
-    LOGI("AppReadOTAHost %s not exist", kOtaHostFile);
+  if (stat(UpgradePaths::kOtaHostFile, &info) != 0) {
+    LOGI("AppReadOTAHost %s not exist", UpgradePaths::kOtaHostFile);
     return;
   }
   Json::Value content;
-  if (!S_ISREG(info.st_mode) || !JsonUtils::ReadFileToJson(kOtaHostFile, content)) return;
+  if (!S_ISREG(info.st_mode) || !JsonUtils::ReadFileToJson(UpgradePaths::kOtaHostFile, content)) return;
   int flag = 0;
-  if (JsonUtils::GetInt(content, kHostSetKey, flag)) {
+  if (JsonUtils::GetInt(content, UpgradePaths::kOtaHostSetKey, flag)) {
     LOGI("AppReadOTAHost web_or_oled_set_flag  exist");
     return;
   }
-  if (!JsonUtils::GetString(content, kHostKey, m_appHostName)) return;
+  if (!JsonUtils::GetString(content, UpgradePaths::kOtaHostKey, m_appHostName)) return;
   LOGI("AppReadOTAHost before file host:%s", m_appHostName.c_str());
   if (m_appHostName == BackendHosts::kBrandPrerelease) {
     m_appHostName = BackendHosts::kBrandProduction;
@@ -183,8 +183,6 @@ int main(int /*argc*/, char* /*argv*/[]) {
 
 namespace {
 
-constexpr const char* kDeviceId = "RRU01";
-constexpr const char* kProductCode = "K9031";
 constexpr const char* kErrorRecordDirectory = "/firmware/log/";
 
 void AppInit() {
@@ -199,10 +197,10 @@ void AppInit() {
   SysCtrlIpc::instance()->SetReports(reports);
   DebugCommands::Register();
   UpgradeIpcMsg::GetUpgradeIpc()->Init();
-  if (UpgradePp::instance()->Init(kDeviceId)) {
+  if (UpgradePp::instance()->Init(DeviceIdentity::kDeviceId)) {
     QVUpgradeAccessFrame::getAccessFrame()->SetPpImportCallback(UpgradePp::instance()->GetImportCallback());
   }
-  ErrorNum::instance()->Init(kProductCode, kErrorRecordDirectory);
+  ErrorNum::instance()->Init(DeviceIdentity::kProductCode, kErrorRecordDirectory);
 }
 
 void AppCleanUp() {

@@ -18,9 +18,10 @@ namespace {
 
 // Path prefixes from the ground up. The last prefix that matches a path decides its floor, so that a folder's
 // exceptions stand behind it.
-constexpr std::array<std::pair<const char*, int>, 19> kFloors = {{
+constexpr std::array<std::pair<const char*, int>, 20> kFloors = {{
     {"PlatformSDK/Include/", 0},
     {"PlatformSDK/BSW/", 4},
+    {"PlatformSDK/Backend/", 4},
     {"PlatformSDK/BSW/BasicFun/", 1},
     {"PlatformSDK/BSW/MultiTask/", 2},
     {"PlatformSDK/BSW/Log/", 3},

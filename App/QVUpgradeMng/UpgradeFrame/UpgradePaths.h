@@ -22,6 +22,11 @@ inline constexpr const char* kManifestName = "version.json";
 /// Installed versions, below a partition root.
 inline constexpr const char* kVersionFile = "/quorvalen/version.json";
 
+/// Holds the base URL of the cloud backend, and a flag when that was set on purpose.
+inline constexpr const char* kOtaHostFile = "/qv_data/config/upgradeOtaPath.json";
+inline constexpr const char* kOtaHostKey = "host";
+inline constexpr const char* kOtaHostSetKey = "web_or_oled_set_flag";
+
 }  // namespace UpgradePaths
 
 /// Stops the panel's display watchdog, so that it does not interfere with the reboot that follows.

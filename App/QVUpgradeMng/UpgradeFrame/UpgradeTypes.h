@@ -78,5 +78,11 @@ struct AllVersion {
   QVUpgradeVersionInfo m_SubmodulesVer;  ///< installed
 };
 
+/// Who this device is to the cloud backend and in its records.
+namespace DeviceIdentity {
+inline constexpr const char* kProductCode = "K9031";
+inline constexpr const char* kDeviceId = "RRU01";
+}  // namespace DeviceIdentity
+
 /// A version that is absent, in records and in panel messages.
 inline constexpr const char* kNoVersion = "V0.0.0.00";

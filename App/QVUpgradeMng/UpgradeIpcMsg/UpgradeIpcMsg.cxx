@@ -56,6 +56,10 @@ bool UpgradeIpcMsg::SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code) {
   return m_PUi->SendMsg(code);
 }
 
+bool UpgradeIpcMsg::SendOtaMsg(DeviceUpgradeUIIPC::DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload) {
+  return m_PUi->SendOta(cmd, payload);
+}
+
 void UpgradeIpcMsg::SwitchWebReport(bool on) {
   m_PUi->SwitchWebReport(on);
 }

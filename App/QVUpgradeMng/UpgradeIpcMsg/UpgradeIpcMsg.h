@@ -29,6 +29,8 @@ class UpgradeIpcMsg {
   bool SendUIVsersion(const Json::Value& versions);
   bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code, const Json::Value& payload);
   bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code);
+  /// What a cloud request led to, to the panel and the web server; see DeviceUpgradeUIIPC::SendOta.
+  bool SendOtaMsg(DeviceUpgradeUIIPC::DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload);
   /// While on, progress goes to the web server as well.
   void SwitchWebReport(bool on);
   /// Queues a message to the system controller; false when its queue is full. See SysCtrlIpc::AddMsg.

@@ -2,7 +2,30 @@
 /// that runs a command of the device.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <string>
+
+#include "BSW/BasicFun/JsonUtils.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/AccessMng/RequestedSource.h"
+
+/// The text of a request.
+inline std::string RequestText(int cmd, const std::string& propertyData = "null") {
+  return R"({"InterfaceName":"UpgradeRequest","InterfaceType":"request","Snr":41,"Data":{"Cmd":)" +
+         std::to_string(cmd) + R"(,"PropertyData":)" + propertyData + "}}";
+}
+
+/// What `source` answers to it.
+inline Json::Value Ask(RequestedSource& source, const std::string& text) {
+  Json::Value reply;
+  std::string error;
+  EXPECT_TRUE(JsonUtils::Parse(source.HandleRequest(text), reply, error)) << error;
+  EXPECT_EQ(reply["InterfaceType"], "response");
+  EXPECT_EQ(reply["InterfaceName"], "UpgradeRequest");
+  return reply;
+}
 
 /// A fresh state of the process's one access frame, before and after each test.
 class AccessState {

@@ -11,7 +11,6 @@
 
 #include "../PlatformSDK/TempDirectory.h"
 #include "AccessTestSupport.h"
-#include "BSW/BasicFun/JsonUtils.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessUdisk.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessWebs.h"
 
@@ -20,19 +19,8 @@ namespace {
 /// A web source that listens to nobody: requests come from the test.
 class WebsTest : public testing::Test {
  protected:
-  Json::Value Ask(const std::string& text) {
-    Json::Value reply;
-    std::string error;
-    EXPECT_TRUE(JsonUtils::Parse(m_webs.HandleRequest(text), reply, error)) << error;
-    EXPECT_EQ(reply["InterfaceType"], "response");
-    EXPECT_EQ(reply["InterfaceName"], "UpgradeRequest");
-    return reply;
-  }
   int AskFor(const std::string& propertyData) {
-    return Ask(R"({"InterfaceName":"UpgradeRequest","InterfaceType":"request","Snr":41,"Data":{"Cmd":100,)"
-               R"("PropertyData":)" +
-               propertyData + "}}")["Data"]["ErrorCode"]
-        .asInt();
+    return Ask(m_webs, RequestText(100, propertyData))["Data"]["ErrorCode"].asInt();
   }
   std::string Upload(const std::string& name) {
     std::string path = m_directory / name;
@@ -55,13 +43,12 @@ TEST_F(WebsTest, TakesOneUploadAtATime) {
 }
 
 TEST_F(WebsTest, RepeatsNumberAndCommandOfABadRequest) {
-  const Json::Value reply =
-      Ask(R"({"InterfaceName":"UpgradeRequest","InterfaceType":"request","Snr":41,"Data":{"Cmd":99}})");
+  const Json::Value reply = Ask(m_webs, RequestText(99));
   EXPECT_EQ(reply["Snr"], 41);
   EXPECT_EQ(reply["Data"]["Cmd"], 99);
   EXPECT_EQ(reply["Data"]["ErrorCode"], 1);
   EXPECT_TRUE(reply["Data"]["PropertyData"]["ErrorMsg"].isString());
-  EXPECT_EQ(Ask("no json")["Data"]["ErrorCode"], 1);
+  EXPECT_EQ(Ask(m_webs, "no json")["Data"]["ErrorCode"], 1);
 }
 
 TEST_F(WebsTest, CallsHostileFileNamesMalformed) {

@@ -23,6 +23,12 @@ constexpr std::string_view kZipExtension = ".zip";
 /// Which of the fields between the "_" of a name is the software version.
 constexpr size_t kSoftVersionField = 3;
 
+/// True for a name that has more to it than `extension`.
+bool EndsIn(const std::string& fileName, std::string_view extension) {
+  return fileName.size() > extension.size() &&
+         fileName.compare(fileName.size() - extension.size(), extension.size(), extension) == 0;
+}
+
 }  // namespace
 
 const char* Pattern(UPGRADEACCESSTYPE source, const std::string& fileName) {
@@ -48,8 +54,16 @@ std::string SoftVersion(const std::string& fileName) {
 }
 
 bool IsZip(const std::string& fileName) {
-  return fileName.size() > kZipExtension.size() &&
-         fileName.compare(fileName.size() - kZipExtension.size(), kZipExtension.size(), kZipExtension) == 0;
+  return EndsIn(fileName, kZipExtension);
+}
+
+bool IsUnfinished(const std::string& path) {
+  return EndsIn(path, kUnfinishedExtension);
+}
+
+bool IsDownloadName(const std::string& fileName) {
+  return IsZip(fileName) && IsPlainFileName(fileName) && fileName.front() != '.' &&
+         ShellQuote(fileName) == fileName;
 }
 
 }  // namespace PackageName

@@ -21,4 +21,12 @@ std::string SoftVersion(const std::string& fileName);
 /// True when the name ends in ".zip", which decides how the unpacker reads a file.
 bool IsZip(const std::string& fileName);
 
+/// What the names of a download and of its records end in until all of it has arrived.
+inline constexpr const char* kUnfinishedExtension = ".part";
+/// True for the path of an unfinished download or of one of its records.
+bool IsUnfinished(const std::string& path);
+/// True for a name under which the cloud's package may be stored beside the others: that of a zip, without a
+/// directory or a wildcard, and not hidden.
+bool IsDownloadName(const std::string& fileName);
+
 }  // namespace PackageName

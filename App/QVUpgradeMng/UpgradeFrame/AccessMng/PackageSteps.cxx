@@ -1,6 +1,8 @@
 /// The steps. Every name that reaches a command line is quoted here or where the command is built.
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
 
+#include <sys/types.h>
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -32,15 +34,53 @@ bool Unpack(const std::string& archive, const std::string& directory) {
   return true;
 }
 
-void ClearDownloads(const std::string& archive) {
-  constexpr const char* kUnfinished = ".part";
+namespace {
+
+constexpr mode_t kDownloadMode = 0755;
+
+/// Calls `handle` with the path of everything in the download directory.
+template <class Handle>
+void ForEachDownload(Handle handle) {
   std::error_code error;
   for (std::filesystem::directory_iterator at(UpgradePaths::kDownload, error), end; !error && at != end;
        at.increment(error)) {
-    const std::string path = at->path();
-    if (path != archive && at->path().extension() != kUnfinished && !XRemoveDirectory(path)) {
+    handle(at->path().string());
+  }
+}
+
+/// Removes everything from the download directory but what `keep` holds for.
+template <class Keep>
+void ClearDownloadDirectory(Keep keep) {
+  ForEachDownload([&keep](const std::string& path) {
+    if (!keep(path) && !XRemoveDirectory(path)) {
       LOGE("cannot remove %s: %s", path.c_str(), std::strerror(errno));
     }
+  });
+}
+
+}  // namespace
+
+void ClearDownloads(const std::string& archive) {
+  ClearDownloadDirectory(
+      [&](const std::string& path) { return path == archive || PackageName::IsUnfinished(path); });
+}
+
+void ClearOtherDownloads(const std::string& archive) {
+  ClearDownloadDirectory([&](const std::string& path) {
+    const bool isItsOwn = path.compare(0, archive.size(), archive) == 0;
+    return isItsOwn && (path == archive || PackageName::IsUnfinished(path)) && IsRegularFileItself(path);
+  });
+}
+
+bool HasUnfinishedDownload() {
+  bool found = false;
+  ForEachDownload([&found](const std::string& path) { found = found || PackageName::IsUnfinished(path); });
+  return found;
+}
+
+void CreateDownloadDirectory() {
+  if (!XCreateFullPathDir(UpgradePaths::kDownload, kDownloadMode)) {
+    LOGE("cannot create %s: %s", UpgradePaths::kDownload, std::strerror(errno));
   }
 }
 

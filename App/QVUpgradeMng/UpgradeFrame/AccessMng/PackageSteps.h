@@ -20,6 +20,12 @@ bool Unpack(const std::string& archive, const std::string& directory);
 /// Removes what earlier packages left where web packages are unpacked, all but `archive` and unfinished
 /// downloads.
 void ClearDownloads(const std::string& archive);
+/// Before the download of `archive` needs the space: removes these and the unfinished downloads of other
+/// packages, and whatever stands in the way of its own.
+void ClearOtherDownloads(const std::string& archive);
+bool HasUnfinishedDownload();
+/// Creates the directory of web packages and downloads; a failure is logged.
+void CreateDownloadDirectory();
 
 /// True for a regular file, not for a symbolic link to one.
 bool IsRegularFileItself(const std::string& path);

@@ -492,7 +492,8 @@ bool QVUpgradeAccessBase::_MovePages() {
 
 void QVUpgradeAccessBase::_SetSmpAffinityToCpu0(bool change) {
   LOGI("djh _SetSmpAffinityToCpu0 bChange:%d", static_cast<int>(change));
-  Run(change ? kFreeAffinityCommand : kPinnedAffinityCommand);
+  const int result = change ? Run(kFreeAffinityCommand) : QVUpgradeTool::ExecCommand(kPinnedAffinityCommand);
+  if (result != 0) LOGE("interrupts cannot be moved: %d", result);
 }
 
 void QVUpgradeAccessBase::_ReportStatus(int status) {

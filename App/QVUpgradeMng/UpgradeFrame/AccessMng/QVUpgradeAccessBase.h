@@ -14,8 +14,9 @@
 /// taken.
 using START_UPGRADE_CALLBACK = int (*)(int accessType, void* userData);
 
-/// No data of its own. Once the calling thread was asked to stop, no step starts a further command, and a
-/// step that was cut short gives a failure without reporting it and without a reboot.
+/// No data of its own. Once the calling thread was asked to stop, no step starts a further command but the
+/// pinning of interrupts, and a step that was cut short gives a failure without reporting it and without a
+/// reboot.
 class QVUpgradeAccessBase {
  public:
   enum RetType {
@@ -56,8 +57,8 @@ class QVUpgradeAccessBase {
   /// unit.
   bool MovePack();
 
-  /// Pins the interrupts of radio and audio to their usual cores, or, with `change`, frees them for all
-  /// cores.
+  /// Pins the interrupts of radio and audio to their usual cores, or, with `change`, frees them for all cores
+  /// while the network needs them. They are pinned even when the calling thread was asked to stop.
   static void _SetSmpAffinityToCpu0(bool change);
 
   /// Sends a status of the base station to the panel.

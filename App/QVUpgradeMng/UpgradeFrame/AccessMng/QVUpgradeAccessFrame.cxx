@@ -7,6 +7,7 @@
 
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/Log/CLog.h"
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessOTA.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessSource.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessUdisk.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessWebs.h"
@@ -50,14 +51,14 @@ int QVUpgradeAccessFrame::Init(QVUpgradeFrameBase* frame) {
   m_currptten = frame->getCurrentPatten() + UpgradePaths::kVersionFile;
   m_pUdiskAccess = std::make_unique<QVUpgradeAccessUdisk>();
   m_pWebsAccess = std::make_unique<QVUpgradeAccessWebs>();
-  m_pUdiskAccess->RegisterUploadPrecentCallback(AccessCallback, this);
-  m_pWebsAccess->RegisterUploadPrecentCallback(AccessCallback, this);
+  m_pOTAAccess = std::make_unique<QVUpgradeAccessOTA>(frame);
+  for (QVUpgradeAccessSource* source : _Sources())
+    source->RegisterUploadPrecentCallback(AccessCallback, this);
   m_startUpgrade = false;
   _ReadVersionToFile();
 
   // Only now, so that no event meets a record that has not been read.
-  _StartAccess(m_pUdiskAccess.get());
-  _StartAccess(m_pWebsAccess.get());
+  for (QVUpgradeAccessSource* source : _Sources()) _StartAccess(source);
   frame->setAccess(this);
   if (!m_taskQue.Post([frame] { frame->LoadVersion(); })) LOGE("cannot load the versions");
   return 0;
@@ -69,15 +70,21 @@ bool QVUpgradeAccessFrame::_StartAccess(QVUpgradeAccessSource* source) {
 }
 
 void QVUpgradeAccessFrame::RequestStop() {
-  if (m_pUdiskAccess != nullptr) m_pUdiskAccess->RequestStop();
-  if (m_pWebsAccess != nullptr) m_pWebsAccess->RequestStop();
+  for (QVUpgradeAccessSource* source : _Sources()) source->RequestStop();
   m_taskQue.DestroyThread(true, false);
 }
 
 void QVUpgradeAccessFrame::CleanUp() {
-  if (m_pUdiskAccess != nullptr) m_pUdiskAccess->CleanUp();
-  if (m_pWebsAccess != nullptr) m_pWebsAccess->CleanUp();
+  for (QVUpgradeAccessSource* source : _Sources()) source->CleanUp();
   m_taskQue.DestroyThread(true, true);
+}
+
+std::vector<QVUpgradeAccessSource*> QVUpgradeAccessFrame::_Sources() const {
+  std::vector<QVUpgradeAccessSource*> sources;
+  for (const auto* source : {&m_pUdiskAccess, &m_pWebsAccess, &m_pOTAAccess}) {
+    if (*source != nullptr) sources.push_back(source->get());
+  }
+  return sources;
 }
 
 int QVUpgradeAccessFrame::AccessCallback(int accessType, void* self) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "BSW/MultiTask/CTaskQue.h"
 #include "UpgradeFrame/IUpgradeAccess.h"
@@ -45,6 +46,7 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   /// when it ends without a start; after a start it is kept until the reboot.
   bool TryClaim();
   void ReleaseClaim();
+  bool IsClaimed() const { return m_bClaimed; }
 
   bool GetStartUpgrade() const { return m_startUpgrade; }
   void setmStartUpgrade(bool started) override { m_startUpgrade = started; }
@@ -83,6 +85,8 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   int _NotfiCationUpgrade(int accessType);
   /// Starts a source. Always true: the daemon works with the sources that can start.
   static bool _StartAccess(QVUpgradeAccessSource* source);
+  /// The sources that were created, in the order in which they start and stop.
+  std::vector<QVUpgradeAccessSource*> _Sources() const;
   /// Writes the installed versions into the running partition's file and keeps its "otaList". m_versionMutex
   /// is held.
   bool _WriteVersionToFile(const AllVersion& versions);
@@ -94,6 +98,7 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   std::atomic<bool> m_bLimited{true};
   std::unique_ptr<QVUpgradeAccessSource> m_pUdiskAccess;
   std::unique_ptr<QVUpgradeAccessSource> m_pWebsAccess;
+  std::unique_ptr<QVUpgradeAccessSource> m_pOTAAccess;
   std::mutex m_upgradeTypeNameMutx;  ///< guards m_iBattery and m_upgradeTypeName
   UpgradeTypeNames m_upgradeTypeName;
   std::mutex m_versionMutex;  ///< guards m_allVersion and the version file

@@ -33,12 +33,16 @@ const QVUpgradeAccessSource::Table QVUpgradeAccessSource::m_MapStateMachineFunc 
 };
 
 std::string QVUpgradeAccessSource::_IdleState() {
-  return _WaitForPackage() ? kPreprocess : kIdle;
+  if (!_WaitForPackage()) return kIdle;
+  m_bReported = false;
+  return _FetchPackage() ? kPreprocess : kFaild;
 }
 
 std::string QVUpgradeAccessSource::_Preprocess() {
-  m_bReported = _RefuseLowBattery();
-  if (m_bReported) return kFaild;
+  if (_RefuseLowBattery()) {
+    m_bReported = true;
+    return kFaild;
+  }
   _SetSmpAffinityToCpu0(false);
   if (!_UnpackPackage()) return kFaild;
   QVUpgradeAccessFrame::getAccessFrame()->setUpgradeType(m_accessType);
@@ -68,10 +72,14 @@ std::string QVUpgradeAccessSource::_CheckState() {
 }
 
 std::string QVUpgradeAccessSource::_NotifyState() {
-  if (m_callback && m_callback.pCbFun(m_accessType, m_callback.pContext) == 0) return kSuccess;
+  if (_StartFrame()) return kSuccess;
   LOGE("notify error try agian");
   Pause(kNotifyRetryPauseMs);
   return kNotify;
+}
+
+bool QVUpgradeAccessSource::_StartFrame() {
+  return m_callback && m_callback.pCbFun(m_accessType, m_callback.pContext) == 0;
 }
 
 // The frame has the package now: the claim stays until the unit reboots.

@@ -21,7 +21,7 @@ class QVUpgradeAccessSource : public StateMachine<QVUpgradeAccessSource>, public
   /// Asks the source to stop and returns at once. A command that runs is let finish; no further one starts.
   void RequestStop();
   /// Ends listening and joins the thread. Every derived destructor calls it.
-  void CleanUp();
+  virtual void CleanUp();
 
  protected:
   QVUpgradeAccessSource(const char* threadName, UPGRADEACCESSTYPE accessType);
@@ -32,7 +32,12 @@ class QVUpgradeAccessSource : public StateMachine<QVUpgradeAccessSource>, public
   /// Waits in "Idle". True: a package is there and claimed; false: none after all, or the thread was asked to
   /// stop.
   virtual bool _WaitForPackage() = 0;
+  /// Brings a package that is still elsewhere onto the disk. False: it ends here, as a failure unless
+  /// reported.
+  virtual bool _FetchPackage() { return true; }
   virtual bool _UnpackPackage() = 0;
+  /// Hands the prepared package to the frame; false while the frame does not take it.
+  virtual bool _StartFrame();
   /// The package ended without a start; its claim is given back afterwards.
   virtual void _PackageEnded() {}
 
@@ -42,6 +47,8 @@ class QVUpgradeAccessSource : public StateMachine<QVUpgradeAccessSource>, public
   static bool _RefuseLowBattery();
 
   void _ReportStatus(int status) override;
+
+  const UPGRADEACCESSTYPE m_accessType;
 
  private:
   std::string _IdleState();
@@ -53,7 +60,6 @@ class QVUpgradeAccessSource : public StateMachine<QVUpgradeAccessSource>, public
   void _EndWithoutStart();
 
   static const Table m_MapStateMachineFunc;
-  const UPGRADEACCESSTYPE m_accessType;
   bool m_bListening = false;  ///< main's thread only
   bool m_bReported = false;   ///< the panel knows how the package ended; source's thread only
   CCallbackInfo<START_UPGRADE_CALLBACK> m_callback;

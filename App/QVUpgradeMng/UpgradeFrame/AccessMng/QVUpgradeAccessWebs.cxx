@@ -1,35 +1,21 @@
-/// Web requests and their answers. The web server relies on the names, codes and order of the checks here.
+/// The web server's one command, and the package that it names.
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessWebs.h"
 
-#include <sys/types.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <utility>
 #include <vector>
 
-#include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
-#include "BSW/Dbus/CDbusHandler.h"
-#include "BSW/Log/CLog.h"
 #include "UpgradeFrame/AccessMng/PackageName.h"
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeFrame/UpgradePaths.h"
-#include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 
 namespace {
 
-constexpr const char* kObject = "/org/Upgread/object";
 constexpr const char* kInterface = "org.UpgradeWebRequest_Method.interface";
 constexpr const char* kMethod = "upgrade_web_dbus_method_notify";
-
-constexpr const char* kRequestInterfaceName = "UpgradeRequest";
 constexpr int kCmdUpgrade = 100;
-
-constexpr mode_t kDownloadMode = 0755;
 
 /// True for an absolute path without empty, "." or ".." parts: it means what it says.
 bool IsPlainAbsolutePath(const std::string& path) {
@@ -41,63 +27,28 @@ bool IsPlainAbsolutePath(const std::string& path) {
 
 }  // namespace
 
-std::atomic<QVUpgradeAccessWebs*> QVUpgradeAccessWebs::m_pListening{nullptr};
-
-QVUpgradeAccessWebs::QVUpgradeAccessWebs() : QVUpgradeAccessSource("AccessWebs", UP_WEBS) {}
+QVUpgradeAccessWebs::QVUpgradeAccessWebs()
+    : RequestedSource("AccessWebs", UP_WEBS, {kInterface, kMethod, ForwardTo<UP_WEBS>, "web"}) {}
 
 QVUpgradeAccessWebs::~QVUpgradeAccessWebs() {
   CleanUp();
 }
 
 bool QVUpgradeAccessWebs::_Listen() {
-  if (!XCreateFullPathDir(UpgradePaths::kDownload, kDownloadMode)) {
-    LOGE("cannot create %s: %s", UpgradePaths::kDownload, std::strerror(errno));
-  }
-  m_pListening = this;
-  const auto onRequest = [](const std::string& text) {
-    QVUpgradeAccessWebs* listening = m_pListening;
-    return listening != nullptr ? listening->HandleRequest(text) : std::string();
-  };
-  return CDbusHandler::instance()->RegisteredServices(kObject, kInterface, kMethod, onRequest, false);
+  PackageSteps::CreateDownloadDirectory();
+  return RequestedSource::_Listen();
 }
 
-void QVUpgradeAccessWebs::_Unlisten() {
-  CDbusHandler::instance()->UnRegisteredServices(kObject, kInterface, kMethod);
-  m_pListening = nullptr;
-}
-
-std::string QVUpgradeAccessWebs::HandleRequest(const std::string& text) {
-  LOGI("webRequest:%s", text.c_str());
-  IpcEnvelope::Request request;
-  const Answer answer = _Accept(text, request);
-  Json::Value payload;
-  if (answer.code != REPLY_ACCEPTED) payload["ErrorMsg"] = answer.message;
-  std::string reply =
-      JsonUtils::ToCompactText(IpcEnvelope::Make(kRequestInterfaceName, IpcEnvelope::kTypeResponse,
-                                                 request.snr, request.cmd, answer.code, std::move(payload)));
-  LOGI("webReply:%s", reply.c_str());
-  return reply;
-}
-
-QVUpgradeAccessWebs::Answer QVUpgradeAccessWebs::_Accept(const std::string& text,
-                                                         IpcEnvelope::Request& request) {
+RequestedSource::Answer QVUpgradeAccessWebs::_Accept(const IpcEnvelope::Request& request) {
   Upload upload;
-  if (!IpcEnvelope::ParseRequest(text, kRequestInterfaceName, request) || request.cmd != kCmdUpgrade ||
-      !_ParseUpload(request.propertyData, upload)) {
-    return {REPLY_MALFORMED, "malformed request"};
-  }
-  if (!_Claim()) return {REPLY_BUSY, "an upgrade is under way"};
-
-  const bool batteryLow = _RefuseLowBattery();
-  if (batteryLow || !PackageSteps::IsRegularFileItself(upload.archive)) {
-    QVUpgradeAccessFrame::getAccessFrame()->ReleaseClaim();
-    return {REPLY_REFUSED, batteryLow ? "battery too low" : "no such package file"};
-  }
-  UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(true);
-  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
-  m_newUpload = std::move(upload);
-  m_stateCond.notify_all();
-  return {REPLY_ACCEPTED, ""};
+  if (request.cmd != kCmdUpgrade || !_ParseUpload(request.propertyData, upload)) return _Malformed();
+  return _AcceptPackage([&]() -> Answer {
+    if (!PackageSteps::IsRegularFileItself(upload.archive)) return {REPLY_REFUSED, "no such package file"};
+    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+    m_newUpload = std::move(upload);
+    m_stateCond.notify_all();
+    return {};
+  });
 }
 
 bool QVUpgradeAccessWebs::_ParseUpload(const Json::Value& propertyData, Upload& upload) {
@@ -122,8 +73,4 @@ bool QVUpgradeAccessWebs::_WaitForPackage() {
 
 bool QVUpgradeAccessWebs::_UnpackPackage() {
   return UnpackWebAndOTA(UP_WEBS, m_upload.archive, m_upload.checkVersion);
-}
-
-void QVUpgradeAccessWebs::_PackageEnded() {
-  UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(false);
 }

@@ -46,11 +46,7 @@ bool DeviceUpgradeUIIPC::SendPrecent(int status, int percent, const Json::Value&
   if (percent == kWholePercent && type == DataDef::EM_UPG_RRU) payload["softVersion"] = version;
 
   const bool sent = _Send(UPGRADE_STATUS, payload);
-  if (m_bWebReport) {
-    const std::string text = JsonUtils::ToCompactText(_MakeDataHeader(UPGRADE_STATUS, std::move(payload)));
-    LOGI("sendWebMsg:%s", text.c_str());
-    SendTo(kWebServer, text);
-  }
+  if (m_bWebReport) _SendWeb(UPGRADE_STATUS, payload);
   return sent;
 }
 
@@ -66,10 +62,22 @@ bool DeviceUpgradeUIIPC::SendMsg(const CmdCodeType& code) {
   return _Send(code, Json::Value());
 }
 
+bool DeviceUpgradeUIIPC::SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload) {
+  const bool sent = _Send(cmd, payload);
+  _SendWeb(cmd, payload);
+  return sent;
+}
+
 bool DeviceUpgradeUIIPC::_Send(int cmd, const Json::Value& payload) {
   const std::string text = JsonUtils::ToCompactText(_MakeDataHeader(cmd, payload));
   LOGI("sendUiMsg:%s", text.c_str());
   return SendTo(kPanel, text);
+}
+
+void DeviceUpgradeUIIPC::_SendWeb(int cmd, const Json::Value& payload) {
+  const std::string text = JsonUtils::ToCompactText(_MakeDataHeader(cmd, payload));
+  LOGI("sendWebMsg:%s", text.c_str());
+  SendTo(kWebServer, text);
 }
 
 Json::Value DeviceUpgradeUIIPC::_MakeDataHeader(int cmd, Json::Value payload) {

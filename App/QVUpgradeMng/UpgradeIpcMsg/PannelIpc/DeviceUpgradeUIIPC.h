@@ -1,5 +1,5 @@
-/// Builds and sends the messages to the UI panel, and the same progress to the web server while one of its
-/// packages is under way. Owned by UpgradeIpcMsg, through which everybody sends.
+/// Builds and sends the messages to the UI panel, and the same progress to the web server while a package of
+/// its own or of the cloud is under way. Owned by UpgradeIpcMsg, through which everybody sends.
 #pragma once
 
 #include <json/json.h>
@@ -22,6 +22,7 @@ enum UiUpgradeStatus {
   UI_STATUS_UPGRADING = 2,
   UI_STATUS_SAME_VERSION = 3,
   UI_STATUS_NO_TASK = 4,
+  UI_STATUS_DOWNLOADING = 5,
 };
 
 /// Any thread may call any member. Each send logs the message and gives the bus handler's result.
@@ -32,6 +33,14 @@ class DeviceUpgradeUIIPC {
     EM_CODE_REP_BATTERY_LOW = 101,
     EM_CODE_REP_MODULE_UPG_EXCEPTION = 300,
   };
+  /// Codes of the panel's other messages and of the cloud requests, as the panel's own list calls them.
+  enum DEBUG_UPGRADE_CMD_UI {
+    UPGRADE_STATUS = 100,
+    UPGRADE_SEND_VERSION = 200,
+    UPGRADE_OTA_QUERY = 500,
+    UPGRADE_OTA_START = 501,
+    UPGRADE_UI_GET_VERSION = 502,  ///< only ever received
+  };
 
   bool Init();
   /// Progress: `percent` 0 to 100; `version` is sent with 100 % of the base station alone.
@@ -39,18 +48,15 @@ class DeviceUpgradeUIIPC {
   bool SendVersion(const Json::Value& versions);
   bool SendMsg(const CmdCodeType& code, const Json::Value& payload);
   bool SendMsg(const CmdCodeType& code);
+  /// What a cloud request led to: to the panel, and always to the web server too.
+  bool SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload);
 
   /// While on, every progress report goes to the web server too.
   void SwitchWebReport(bool on) { m_bWebReport = on; }
 
  private:
-  /// Codes of the panel's other messages; the panel's own list calls them DEBUG_UPGRADE_CMD_UI.
-  enum DEBUG_UPGRADE_CMD_UI {
-    UPGRADE_STATUS = 100,
-    UPGRADE_SEND_VERSION = 200,
-  };
-
   bool _Send(int cmd, const Json::Value& payload);
+  static void _SendWeb(int cmd, const Json::Value& payload);
   static Json::Value _MakeDataHeader(int cmd, Json::Value payload);
   static int _MakeSnrNumber();
 

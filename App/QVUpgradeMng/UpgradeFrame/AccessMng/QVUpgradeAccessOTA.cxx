@@ -1,0 +1,245 @@
+/// A cloud package's way from the request to the unpacked page. The claim, and the reports to the web server,
+/// last from the accepted request until the package ends or the unit reboots.
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessOTA.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/Log/CLog.h"
+#include "UpgradeFrame/AccessMng/OtaOffer.h"
+#include "UpgradeFrame/AccessMng/PackageName.h"
+#include "UpgradeFrame/AccessMng/PackageSteps.h"
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/QVUpgradeFrameBase.h"
+#include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeIpcMsg/UpgradeIpcMsg.h"
+
+namespace {
+
+using Quorvalen::DownloadTask;
+using Quorvalen::PackageInfo;
+using Quorvalen::QueryResult;
+
+constexpr const char* kInterface = "org.Upgrade_OTA_Request_Method.interface";
+constexpr const char* kMethod = "upgrade_ota_dbus_signal_notify";
+
+constexpr std::chrono::seconds kProgressInterval(1);
+constexpr int kWholePercent = 100;
+
+std::string ReadHost(const std::string& file) {
+  Json::Value content;
+  return JsonUtils::ReadFileToJson(file, content)
+             ? JsonUtils::StringOr(content, UpgradePaths::kOtaHostKey, "")
+             : std::string();
+}
+
+void ReportStart(const char* state, const std::string& error) {
+  Json::Value payload(Json::objectValue);
+  payload["State"] = state;
+  payload["ErrorMsg"] = error;
+  UpgradeIpcMsg::GetUpgradeIpc()->SendOtaMsg(DeviceUpgradeUIIPC::UPGRADE_OTA_START, payload);
+}
+
+bool HasEnded(const DownloadTask::Status& status) {
+  return status.state == DownloadTask::State::Done || status.state == DownloadTask::State::Failed ||
+         status.state == DownloadTask::State::Cancelled;
+}
+
+std::string SpaceShortage(const std::string& archive, uint64_t size) {
+  partition_usage_t usage;
+  if (!QVUpgradeTool::getPartitionUserSize(UpgradePaths::kDownload, &usage))
+    return "the free space is unknown";
+  const int64_t present = std::max(
+      {XGetFileSize(archive), XGetFileSize(archive + PackageName::kUnfinishedExtension), int64_t{0}});
+  return OtaOffer::SpaceShortage(size, static_cast<uint64_t>(present), usage.available_bytes);
+}
+
+}  // namespace
+
+QVUpgradeAccessOTA::QVUpgradeAccessOTA(QVUpgradeFrameBase* frame, std::string hostFile)
+    : RequestedSource("AccessOTA", UP_OTA, {kInterface, kMethod, ForwardTo<UP_OTA>, "ota"}),
+      m_pFrame(frame),
+      m_hostFile(std::move(hostFile)) {}
+
+QVUpgradeAccessOTA::~QVUpgradeAccessOTA() {
+  CleanUp();
+}
+
+bool QVUpgradeAccessOTA::_Listen() {
+  // A download that a crash cut short has left the interrupts free.
+  if (PackageSteps::HasUnfinishedDownload()) _SetSmpAffinityToCpu0(false);
+  return m_loop.Start() && RequestedSource::_Listen();
+}
+
+void QVUpgradeAccessOTA::ThreadProc() {
+  RequestedSource::ThreadProc();
+  m_loop.Stop();
+}
+
+RequestedSource::Answer QVUpgradeAccessOTA::_Accept(const IpcEnvelope::Request& request) {
+  switch (request.cmd) {
+    case DeviceUpgradeUIIPC::UPGRADE_OTA_QUERY:
+      return _AcceptQuery();
+    case DeviceUpgradeUIIPC::UPGRADE_OTA_START:
+      return _AcceptStart();
+    case DeviceUpgradeUIIPC::UPGRADE_UI_GET_VERSION:
+      QVUpgradeAccessFrame::getAccessFrame()->SendVersionUI();
+      return {};
+    default:
+      return _Malformed();
+  }
+}
+
+RequestedSource::Answer QVUpgradeAccessOTA::_AcceptQuery() {
+  return QVUpgradeAccessFrame::getAccessFrame()->IsClaimed() ? _Busy() : _AskBackend();
+}
+
+RequestedSource::Answer QVUpgradeAccessOTA::_AcceptStart() {
+  return _AcceptPackage([this]() -> Answer {
+    const auto hasOffer = [this] {
+      const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+      return m_answer && m_answer->package;
+    };
+    Answer asked = hasOffer() ? Answer() : _AskBackend();
+    if (asked.code != REPLY_ACCEPTED) return asked;
+    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+    m_bStartWanted = true;
+    m_stateCond.notify_all();
+    return {};
+  });
+}
+
+RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend() {
+  const std::string host = ReadHost(m_hostFile);
+  if (host.empty()) return {REPLY_REFUSED, "no backend host is set in " + m_hostFile};
+  const OTAVersion installed = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion().m_oldOverallVer;
+  const Quorvalen::QueryRequest query = {DeviceIdentity::kProductCode, DeviceIdentity::kDeviceId,
+                                         installed.m_hardVersion, installed.m_softVersion};
+
+  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  if (!m_backend.Query(host, query, [this](const QueryResult& answer) { _OnAnswer(answer); })) {
+    return {REPLY_BUSY, "the backend is being asked already"};
+  }
+  m_answer.reset();
+  return {};
+}
+
+void QVUpgradeAccessOTA::_OnAnswer(const QueryResult& answer) {
+  const AllVersion versions = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion();
+  QueryResult judged = OtaOffer::Judge(answer, versions.m_oldOverallVer.m_softVersion);
+  // Told under the lock: whoever hears it and requests at once finds this answer, and a query that is started
+  // then does not get this answer in place of its own.
+  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  UpgradeIpcMsg::GetUpgradeIpc()->SendOtaMsg(DeviceUpgradeUIIPC::UPGRADE_OTA_QUERY, OtaOffer::Report(judged));
+  m_answer = std::move(judged);
+  m_stateCond.notify_all();
+}
+
+bool QVUpgradeAccessOTA::_WaitForPackage() {
+  std::unique_lock<std::mutex> lock(m_queueNextMutex);
+  m_stateCond.wait(lock, [this] { return m_bStartWanted || !IsRunning(); });
+  m_bStartWanted = false;
+  return IsRunning();
+}
+
+bool QVUpgradeAccessOTA::_FetchPackage() {
+  std::string error;
+  const std::optional<PackageInfo> package = _AwaitOffer(error);
+  const bool fetched = package && _Download(*package, error);
+  if (!IsRunning()) return false;  // a request after the next start goes on with what is there
+  if (!fetched) LOGW("no package from the cloud: %s", error.c_str());
+  ReportStart(fetched ? "done" : "failed", error);
+  return fetched;
+}
+
+std::optional<PackageInfo> QVUpgradeAccessOTA::_AwaitOffer(std::string& error) {
+  std::unique_lock<std::mutex> lock(m_queueNextMutex);
+  m_stateCond.wait(lock, [this] { return m_answer.has_value() || !IsRunning(); });
+  if (!IsRunning()) return std::nullopt;
+  // Used up: should this download fail, the next request asks whether the package is still the same.
+  const QueryResult answer = std::move(*m_answer);
+  m_answer.reset();
+  lock.unlock();
+
+  error = answer.error;
+  if (!answer.package && answer.error.empty()) {
+    error = "the backend has no newer package";
+    _ReportStatus(UI_STATUS_NO_TASK);
+  }
+  return answer.package;
+}
+
+bool QVUpgradeAccessOTA::_Download(const PackageInfo& package, std::string& error) {
+  m_archive = std::string(UpgradePaths::kDownload) + "/" + package.fileName;
+  PackageSteps::CreateDownloadDirectory();
+  PackageSteps::ClearOtherDownloads(m_archive);
+  error = SpaceShortage(m_archive, package.size);
+  if (!error.empty()) return false;
+
+  {
+    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+    m_download = {};
+  }
+  // A file that is complete already, because the daemon was stopped or the battery ran low before it was
+  // unpacked, is only verified.
+  ReportStart("started", "");
+  _ReportProgress(0);
+  _SetSmpAffinityToCpu0(true);
+  const std::shared_ptr<DownloadTask> task = m_downloads.Add(
+      {package.url, UpgradePaths::kDownload, package.fileName, package.size, package.md5},
+      [this](const DownloadTask::Status& status) { _OnDownload(status); }, error);
+  const bool arrived = task != nullptr && _AwaitDownload(error);
+  _SetSmpAffinityToCpu0(false);
+  if (arrived) _ReportProgress(kWholePercent);
+  return arrived;
+}
+
+void QVUpgradeAccessOTA::_OnDownload(const DownloadTask::Status& status) {
+  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  m_download = status;
+  m_stateCond.notify_all();
+}
+
+bool QVUpgradeAccessOTA::_AwaitDownload(std::string& error) {
+  using Clock = std::chrono::steady_clock;
+  int reported = 0;
+  Clock::time_point nextReport = Clock::now() + kProgressInterval;
+  std::unique_lock<std::mutex> lock(m_queueNextMutex);
+  while (IsRunning() && !HasEnded(m_download)) {
+    const int percent = OtaOffer::Percent(m_download.received, m_download.total);
+    if (percent == reported) {
+      m_stateCond.wait(lock);
+    } else if (Clock::now() < nextReport) {
+      m_stateCond.wait_until(lock, nextReport);
+    } else {
+      lock.unlock();
+      _ReportProgress(percent);
+      reported = percent;
+      nextReport = Clock::now() + kProgressInterval;
+      lock.lock();
+    }
+  }
+  error = m_download.message;
+  return m_download.state == DownloadTask::State::Done;
+}
+
+void QVUpgradeAccessOTA::_ReportProgress(int percent) {
+  UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(UI_STATUS_DOWNLOADING, percent, kNoVersion,
+                                                DataDef::EM_UPG_RRU);
+}
+
+bool QVUpgradeAccessOTA::_UnpackPackage() {
+  return UnpackWebAndOTA(UP_OTA, m_archive, false);
+}
+
+bool QVUpgradeAccessOTA::_StartFrame() {
+  QVUpgradeAccessFrame* const access = QVUpgradeAccessFrame::getAccessFrame();
+  if (!m_pFrame->startUpgrade(UP_OTA, access->getAllVersion())) return false;
+  access->setmStartUpgrade(true);
+  return true;
+}

@@ -1,0 +1,67 @@
+/// Requests and their answers. The web server and the panel rely on the names and codes, and on the order of
+/// the checks: malformed, busy, refused.
+#include "UpgradeFrame/AccessMng/RequestedSource.h"
+
+#include <cstddef>
+#include <utility>
+
+#include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/Log/CLog.h"
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeIpcMsg/UpgradeIpcMsg.h"
+
+namespace {
+
+constexpr const char* kObject = "/org/Upgread/object";
+constexpr const char* kRequestInterfaceName = "UpgradeRequest";
+
+}  // namespace
+
+std::array<std::atomic<RequestedSource*>, UP_CONNECT> RequestedSource::m_listening{};
+
+RequestedSource::RequestedSource(const char* threadName, UPGRADEACCESSTYPE accessType, const Service& service)
+    : QVUpgradeAccessSource(threadName, accessType), m_service(service) {}
+
+bool RequestedSource::_Listen() {
+  m_listening[static_cast<size_t>(m_accessType)] = this;
+  return CDbusHandler::instance()->RegisteredServices(kObject, m_service.interface, m_service.method,
+                                                      m_service.callback, false);
+}
+
+void RequestedSource::_Unlisten() {
+  CDbusHandler::instance()->UnRegisteredServices(kObject, m_service.interface, m_service.method);
+  m_listening[static_cast<size_t>(m_accessType)] = nullptr;
+}
+
+std::string RequestedSource::HandleRequest(const std::string& text) {
+  LOGI("%sRequest:%s", m_service.logName, text.c_str());
+  IpcEnvelope::Request request;
+  const Answer answer = _Judge(text, request);
+  Json::Value payload;
+  if (answer.code != REPLY_ACCEPTED) payload["ErrorMsg"] = answer.message;
+  std::string reply =
+      JsonUtils::ToCompactText(IpcEnvelope::Make(kRequestInterfaceName, IpcEnvelope::kTypeResponse,
+                                                 request.snr, request.cmd, answer.code, std::move(payload)));
+  LOGI("%sReply:%s", m_service.logName, reply.c_str());
+  return reply;
+}
+
+RequestedSource::Answer RequestedSource::_Judge(const std::string& text, IpcEnvelope::Request& request) {
+  if (!IpcEnvelope::ParseRequest(text, kRequestInterfaceName, request)) return _Malformed();
+  return _Accept(request);
+}
+
+RequestedSource::Answer RequestedSource::_AcceptPackage(const std::function<Answer()>& accept) {
+  if (!_Claim()) return _Busy();
+  UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(true);
+  Answer answer = _RefuseLowBattery() ? Answer{REPLY_REFUSED, "battery too low"} : accept();
+  if (answer.code != REPLY_ACCEPTED) {
+    UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(false);
+    QVUpgradeAccessFrame::getAccessFrame()->ReleaseClaim();
+  }
+  return answer;
+}
+
+void RequestedSource::_PackageEnded() {
+  UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(false);
+}
