@@ -302,7 +302,7 @@ std::string ShowQuery(Screen& screen, Station& station) {
   const Json::Value offer = answer ? answer->property : Json::Value();
   std::string version = offer["softVersion"].asString();
   screen.Line(version.empty()
-                  ? "nothing newer " + offer["ErrorMsg"].asString()
+                  ? "nothing newer"
                   : version + ", " + offer["size"].asString() + " bytes: " + offer["releaseNote"].asString());
   return version;
 }

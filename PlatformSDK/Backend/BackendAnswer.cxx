@@ -1,9 +1,9 @@
 /// Reads the answer in two steps: a flat table of its members, then the table's check. RapidJSON's event
-/// parser in its iterative mode: neither depth nor a wrong type can end it otherwise than with an error.
+/// parser is ended before it goes deeper than it may, so that neither depth nor a wrong type can end it
+/// otherwise than with an error.
 #include "Backend/BackendAnswer.h"
 
 #include <rapidjson/error/en.h>
-#include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 
 #include <cstdint>
@@ -93,19 +93,21 @@ class TableFiller {
 };
 
 bool FillTable(const std::string& text, Table& table, std::string& error) {
-  constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
   if (text.size() > kMaxAnswerBytes) {
     error = FormatText("it is longer than %zu bytes", kMaxAnswerBytes);
     return false;
   }
-  if (text.find('\0') != std::string::npos) {  // to the parser, that would be the end
-    error = "it holds a NUL";
+  // Before the parser sees it: a NUL would be the end to it, and its own check reads past a cut-off
+  // character.
+  if (!IsValidUtf8(text)) {
+    error = "it is no UTF-8 text";
     return false;
   }
-  rapidjson::MemoryStream stream(text.data(), text.size());
+  std::string buffer = text;  // the parser puts the texts together in place
+  rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
   TableFiller filler(table);
-  const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, filler);
+  const rapidjson::ParseResult result = reader.Parse<rapidjson::kParseInsituFlag>(stream, filler);
   if (!result.IsError()) return true;
   error = filler.Objection().empty() ? rapidjson::GetParseError_En(result.Code()) : filler.Objection();
   return false;

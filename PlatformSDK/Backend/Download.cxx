@@ -118,7 +118,7 @@ void Download::_Ask() {
   request.ifRange = m_file.Version().Condition();
   m_answer = {};
   m_pTransfer = std::make_unique<HttpTransfer>(m_loop, request, *this);
-  if (!m_pTransfer->Start()) return _Break("curl does not take the request", true);
+  m_pTransfer->Start();
   _WatchProgress();
 }
 

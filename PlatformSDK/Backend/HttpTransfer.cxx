@@ -5,7 +5,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <initializer_list>
+#include <utility>
 
 #include "BSW/BasicFun/StringUtils.h"
 
@@ -59,19 +59,20 @@ bool HttpHead::MayPass() const {
          status >= kFirstServerError;
 }
 
-HttpTransfer::HttpTransfer(TransferLoop& loop, const HttpRequest& request, IHttpReceiver& receiver)
-    : m_loop(loop), m_request(request), m_receiver(receiver), m_pEasy(curl_easy_init()) {}
+HttpTransfer::HttpTransfer(TransferLoop& loop, HttpRequest request, IHttpReceiver& receiver)
+    : m_loop(loop), m_request(std::move(request)), m_receiver(receiver), m_pEasy(curl_easy_init()) {}
 
 HttpTransfer::~HttpTransfer() {
   _Leave();
 }
 
-bool HttpTransfer::Start() {
-  if (!m_pEasy || !_Configure() || !m_loop.Add(*this)) return false;
-  m_bActive = true;
+void HttpTransfer::Start() {
+  if (!m_pEasy || !_Configure() || !m_loop.Add(*this)) {
+    m_timer = m_loop.StartTimer(std::chrono::milliseconds(0), [this] { Finish(CURLE_FAILED_INIT); });
+    return;
+  }
   m_lastByte = Clock::now();
   _WatchSilence(m_loop.Settings().silence);
-  return true;
 }
 
 bool HttpTransfer::_Configure() {
@@ -177,23 +178,21 @@ std::string HttpTransfer::_Explain(int curlCode) const {
 }
 
 void HttpTransfer::_WatchSilence(std::chrono::milliseconds delay) {
-  m_silenceTimer = m_loop.StartTimer(delay, [this] { _OnSilenceTimer(); });
+  m_timer = m_loop.StartTimer(delay, [this] { _OnSilenceTimer(); });
 }
 
 void HttpTransfer::_OnSilenceTimer() {
   const auto quiet = std::chrono::ceil<std::chrono::milliseconds>(Clock::now() - m_lastByte);
   const auto limit = m_loop.Settings().silence;
   if (quiet < limit) return _WatchSilence(limit - quiet);
-  const std::string text = FormatText("no byte for %lld ms", static_cast<long long>(limit.count()));
+  const std::string text = FormatText("no byte for %g s", std::chrono::duration<double>(limit).count());
   m_errorText.fill('\0');
   text.copy(m_errorText.data(), m_errorText.size() - 1);
   Finish(CURLE_OPERATION_TIMEDOUT);
 }
 
 void HttpTransfer::_Leave() {
-  if (!m_bActive) return;
-  m_bActive = false;
-  m_loop.CancelTimer(m_silenceTimer);
+  m_loop.CancelTimer(m_timer);
   m_loop.Remove(*this);
 }
 

@@ -62,14 +62,14 @@ class IHttpReceiver {
 class HttpTransfer final : private ITransfer {
  public:
   /// `receiver` outlives this object.
-  HttpTransfer(TransferLoop& loop, const HttpRequest& request, IHttpReceiver& receiver);
+  HttpTransfer(TransferLoop& loop, HttpRequest request, IHttpReceiver& receiver);
   /// Ends the transfer without another call of the receiver.
   ~HttpTransfer();
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-  /// Starts. False, and the receiver is not called, when curl refuses or the loop stops.
-  bool Start();
+  /// Starts. A request that curl refuses ends like any other, later; during the loop's stop nothing happens.
+  void Start();
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -98,10 +98,9 @@ class HttpTransfer final : private ITransfer {
   std::array<char, 256> m_errorText{};  ///< curl's own words; CURL_ERROR_SIZE
   std::unique_ptr<curl_slist, HeadersFree> m_pHeaders;
   std::unique_ptr<void, EasyFree> m_pEasy;  ///< CURL; goes before what it points to
-  bool m_bActive = false;                   ///< with the loop
   bool m_bHeadTaken = false;
   Clock::time_point m_lastByte;
-  TransferLoop::TimerId m_silenceTimer = 0;
+  TransferLoop::TimerId m_timer = 0;  ///< looks for silence
 };
 
 }  // namespace Quorvalen

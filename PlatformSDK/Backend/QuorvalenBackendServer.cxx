@@ -139,7 +139,7 @@ void QuorvalenBackendServer::Impl::_Ask() {
   m_head = {};
   m_strAnswer.clear();
   m_pTransfer = std::make_unique<HttpTransfer>(m_loop, m_request, *this);
-  if (!m_pTransfer->Start()) _Tell({"curl does not take the query", std::nullopt, false}, true);
+  m_pTransfer->Start();
 }
 
 /// Unless a new query is on its way in and replaces this one.

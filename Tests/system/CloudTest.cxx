@@ -152,6 +152,7 @@ TEST_F(CloudSource, TwentyBreaksAndRestartsNeverBeginAtZero) {
     ASSERT_TRUE(m_station.daemon().Stop(signal).has_value());
     ASSERT_TRUE(m_station.Start());
     EXPECT_EQ(m_cloud.Downloads().size(), downloads) << "it started by itself";
+    EXPECT_NE(Affinity(), kFree);
     ASSERT_EQ(Ask(kUpgradeByCloud), Requests::kAccepted);
   }
   ExpectReboot(m_station);

@@ -10,6 +10,8 @@
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 
+using namespace UpgPp;
+
 namespace {
 
 using std::chrono::milliseconds;

@@ -17,14 +17,14 @@ class Pp7204Sequence {
   /// Copies `firmware` to the storage of the part under way and waits for the part to restart: success,
   /// failure, or interrupt when it went for good. The storage is not mounted afterwards, whatever happened.
   /// Waits end at once on EM_FLAG_CLEAN_UP, a copy is finished. State thread, no lock held.
-  UpgradeStateType _Upg7204(const UpgPp::PpFw_t& firmware);
+  UpgPp::UpgradeStateType _Upg7204(const UpgPp::PpFw_t& firmware);
 
  private:
   /// Waits for the storage node; false, logged, when none came in time.
   bool _WaitForStorage();
   /// True when all of the file is on the storage.
   bool _CopyFirmware(const UpgPp::PpFw_t& firmware);
-  UpgradeStateType _WaitForRestart();
+  UpgPp::UpgradeStateType _WaitForRestart();
 
   PpSignals& m_signals;
   const PpDevices& m_devices;

@@ -30,6 +30,8 @@
 #include "BSW/Log/CLog.h"
 #include "UpgradePp/PpMessages.h"
 
+using namespace UpgPp;
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -48,10 +50,6 @@ constexpr const char* kRtxDirectory = "RTX";
 
 /// Far beyond a part's flash, and within the four bytes that tell the size.
 constexpr size_t kMaxImageBytes = 64U * 1024U * 1024U;
-
-bool Is7204(UpgPp::PpType type) {
-  return type == UpgPp::EM_PP_7204 || type == UpgPp::EM_PP_7204_EVT;
-}
 
 std::string ImagePath(const UpgPp::PpFw_t& firmware) {
   const bool endsInSlash = !firmware.m_strFwPath.empty() && firmware.m_strFwPath.back() == '/';
@@ -94,7 +92,7 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(const UpgPp::PpFw_t& f
     LOGE("Get file size error!file:%s, iFileSize:%zu", file.c_str(), static_cast<size_t>(size));
     return EM_RET_ERROR;
   }
-  const bool is7204 = Is7204(m_link.Info().m_emPpType);
+  const bool is7204 = Is7204Pp(m_link.Info().m_emPpType);
   const PpLink::Bytes data =
       PpMessages::FirmwareInfo(is7204 ? PpMessages::EM_CFG_PP_7204 : PpMessages::EM_CFG_PP_7308,
                                static_cast<uint64_t>(size), firmware.m_vecVerNum, firmware.m_strFileName);

@@ -23,7 +23,7 @@ class Pp7308Sequence {
 
   /// Upgrades the part behind `device`, whose newer port is open, to `firmware`: success or failure. Ends as
   /// failed when any answer is missing, and at once on EM_FLAG_CLEAN_UP. State thread, no lock held.
-  UpgradeStateType _Upg7308(const UpgPp::PpFw_t& firmware, const std::string& device);
+  UpgPp::UpgradeStateType _Upg7308(const UpgPp::PpFw_t& firmware, const std::string& device);
 
   /// The part was pulled out: ends the radio module's upgrade, if one is under way. Any thread, no lock held.
   void OnPlugOut();

@@ -14,6 +14,8 @@
 #include "BSW/Serial/HexText.h"
 #include "UpgradePp/PpMessages.h"
 
+using namespace UpgPp;
+
 namespace {
 
 constexpr const char* kPortName = "UpgradePp";
@@ -184,14 +186,12 @@ PpInfo_t PpLink::Info() {
   return m_stPpInfo;
 }
 
-void PpLink::SetType(UpgPp::PpType type) {
+void PpLink::CleanInfo(UpgPp::PpType type) {
+  // In one step: a report in between would be taken for another type's.
   const PpSignals::Lock lock = m_signals.Hold();
-  m_stPpInfo.m_emPpType = type;
-}
-
-void PpLink::CleanInfo() {
-  const PpSignals::Lock lock = m_signals.Hold();
+  m_signals.Clear(EM_FLAG_GET_VER);
   m_stPpInfo.CleanInfo();
+  m_stPpInfo.m_emPpType = type;
 }
 
 bool PpLink::_ProtocolDataRecvCb(const ProtocolData_t& data) {

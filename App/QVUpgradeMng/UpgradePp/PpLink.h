@@ -20,15 +20,20 @@
 #include "UpgradePp/PpSignals.h"
 #include "UpgradePp/PpTypes.h"
 
+namespace UpgPp {
+
 enum ProtocolType {
   EM_PROT_73_OLD = 0,  ///< legacy frames
   EM_PROT_72_NEW = 1,  ///< MCU frames
 };
 
+}  // namespace UpgPp
+
 /// Any thread may call any member, unless said otherwise.
 class PpLink {
  public:
   using Bytes = std::vector<uint8_t>;
+  using ProtocolType = UpgPp::ProtocolType;
 
   static constexpr std::chrono::milliseconds m_iWaitTime{1000};  ///< for an acknowledgement of an upgrade
   static constexpr std::chrono::seconds m_i7204UpgTime{180};     ///< for a 7204's user to agree
@@ -70,8 +75,8 @@ class PpLink {
 
   /// What the part reported last.
   PpInfo_t Info();
-  void SetType(UpgPp::PpType type);
-  void CleanInfo();
+  /// Forgets what the part reported; `type` is what it is taken for until it reports.
+  void CleanInfo(UpgPp::PpType type = UpgPp::EM_PP_MAX);
 
  private:
   using ProtocolData_t = SerialProtocolMng::ProtocolData_t;
@@ -95,7 +100,7 @@ class PpLink {
 
   PpSignals& m_signals;
   const std::function<void()> m_onReady;
-  std::atomic<ProtocolType> m_emProtoclType{EM_PROT_72_NEW};
+  std::atomic<ProtocolType> m_emProtoclType{UpgPp::EM_PROT_72_NEW};
   PpInfo_t m_stPpInfo;  ///< guarded by the lock of m_signals
 
   std::mutex

@@ -1,6 +1,8 @@
 /// The two flag words. Which word a flag belongs to is decided here alone.
 #include "UpgradePp/PpSignals.h"
 
+using namespace UpgPp;
+
 namespace {
 
 constexpr uint32_t kLongTerm = EM_FLAG_CLEAN_UP | EM_FLAG_7308_VER_INFO_LOADED | EM_FLAG_PLUG_IN |

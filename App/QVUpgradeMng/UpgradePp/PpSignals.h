@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <mutex>
 
+namespace UpgPp {
+
 /// The values are shown in the log as sums.
 enum FlagType : uint32_t {
   EM_FLAG_RSP = 0x1,
@@ -35,6 +37,8 @@ enum FlagType : uint32_t {
   EM_FLAG_LOAD_7204_DVT_PACKAGE = 0x100000,
 };
 
+}  // namespace UpgPp
+
 /// Any thread may call any member.
 class PpSignals {
  public:
@@ -54,7 +58,7 @@ class PpSignals {
 
   /// True when one of the flags is set.
   [[nodiscard]] bool Has(uint32_t flags) const;
-  [[nodiscard]] bool Stopping() const { return Has(EM_FLAG_CLEAN_UP); }
+  [[nodiscard]] bool Stopping() const { return Has(UpgPp::EM_FLAG_CLEAN_UP); }
   /// The whole words, for the log.
   [[nodiscard]] int Flags() const { return static_cast<int>(m_iFlags.load()); }
   [[nodiscard]] int LongTermFlags() const { return static_cast<int>(m_iLongTermFlags.load()); }

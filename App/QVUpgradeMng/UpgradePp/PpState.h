@@ -2,6 +2,8 @@
 /// stay; a new state goes before EM_STATE_MAX and gets a name and a handler in UpgradePp.
 #pragma once
 
+namespace UpgPp {
+
 enum UpgradeStateType {
   EM_STATE_IDLE = 0,
   EM_STATE_INIT = 1,  ///< never entered
@@ -14,3 +16,5 @@ enum UpgradeStateType {
   EM_STATE_FAILED = 8,
   EM_STATE_MAX = 9,
 };
+
+}  // namespace UpgPp

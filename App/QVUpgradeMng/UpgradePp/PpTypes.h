@@ -19,6 +19,11 @@ enum PpType {
   EM_PP_MAX = 7206,
 };
 
+/// Both hardwares of the 7204.
+constexpr bool Is7204Pp(PpType type) {
+  return type == EM_PP_7204 || type == EM_PP_7204_EVT;
+}
+
 /// One firmware held on the base station.
 struct PpFw_t {
   std::string m_strVerison;  ///< software version, as in NormalVersion

@@ -17,6 +17,8 @@
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 #include "UpgradePp/PpFirmwareStore.h"
 
+using namespace UpgPp;
+
 /// Idle -> Identify -> CheckVer -> UpgPp or ReqPair -> UpgSuccess, Failed, Interrupt -> Idle. In the order of
 /// UpgradeStateType.
 const std::array<UpgradePp::State, EM_STATE_MAX> UpgradePp::m_States = {{
@@ -119,7 +121,10 @@ UpgPp::PpFwMap UpgradePp::GetPpPackageInfo() {
 
 bool UpgradePp::Debug() {
   LOGI("Send cmd req ver!");
-  return m_link.SendCmd(EM_NEW_CMD_REQ_PP_VERSION);
+  const bool sent = m_link.SendCmd(EM_NEW_CMD_REQ_PP_VERSION);
+  LOGI("State:%s, m_bUsbInsert:%d, m_iFlags:%d, m_iLongTermFlags:%d", _TraceState(_State()),
+       m_bUsbInsert.load(), m_signals.Flags(), m_signals.LongTermFlags());
+  return sent;
 }
 
 bool UpgradePp::_LoadFwInfo() {
@@ -146,12 +151,14 @@ void UpgradePp::SetClockStatus(bool bStatus) {
   {
     const PpSignals::Lock lock = m_signals.Hold();
     known = m_devices.Known();
-    m_signals.Notify();  // devices that wait for their turn had to wait for the clock as well
   }
   for (const PpDevices::UsbHotPlugInfo& info : known) {
     LOGI("SetClockStatus strDevFile = %s, bState =%d", info.strDevFile.c_str(), info.bState);
     _HandleHotPlug(info);
   }
+  // Devices that wait for their turn had to wait for the clock as well.
+  const PpSignals::Lock lock = m_signals.Hold();
+  m_signals.Notify();
 }
 
 int UpgradePp::_UsbHotPlugProcessCallback(const std::string& device, bool plugged) {
@@ -312,8 +319,9 @@ UpgradeStateType UpgradePp::_HandleIdentifyState() {
     device = m_devices.Current();
     m_bReadyMeanwhile = false;
   }
-  if (Matches(device, m_str7204DeviceFile)) {
-    m_link.SetType(UpgPp::EM_PP_7204);
+  const bool is7204 = Matches(device, m_str7204DeviceFile);
+  m_link.CleanInfo(is7204 ? UpgPp::EM_PP_7204 : UpgPp::EM_PP_MAX);
+  if (is7204) {
     m_link.SetProtocol(EM_PROT_72_NEW);
     if (m_link.OpenUart(EM_PROT_72_NEW, device)) return EM_STATE_CHECK_VER;
     LOGE("Open uart error!");
@@ -342,7 +350,7 @@ UpgradeStateType UpgradePp::_HandleCheckVerState() {
     m_link.RequestVersion(m_iCheckTime);
   }
   const PpInfo_t info = m_link.Info();
-  if (!m_signals.Has(EM_FLAG_GET_VER)) return _Is7204Pp(info.m_emPpType) ? EM_STATE_IDLE : EM_STATE_FAILED;
+  if (!m_signals.Has(EM_FLAG_GET_VER)) return Is7204Pp(info.m_emPpType) ? EM_STATE_IDLE : EM_STATE_FAILED;
 
   const auto found = m_mapPpFwInfo.find(info.m_emPpType);
   if (found == m_mapPpFwInfo.end()) {
@@ -398,7 +406,7 @@ UpgradeStateType UpgradePp::_HandleUpgPpState() {
   const auto firmware = m_mapPpFwInfo.find(type);
   // What is known of a family's versions alone is no firmware.
   if (firmware == m_mapPpFwInfo.end() || firmware->second.m_strFileName.empty()) return EM_STATE_FAILED;
-  if (_Is7204Pp(type)) return m_7204._Upg7204(firmware->second);
+  if (Is7204Pp(type)) return m_7204._Upg7204(firmware->second);
   if (type != UpgPp::EM_PP_7308) return EM_STATE_FAILED;
   UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(UI_STATUS_STARTED, 0, Json::Value(), DataDef::EM_UPG_PP);
   return m_7308._Upg7308(firmware->second, _CurrentDevice());
@@ -454,10 +462,6 @@ void UpgradePp::_CleanCache() {
 std::string UpgradePp::_CurrentDevice() {
   const PpSignals::Lock lock = m_signals.Hold();
   return m_devices.Current();
-}
-
-bool UpgradePp::_Is7204Pp(UpgPp::PpType type) {
-  return type == UpgPp::EM_PP_7204 || type == UpgPp::EM_PP_7204_EVT;
 }
 
 void UpgradePp::_ProcPpReady() {

@@ -55,7 +55,8 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   /// The firmware held, per family: always of one load.
   UpgPp::PpFwMap GetPpPackageInfo();
 
-  /// The debug command: asks the part whose port is open for its versions. False when nothing could be sent.
+  /// The debug command: asks the part whose port is open for its versions, and logs state and flags. False
+  /// when nothing could be sent.
   bool Debug();
 
  protected:
@@ -66,12 +67,13 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   friend class CSingleton<UpgradePp>;
   UpgradePp();
 
+  using UpgradeStateType = UpgPp::UpgradeStateType;
+
   struct State {
     const char* name;
     UpgradeStateType (UpgradePp::*handler)();
   };
   static const char* _TraceState(UpgradeStateType state);
-  static bool _Is7204Pp(UpgPp::PpType type);
 
   // The state thread. A handler gives the next state.
   void _HandleState();
@@ -113,7 +115,7 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   /// A part reported that it is ready. On a receive thread.
   void _ProcPpReady();
 
-  static const std::array<State, EM_STATE_MAX> m_States;
+  static const std::array<State, UpgPp::EM_STATE_MAX> m_States;
 
   /// Serialises hot-plug events and their replay; taken before every other lock here.
   std::mutex m_plugMutex;
@@ -123,7 +125,7 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
 
   PpSignals m_signals;
   // Guarded by the lock of m_signals:
-  UpgradeStateType m_emState = EM_STATE_IDLE;
+  UpgradeStateType m_emState = UpgPp::EM_STATE_IDLE;
   PpDevices m_devices;
   UpgPp::PpFwMap m_mapPpFwInfo;    ///< changed by the state thread alone
   bool m_bReload = false;          ///< the firmware information is to be loaded anew

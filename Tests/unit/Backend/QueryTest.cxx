@@ -214,6 +214,7 @@ TEST(BackendAnswer, IsAnErrorWhenItIsNotExactlyAnAnswer) {
                                         R"({"code":0,"data":null,"data":{}})",
                                         R"({"code":[[[[[[[[[[0]]]]]]]]]],"data":null})",
                                         std::string(60'000, '['),
+                                        "{\"a\xf4",
                                         std::string(70'000, ' ') + valid,
                                         valid.substr(0, valid.size() - 1),
                                         Package("softVersion", "4"),

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -60,16 +61,18 @@ TEST_F(FpgaImageTest, WaitsForASlowDevice) {
   const std::string image = MakeImage(300000);
   const UniqueFd reader(open(m_fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   std::string received;
+  std::atomic<bool> isOver{false};
   std::thread device([&] {
     std::vector<char> buffer(5000);
     while (received.size() < image.size()) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
       const ssize_t got = read(reader.Get(), buffer.data(), buffer.size());
-      if (got == 0) break;
+      if (got == 0 && isOver) break;  // before it opens, a writer looks like one that has closed
       if (got > 0) received.append(buffer.data(), static_cast<size_t>(got));
     }
   });
   EXPECT_TRUE(Write(m_fifo));
+  isOver = true;
   device.join();
   EXPECT_TRUE(received == image);
 }

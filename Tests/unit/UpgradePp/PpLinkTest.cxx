@@ -9,6 +9,7 @@
 #include "../Serial/SerialTestKit.h"
 #include "BSW/Serial/McuFrame.h"
 
+using namespace UpgPp;
 using std::chrono::milliseconds;
 
 namespace {
