@@ -7,6 +7,7 @@
 #include <spawn.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -104,6 +105,9 @@ bool Daemon::Start() {
   if (error != 0) {
     Halt(std::string("cannot run ") + argv[0], error);
   }
+  // The device has its processors to itself; without the right to a better place it goes on as it is.
+  constexpr int kDevicePriority = -10;
+  setpriority(PRIO_PROCESS, static_cast<id_t>(pid), kDevicePriority);
   m_pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   m_pid = pid;
 

@@ -113,18 +113,28 @@ void ShowVersions(Screen& screen, const Station& station) {
 /// A copy of a partition's trees, to see later that nobody touched them.
 class PartitionCopy {
  public:
-  PartitionCopy(const Station& station, Partition p) : m_partition(p) {
+  PartitionCopy(const Station& station, Partition p) : m_partition(p), m_versions(Station::Versions(p)) {
     fs::remove_all(kBase);
     fs::create_directories(kBase);
     for (const auto& [name, directory] : _Directories(station)) {
       fs::copy(directory, kBase + name, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
     }
   }
-  std::vector<std::string> Differences(const Station& station) const {
+  /// `imported` is what a package brought for portable parts, which is recorded at once: versions by type.
+  std::vector<std::string> Differences(const Station& station,
+                                       const std::map<std::string, std::string>& imported = {}) const {
     std::vector<std::string> all;
     for (const auto& [name, directory] : _Directories(station)) {
-      const std::vector<std::string> differences = TreeDifferences(kBase + name, directory);
+      const std::vector<std::string> differences =
+          TreeDifferences(kBase + name, directory, {{"quorvalen/version.json"}});
       all.insert(all.end(), differences.begin(), differences.end());
+    }
+    Json::Value versions = m_versions;
+    for (const auto& [type, version] : imported) {
+      versions["subModulesVersion"][type + "Version"] = version;
+    }
+    if (Station::Versions(m_partition) != versions) {
+      all.emplace_back("the version record");
     }
     return all;
   }
@@ -137,6 +147,7 @@ class PartitionCopy {
   }
   const std::string kBase = std::string(kStationDir) + "/copy";
   Partition m_partition;
+  Json::Value m_versions;
 };
 
 /// The panel's story of a successful upgrade: perhaps a download, then started, upgrading, finished with the
@@ -193,7 +204,11 @@ void FollowUpgrade(Screen& screen, Station& station, const Package& package,
     const std::vector<std::string> flashes = station.chips().DifferencesFrom(package);
     screen.Check(flashes.empty(), "every chip's memory holds its image, byte for byte", flashes);
   }
-  const std::vector<std::string> changes = untouched.Differences(station);
+  std::map<std::string, std::string> imported;
+  if (const auto version = package.versions.find("7308"); version != package.versions.end()) {
+    imported.insert(*version);
+  }
+  const std::vector<std::string> changes = untouched.Differences(station, imported);
   screen.Check(changes.empty(), "the partition it ran from before is as it was", changes);
   const Json::Value versions = Station::Versions(target);
   bool recorded = versions["totalVersion"]["softVersion"] == package.softVersion;

@@ -1,5 +1,6 @@
-// What the daemon costs on the virtual station: start, idling, and the intake of a large package against the
-// bare commands in the same run. Prints one line a figure. Run by hand, as root; see Docs/performance.md.
+// What the daemon costs on the virtual station: start, idling, the transfer to a portable part, and the
+// intake of a large package against the bare commands in the same run. Prints one line a figure. Run by hand,
+// as root; see Docs/performance.md.
 #include <unistd.h>
 
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <thread>
 
 #include "VirtualStation/Box.h"
+#include "VirtualStation/Pps/Pp7308.h"
 #include "VirtualStation/Station.h"
 
 using namespace station;
@@ -108,12 +110,28 @@ void MeasureIntake(std::uint64_t bytes) {
   std::printf("peak memory: %ld KiB\n", PeakKiB(station.daemon().Pid()));
 }
 
+// From the arrival of the first packet to that of the message behind the last, at a part that answers at
+// once.
+void MeasurePpTransfer() {
+  constexpr std::size_t kPackets = 200;
+  Station station;
+  Install(Make7308Package("S1.0.2.5", "V2.0.0.01", kPackets * 1024));
+  if (!station.Start()) return;
+  Pp7308 part;
+  if (!part.conduct().WaitFor(Phase::PpPacket, kPatience)) return;
+  const auto start = Clock::now();
+  if (!part.conduct().WaitFor(Phase::PpDone, kPatience)) return;
+  std::printf("portable part: %.2f ms per packet of 1,024 bytes\n",
+              SecondsSince(start) * 1000 / static_cast<double>(kPackets));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::uint64_t mebibytes = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1024;
   return RunInBox([mebibytes] {
     MeasureStartAndIdle();
+    MeasurePpTransfer();
     MeasureIntake(mebibytes << 20U);
     return 0;
   });

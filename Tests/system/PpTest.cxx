@@ -1,12 +1,15 @@
 // Portable parts at the station: plugged in, identified, upgraded or paired; answers that go wrong, parts
 // that go away at any moment, and a clock that holds everything back.
 #include <algorithm>
+#include <atomic>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <random>
+#include <thread>
 
 #include "StationTest.h"
 #include "VirtualStation/Pps/Pp7204.h"
@@ -75,24 +78,28 @@ class PpTest : public StationTest {
     }
   };
 
-  // A 7308 that the daemon has identified; `from` is then the log's end from before it was plugged in. It has
-  // 200 ms for an answer: on a machine that is busy elsewhere the part is plugged in again, as its user
-  // would.
+  // Plugs in with `plug` until the daemon has identified the part; `from` is then the log's end from before
+  // it did. It has 200 ms for an answer: on a machine that is busy elsewhere it is plugged in again, as its
+  // user would.
+  static void Identify(std::size_t& from, const std::function<void()>& plug) {
+    constexpr int kTries = 5;
+    for (int i = 0; i < kTries; ++i) {
+      from = Now();
+      plug();
+      ExpectLog("[EM_STATE_IDENTIFY] ----> [EM_STATE_", from);
+      if (Daemon::Log().find("[EM_STATE_IDENTIFY] ----> [EM_STATE_FAILED]", from) == std::string::npos)
+        return;
+    }
+    ADD_FAILURE() << "not identified";
+  }
   static std::unique_ptr<Pp7308> Identified(std::size_t& from, const PpVersions& versions = kOld,
                                             const std::vector<Fault>& faults = {},
                                             const char* device = kUsb) {
-    constexpr int kTries = 5;
     std::unique_ptr<Pp7308> part;
-    for (int i = 0; i < kTries; ++i) {
+    Identify(from, [&] {
       part.reset();
-      from = Now();
       part = std::make_unique<Pp7308>(device, versions, faults);
-      ExpectLog("[EM_STATE_IDENTIFY] ----> [EM_STATE_", from);
-      if (Daemon::Log().find("[EM_STATE_IDENTIFY] ----> [EM_STATE_FAILED]", from) == std::string::npos) {
-        return part;
-      }
-    }
-    ADD_FAILURE() << "not identified";
+    });
     return part;
   }
 
@@ -215,6 +222,40 @@ TEST_F(PpTest, Silent7204IsHeardWhenItReportsReady) {
   ExpectPaired(station, Pairing(7204, "S1.0.3.01", "H100", "V1.0.0.01", "/dev/ttyACM0"));
 }
 
+// Early hardware that boots slowly: its late answers are not taken for those of other hardware.
+TEST_F(PpTest, EarlyHardwareThatAnswersTooLateGetsItsOwnFirmwareWhenItIsReady) {
+  const PpPackage evt = Make7204Package("S1.0.3.1", "H000");
+  PpStation station({Make7204Package("S1.0.3.1"), evt});
+  constexpr std::size_t kLateMs = 1500;
+  Pp7204 part({{1, 0, 2, 4}, "H000", "V1.0.0.01"}, {{Kind::Late, Phase::PpVersion, kLateMs}});
+  ExpectLog("[EM_STATE_CHECK_VER] ----> [EM_STATE_IDLE]");
+  ExpectLog("PpType:7205");
+  part.conduct().ClearFaults();
+  part.ReportReady();
+  EXPECT_TRUE(part.WaitForRestart(kPatience)) << Daemon::Log();
+  ExpectPaired(station, Pairing(7205, "S1.0.3.01", "H000", "V1.0.0.01", "/dev/ttyACM0"));
+  EXPECT_EQ(part.Firmware(), evt.content);
+}
+
+TEST_F(PpTest, PartThatOnlyReportsReadyKeepsNoOtherFromItsTurn) {
+  PpStation station({Small7308()});
+  Pp7204 silent(kOld, {{Kind::Silent, Phase::PpVersion}});
+  ExpectLog("[EM_STATE_CHECK_VER] ----> [EM_STATE_IDLE]");
+  std::atomic<bool> reporting{true};
+  std::thread reporter([&] {
+    while (reporting) {
+      silent.ReportReady();
+      std::this_thread::sleep_for(50ms);
+    }
+  });
+  ExpectLog("upg in progress, no need process ready");
+  std::size_t from = 0;
+  const auto part = Identified(from, kNew);
+  ExpectLog(kSuccess, from);
+  reporting = false;
+  reporter.join();
+}
+
 // What can go wrong with a storage, and that the same part, put in again, is upgraded.
 TEST_F(PpTest, BadStorageEndsTheAttemptAlone) {
   const struct {
@@ -247,15 +288,30 @@ TEST_F(PpTest, BadStorageEndsTheAttemptAlone) {
   }
 }
 
+// The second time it comes back in between, and its nodes are there again.
 TEST_F(PpTest, PartPulledWhileItsFileIsCopiedIsUpgradedNextTime) {
   PpStation station({Make7204Package("S1.0.3.1")});
   station.commands().Hold("cp *");
   Pp7204 part;
   ASSERT_TRUE(station.commands().WaitForStart("cp *", kPatience)) << Daemon::Log();
-  const std::size_t from = Now();
+  std::size_t from = Now();
   part.Unplug();
   ExpectLog("/dev/ttyACM0 usb plug out", from);
   station.commands().Release("cp *");
+  ExpectLog("----> [EM_STATE_INTERRUPT]", from);
+  ExpectLog(kIdle, from);
+
+  station.commands().Hold("cp *");
+  from = Now();
+  part.Plug();
+  ASSERT_TRUE(station.commands().WaitForStart("cp *", kPatience, 2)) << Daemon::Log();
+  part.Unplug();
+  part.Plug();
+  ExpectLog("Normal plug in state:4", from);
+  part.Unplug();
+  ExpectLog("plug out state:4", Daemon::Log().rfind("Normal plug in state:4"));
+  station.commands().Release("cp *");
+  ExpectLog("----> [EM_STATE_INTERRUPT]", from);
   ExpectLog(kIdle, from);
   part.Plug();
   EXPECT_TRUE(part.WaitForRestart(kPatience)) << Daemon::Log();
@@ -276,17 +332,24 @@ TEST_F(PpTest, FirmwareOutOfAPackageIsUsedWithoutARestart) {
   EXPECT_EQ(part->Application(), second.application);
 }
 
-TEST_F(PpTest, DebugCommandReloadsTheFirmware) {
-  PpStation station({Small7308()});
-  const PpPackage second = Small7308("S1.0.2.6");
-  Install(second);
-  std::size_t from = Now();
+TEST_F(PpTest, WithoutFirmwareA7308FailsUntilADebugCommandReloadsIt) {
+  PpStation station({});
+  std::size_t from = 0;
+  {
+    const auto part = Identified(from);
+    ExpectLog("Can't upg beacause of ver info not load", from);
+    ExpectLog(kIdle, from);
+    EXPECT_TRUE(part->line().WaitForPort(false, kPatience));
+  }
+  const PpPackage package = Small7308();
+  Install(package);
+  from = Now();
   ASSERT_TRUE(station.bus().Call("/org/Upgread/object", "org.Upgread.interface",
                                  "upgrade_dbus_method_UpgreadDebug", "rpp", kPatience));
   ExpectLog("Load version inf done!", from);
-  const auto part = Identified(from, kNew);
+  const auto part = Identified(from);
   ExpectLog(kSuccess, from);
-  EXPECT_EQ(part->Application(), second.application);
+  ExpectUpgraded(*part, package);
 }
 
 /// A step of the 7308's upgrade, whose answer goes wrong.
@@ -386,10 +449,11 @@ TEST_F(PpTest, AnswersMayComeTwiceInPiecesOrAfterNoise) {
   PpStation station({package});
   for (const Kind kind : {Kind::Double, Kind::Split, Kind::Noise}) {
     SCOPED_TRACE("fault " + std::to_string(static_cast<int>(kind)));
-    std::vector<Fault> faults;
-    for (const Phase phase : acks) faults.push_back({kind, phase, 30});
     // A version in pieces of a byte would take longer than it is waited for.
-    if (kind != Kind::Split) faults.push_back({kind, Phase::PpVersion, 30});
+    std::vector<Fault> faults = {{kind == Kind::Split ? Kind::Double : kind, Phase::PpVersion, 30}};
+    std::transform(acks.begin(), acks.end(), std::back_inserter(faults), [&](Phase phase) {
+      return Fault{kind, phase, 30};
+    });
     std::size_t from = 0;
     const auto part = Identified(from, kOld, faults);
     ExpectLog(kSuccess, from);
@@ -414,8 +478,10 @@ TEST_F(PpTest, PartPulledInAnyPhaseIsUpgradedWhenItIsBack) {
     const bool isRadio = phase >= Phase::RtxRom && phase <= Phase::RtxVerify;
     EXPECT_LT(std::chrono::steady_clock::now() - began, (isRadio ? 1s : 7s) * kSlowness);
     part->conduct().ClearFaults();
-    from = Now();
-    part->Plug();
+    Identify(from, [&] {
+      part->Unplug();
+      part->Plug();
+    });
     ExpectLog(kSuccess, from);
     EXPECT_EQ(part->Versions().software, kNew.software);
   }
@@ -546,9 +612,9 @@ TEST_F(PpTest, SurvivesAThousandRandomPlugs) {
 /// A moment at which the daemon is told to stop.
 struct Moment {
   const char* name;
+  std::size_t count;  ///< this phase is reached so often
   Phase phase;
-  std::size_t count;  ///< reached so often
-  bool silent;        ///< the part answers no more
+  bool silent;  ///< the part answers no more
 };
 
 void PrintTo(const Moment& moment, std::ostream* out) {
@@ -556,15 +622,15 @@ void PrintTo(const Moment& moment, std::ostream* out) {
 }
 
 const Moment kMoments[] = {
-    {"ItIsAskedForItsVersion", Phase::PpVersion, 1, true},
-    {"ItEntersItsUpgrade", Phase::PpStart, 1, false},
-    {"ItTakesPackets", Phase::PpPacket, 2, false},
-    {"ItIsSilent", Phase::PpPacket, 2, true},
-    {"ItRestarts", Phase::PpDone, 1, false},
-    {"ItsRadioBoots", Phase::RtxRom, 1, true},
-    {"ItsRadioIsProgrammed", Phase::RtxProgram, 2, false},
-    {"ItsRadioIsSilent", Phase::RtxErase, 2, true},
-    {"ItHearsTheResult", Phase::PpRadioResult, 1, true},
+    {"ItIsAskedForItsVersion", 1, Phase::PpVersion, true},
+    {"ItEntersItsUpgrade", 1, Phase::PpStart, false},
+    {"ItTakesPackets", 2, Phase::PpPacket, false},
+    {"ItIsSilent", 2, Phase::PpPacket, true},
+    {"ItRestarts", 1, Phase::PpDone, false},
+    {"ItsRadioBoots", 1, Phase::RtxRom, true},
+    {"ItsRadioIsProgrammed", 2, Phase::RtxProgram, false},
+    {"ItsRadioIsSilent", 2, Phase::RtxErase, true},
+    {"ItHearsTheResult", 1, Phase::PpRadioResult, true},
 };
 
 class PpStop : public PpTest, public ::testing::WithParamInterface<Moment> {};
@@ -586,3 +652,14 @@ TEST_P(PpStop, EndsTheUpgradeInOrder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(While, PpStop, ::testing::ValuesIn(kMoments), kRowName);
+
+TEST_F(PpTest, StopEndsTheWaitForA7204sRestart) {
+  PpStation station({Make7204Package("S1.0.3.1")});
+  Pp7204 part(kOld, {{Kind::Silent, Phase::PpFile}});
+  ASSERT_TRUE(part.conduct().WaitFor(Phase::PpFile, kPatience)) << Daemon::Log();
+  const auto began = std::chrono::steady_clock::now();
+  const auto status = station.daemon().Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 300ms * kSlowness);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(*status, 0);
+}

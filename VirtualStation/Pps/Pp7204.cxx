@@ -50,11 +50,11 @@ void LetGo(const Disk& disk) {
 
 }  // namespace
 
-Pp7204::Pp7204(const PpVersions& versions, const std::vector<Fault>& faults, PpNodes nodes)
+Pp7204::Pp7204(PpVersions versions, const std::vector<Fault>& faults, PpNodes nodes)
     : m_nodes(std::move(nodes)),
       m_conduct(faults),
       m_voice(kFamily, m_conduct, m_line),
-      m_versions(versions),
+      m_versions(std::move(versions)),
       m_stop(eventfd(0, EFD_CLOEXEC)),
       m_line(m_nodes.serial, Line::kUsb, [this](const Bytes& bytes) { _Receive(bytes); }) {
   const std::lock_guard<std::mutex> lock(m_mutex);

@@ -24,7 +24,7 @@ struct PpNodes {
 class Pp7204 {
  public:
   /// Plugs in, with these faults armed. The fault Refuse in phase PpFile lets it come back as it was.
-  explicit Pp7204(const PpVersions& versions = {}, const std::vector<Fault>& faults = {}, PpNodes nodes = {});
+  explicit Pp7204(PpVersions versions = {}, const std::vector<Fault>& faults = {}, PpNodes nodes = {});
   ~Pp7204();
   Pp7204(const Pp7204&) = delete;
   Pp7204& operator=(const Pp7204&) = delete;

@@ -15,6 +15,7 @@
 #include "VirtualStation/Pps/Pp7308.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace station {
 namespace {
@@ -34,11 +35,11 @@ std::string RadioVersion(const RtxCore& radio) {
 
 }  // namespace
 
-Pp7308::Pp7308(const std::string& device, const PpVersions& versions, const std::vector<Fault>& faults)
+Pp7308::Pp7308(const std::string& device, PpVersions versions, const std::vector<Fault>& faults)
     : m_conduct(faults),
       m_radio(m_conduct, m_line),
       m_voice(kFamily, m_conduct, m_line),
-      m_versions(versions),
+      m_versions(std::move(versions)),
       m_line(
           device, Line::kUsb, [this](const Bytes& bytes) { _Receive(bytes); }, [this] { _BootRadio(); }) {}
 

@@ -16,7 +16,7 @@ namespace station {
 class Pp7308 {
  public:
   /// Plugs in at `device`, with these faults armed.
-  explicit Pp7308(const std::string& device = "/dev/ttyUSB1", const PpVersions& versions = {},
+  explicit Pp7308(const std::string& device = "/dev/ttyUSB1", PpVersions versions = {},
                   const std::vector<Fault>& faults = {});
 
   Conduct& conduct() { return m_conduct; }

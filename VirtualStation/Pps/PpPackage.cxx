@@ -38,7 +38,7 @@ PpPackage Make7308Package(const std::string& version, const std::string& radioVe
   WriteText(base + "/in/K7308_PP_APP.bin", {package.application.begin(), package.application.end()});
   const RtxFiles files = MakeRtxFiles(radioVersion, radio);
   for (const auto& [name, content] : files) {
-    WriteText(base + "/in/RTX/" + name, content);
+    WriteText(fs::path(base) / "in/RTX" / name, content);
   }
   Zip(base + "/in", base + "/" + package.fileName);
   package.content = ReadText(base + "/" + package.fileName);

@@ -89,7 +89,10 @@ UpgradeStateType Pp7204Sequence::_Upg7204(const UpgPp::PpFw_t& firmware) {
 bool Pp7204Sequence::_WaitForStorage() {
   PpSignals::Lock lock = m_signals.Hold();
   LOGI("storage dev loading...");
-  if (!m_signals.WaitFor(lock, kStorageTime, [this] { return !m_devices.CurrentStorage().empty(); })) {
+  const bool came = m_signals.WaitFor(lock, kStorageTime, [this] {
+    return !m_devices.CurrentStorage().empty() || m_devices.IsStorageAmbiguous();
+  });
+  if (!came) {
     if (!m_signals.Stopping()) {
       LOGE("Waiting for loading of storage dev timeout.m_iLongTermFlags:%d", m_signals.LongTermFlags());
     }
@@ -99,7 +102,13 @@ bool Pp7204Sequence::_WaitForStorage() {
   m_signals.WaitFor(lock, kPartitionTime,
                     [this] { return !PpDevices::IsWholeDisk(m_devices.CurrentStorage()); });
   m_str7204Dev = m_devices.CurrentStorage();
-  return !m_str7204Dev.empty();  // it may have gone meanwhile
+  if (!m_str7204Dev.empty() || m_signals.Stopping()) return !m_str7204Dev.empty();
+  if (m_devices.IsStorageAmbiguous()) {
+    LOGE("Which storage is that of %s is not clear: plug it in alone", m_devices.Current().c_str());
+  } else {
+    LOGE("Storage of %s went again", m_devices.Current().c_str());
+  }
+  return false;
 }
 
 bool Pp7204Sequence::_CopyFirmware(const UpgPp::PpFw_t& firmware) {
@@ -114,18 +123,26 @@ bool Pp7204Sequence::_CopyFirmware(const UpgPp::PpFw_t& firmware) {
   XDeleteFile(path + "/" + firmware.m_strFileName);
   const std::string command = "cp " + ShellQuote(directory + "/" + firmware.m_strFileName) + " " + path;
   LOGI("CMd:%s", command.c_str());
-  const bool copied = QVUpgradeTool::ExecCommand(command) == 0;
-  if (!copied) {
-    LOGE("Failed to copy fw file.");
-    // The part would take a half for firmware.
-    XDeleteFile(path + "/" + firmware.m_strFileName);
-  }
-  QVUpgradeTool::ExecCommand("sync");
-  return copied;
+  const bool written = QVUpgradeTool::ExecCommand(command) == 0;
+  const bool synced = QVUpgradeTool::ExecCommand("sync") == 0;
+  if (written && synced && _IsStillIn()) return true;
+  if (!m_signals.Stopping()) LOGE("Failed to copy fw file.");
+  // The part would take a half for firmware.
+  XDeleteFile(path + "/" + firmware.m_strFileName);
+  return false;
+}
+
+/// Writing to a storage that is gone succeeds as long as memory takes the bytes.
+bool Pp7204Sequence::_IsStillIn() {
+  const PpSignals::Lock lock = m_signals.Hold();
+  return m_signals.Has(EM_FLAG_PLUG_IN) && m_devices.HasStorage(m_str7204Dev);
 }
 
 UpgradeStateType Pp7204Sequence::_WaitForRestart() {
+  PpSignals::Lock lock = m_signals.Hold();
+  // One that is in has yet to come back.
+  if (m_signals.Has(EM_FLAG_PLUG_IN)) m_signals.Clear(EM_FLAG_7204_RE_INSERT);
   // One that takes longer to go has the file all the same.
-  m_signals.WaitFor(EM_FLAG_7204_RE_INSERT, kRestartTime);
+  m_signals.WaitFor(lock, kRestartTime, [this] { return m_signals.Has(EM_FLAG_7204_RE_INSERT); });
   return m_signals.Has(EM_FLAG_7204_RE_INSERT | EM_FLAG_PLUG_IN) ? EM_STATE_UPG_SUCCESS : EM_STATE_INTERRUPT;
 }

@@ -20,10 +20,13 @@ class Pp7204Sequence {
   UpgPp::UpgradeStateType _Upg7204(const UpgPp::PpFw_t& firmware);
 
  private:
-  /// Waits for the storage node; false, logged, when none came in time.
+  /// Waits for the storage node; false, logged, when none came in time, it is not clear whose it is, or it
+  /// went again.
   bool _WaitForStorage();
-  /// True when all of the file is on the storage.
+  /// True when all of the file is on the storage, and that is still there.
   bool _CopyFirmware(const UpgPp::PpFw_t& firmware);
+  /// True when neither the part nor its storage has gone since its turn began.
+  bool _IsStillIn();
   UpgPp::UpgradeStateType _WaitForRestart();
 
   PpSignals& m_signals;

@@ -31,6 +31,7 @@
 #include "UpgradePp/PpMessages.h"
 
 using namespace UpgPp;
+using Answer = PpLink::Answer;
 
 namespace {
 
@@ -49,7 +50,7 @@ constexpr seconds kRtxStopTime(5);
 constexpr const char* kRtxDirectory = "RTX";
 
 /// Far beyond a part's flash, and within the four bytes that tell the size.
-constexpr size_t kMaxImageBytes = 64U * 1024U * 1024U;
+constexpr int64_t kMaxImageBytes = 64 * 1024 * 1024;
 
 std::string ImagePath(const UpgPp::PpFw_t& firmware) {
   const bool endsInSlash = !firmware.m_strFwPath.empty() && firmware.m_strFwPath.back() == '/';
@@ -68,8 +69,9 @@ void Pp7308Sequence::CleanUp() {
   m_upgPpRtx.CleanUp();
 }
 
-UpgradeStateType Pp7308Sequence::_Upg7308(const UpgPp::PpFw_t& firmware, const std::string& device) {
-  const bool transferred = _StartUpg() && _RrepareFwInfo(firmware) == EM_RET_SUCESS &&
+UpgradeStateType Pp7308Sequence::_Upg7308(UpgPp::PpType type, const UpgPp::PpFw_t& firmware,
+                                          const std::string& device) {
+  const bool transferred = _StartUpg() && _RrepareFwInfo(type, firmware) == EM_RET_SUCESS &&
                            _RrepareFwDataPack(firmware) == EM_RET_SUCESS && _FinishTransfer() &&
                            _ReCheckVersion(firmware);
   if (!transferred) return EM_STATE_FAILED;
@@ -78,21 +80,24 @@ UpgradeStateType Pp7308Sequence::_Upg7308(const UpgPp::PpFw_t& firmware, const s
 }
 
 bool Pp7308Sequence::_StartUpg() {
-  if (m_link.Request(EM_NEW_CMD_REQ_START_UPG, EM_FLAG_START_UPG_ACK, PpLink::m_iWaitTime)) {
-    return CThread::Pause(kEraseMs);
-  }
-  if (!m_signals.Stopping()) LOGE("Waiting for ACK of [NOTIFY_UPG] timeout");
-  return false;
+  const Answer answer = m_link.Request(EM_NEW_CMD_REQ_START_UPG, EM_FLAG_START_UPG_ACK, PpLink::m_iWaitTime);
+  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [NOTIFY_UPG] timeout");
+  return answer == Answer::Came && CThread::Pause(kEraseMs);
 }
 
-Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(const UpgPp::PpFw_t& firmware) {
+Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(UpgPp::PpType type, const UpgPp::PpFw_t& firmware) {
   const std::string file = ImagePath(firmware);
   const int64_t size = firmware.m_strFileName.empty() ? -1 : XGetFileSize(file);
   if (size < 0) {
     LOGE("Get file size error!file:%s, iFileSize:%zu", file.c_str(), static_cast<size_t>(size));
     return EM_RET_ERROR;
   }
-  const bool is7204 = Is7204Pp(m_link.Info().m_emPpType);
+  if (size > kMaxImageBytes) {
+    LOGE("Firmware %s of %lld bytes is too large, limit:%lld", file.c_str(), static_cast<long long>(size),
+         static_cast<long long>(kMaxImageBytes));
+    return EM_RET_ERROR;
+  }
+  const bool is7204 = Is7204Pp(type);
   const PpLink::Bytes data =
       PpMessages::FirmwareInfo(is7204 ? PpMessages::EM_CFG_PP_7204 : PpMessages::EM_CFG_PP_7308,
                                static_cast<uint64_t>(size), firmware.m_vecVerNum, firmware.m_strFileName);
@@ -102,10 +107,11 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(const UpgPp::PpFw_t& f
   }
   // A 7204 asks its user first.
   const milliseconds time = is7204 ? milliseconds(PpLink::m_i7204UpgTime) : PpLink::m_iWaitTime;
-  const bool answered =
+  const Answer answer =
       m_link.Request(EM_NEW_CMD_REQ_SEND_FW_INFO, EM_FLAG_SEND_FW_INFO_ACK | EM_FLAG_DO_NOT_UPG, time, data);
-  if (answered) return m_signals.Has(EM_FLAG_DO_NOT_UPG) ? EM_RET_ERROR : EM_RET_SUCESS;
-  if (!m_signals.Stopping()) LOGE("Waiting for ACK of [SEND_FW_INFO] timeout");
+  if (answer == Answer::Came) return m_signals.Has(EM_FLAG_DO_NOT_UPG) ? EM_RET_ERROR : EM_RET_SUCESS;
+  if (answer == Answer::GivenUp) return EM_RET_ERROR;
+  LOGE("Waiting for ACK of [SEND_FW_INFO] timeout");
   return EM_RET_TIMEOUT;
 }
 
@@ -127,32 +133,29 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwDataPack(const UpgPp::PpFw_
   for (size_t index = 0; index < image.size(); index += kPackSize, ++number) {
     const size_t size = std::min(kPackSize, image.size() - index);
     LOGD("Index:%zu, iCount:%d, iNum:%d, Size:%zu", index, count, number, size);
-    if (m_link.Request(EM_NEW_CMD_REQ_SEND_DATA_PACK, EM_FLAG_SEND_PACK_ACK, PpLink::m_iWaitTime,
-                       PpMessages::DataPack(number, bytes + index, size))) {
-      continue;
-    }
-    if (!m_signals.Stopping()) {
-      LOGE("Waiting for ACK of [SEND_PACK] timeout.Index:%zu, iNum:%d", index, number);
-    }
+    const Answer answer =
+        m_link.Request(EM_NEW_CMD_REQ_SEND_DATA_PACK, EM_FLAG_SEND_PACK_ACK, PpLink::m_iWaitTime,
+                       PpMessages::DataPack(number, bytes + index, size));
+    if (answer == Answer::Came) continue;
+    if (answer == Answer::GivenUp) return EM_RET_ERROR;
+    LOGE("Waiting for ACK of [SEND_PACK] timeout.Index:%zu, iNum:%d", index, number);
     return EM_RET_TIMEOUT;
   }
   return EM_RET_SUCESS;
 }
 
 bool Pp7308Sequence::_FinishTransfer() {
-  if (m_link.Request(EM_NEW_CMD_REQ_SEND_FW_DONE, EM_FLAG_SEND_PACK_DONE_ACK, PpLink::m_iWaitTime)) {
-    return CThread::Pause(kRestartMs);
-  }
-  if (!m_signals.Stopping()) LOGE("Waiting for ACK of [SEND_PACK_DONE] timeout");
-  return false;
+  const Answer answer =
+      m_link.Request(EM_NEW_CMD_REQ_SEND_FW_DONE, EM_FLAG_SEND_PACK_DONE_ACK, PpLink::m_iWaitTime);
+  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [SEND_PACK_DONE] timeout");
+  return answer == Answer::Came && CThread::Pause(kRestartMs);
 }
 
 bool Pp7308Sequence::_ReCheckVersion(const UpgPp::PpFw_t& firmware) {
   LOGI("Re-check version!");
-  if (!m_link.RequestVersion(PpLink::m_iWaitTime)) {
-    if (!m_signals.Stopping()) LOGE("Waiting for the version after the upgrade timeout");
-    return false;
-  }
+  const Answer answer = m_link.RequestVersion(PpLink::m_iWaitTime);
+  if (answer == Answer::TimedOut) LOGE("Waiting for the version after the upgrade timeout");
+  if (answer != Answer::Came) return false;
   const PpInfo_t info = m_link.Info();
   if (info.strVerison == firmware.m_strVerison) return true;
   LOGE("Upgrade failed!FwVer:%s, ReadVer:%s", firmware.m_strVerison.c_str(), info.strVerison.c_str());
@@ -160,10 +163,9 @@ bool Pp7308Sequence::_ReCheckVersion(const UpgPp::PpFw_t& firmware) {
 }
 
 bool Pp7308Sequence::_UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::string& device) {
-  if (!m_link.Request(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, kRtxConsentTime)) {
-    if (!m_signals.Stopping()) LOGE("Waiting for ACK of [REQ_UPG_RTX] timeout");
-    return false;
-  }
+  const Answer answer = m_link.Request(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, kRtxConsentTime);
+  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [REQ_UPG_RTX] timeout");
+  if (answer != Answer::Came) return false;
   const size_t slash = firmware.m_strFwPath.rfind('/');
   if (slash == std::string::npos) {
     std::fputs("Invalid path format.\n", stderr);

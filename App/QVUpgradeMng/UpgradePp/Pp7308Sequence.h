@@ -17,13 +17,15 @@ class Pp7308Sequence {
 
   /// Starts the threads of the radio module's upgrader; false, logged, when one cannot start.
   bool Init();
-  /// Ends a run of the radio module's upgrader, for good. Not under way with Run, unless EM_FLAG_CLEAN_UP is
-  /// set.
+  /// Ends a run of the radio module's upgrader, for good. While _Upg7308 is under way only after
+  /// EM_FLAG_CLEAN_UP was set: no result comes any more.
   void CleanUp();
 
-  /// Upgrades the part behind `device`, whose newer port is open, to `firmware`: success or failure. Ends as
-  /// failed when any answer is missing, and at once on EM_FLAG_CLEAN_UP. State thread, no lock held.
-  UpgPp::UpgradeStateType _Upg7308(const UpgPp::PpFw_t& firmware, const std::string& device);
+  /// Upgrades the part behind `device`, whose newer port is open, to `firmware`, that of its `type`: success
+  /// or failure. Ends as failed when any answer is missing, and at once on EM_FLAG_CLEAN_UP. State thread, no
+  /// lock held.
+  UpgPp::UpgradeStateType _Upg7308(UpgPp::PpType type, const UpgPp::PpFw_t& firmware,
+                                   const std::string& device);
 
   /// The part was pulled out: ends the radio module's upgrade, if one is under way. Any thread, no lock held.
   void OnPlugOut();
@@ -37,7 +39,7 @@ class Pp7308Sequence {
   };
 
   bool _StartUpg();
-  RetValType _RrepareFwInfo(const UpgPp::PpFw_t& firmware);
+  RetValType _RrepareFwInfo(UpgPp::PpType type, const UpgPp::PpFw_t& firmware);
   RetValType _RrepareFwDataPack(const UpgPp::PpFw_t& firmware);
   bool _FinishTransfer();
   bool _ReCheckVersion(const UpgPp::PpFw_t& firmware);

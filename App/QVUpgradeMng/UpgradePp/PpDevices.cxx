@@ -3,13 +3,17 @@
 #include "UpgradePp/PpDevices.h"
 
 #include <algorithm>
+#include <regex>
 #include <utility>
 
 namespace {
 
-/// A 7204's storage comes within this time before its serial device, or later. What was there earlier is a
-/// stick.
-constexpr std::chrono::seconds kStorageBefore(3);
+constexpr const char* m_str7204DeviceFile = "/dev/ttyACM[0-9]";
+
+/// What comes within this time of a part may belong to it. The nodes of one part come within a second, but
+/// the hot-plug monitor syncs the disks before it tells of each; where that takes longer than this the part
+/// is left without a storage, and asked again at its next plug-in.
+constexpr std::chrono::seconds kTogether(10);
 
 std::string DiskOf(const std::string& node) {
   return node.substr(0, node.find_last_not_of("0123456789") + 1);
@@ -78,9 +82,35 @@ void PpDevices::StorageWent(const std::string& node) {
                      m_vecStorage.end());
 }
 
+bool PpDevices::_CameWithCurrent(Time since) const {
+  return since <= m_currentSince + kTogether && m_currentSince <= since + kTogether;
+}
+
+std::set<std::string> PpDevices::_CurrentDisks() const {
+  std::set<std::string> disks;
+  for (const Storage& storage : m_vecStorage) {
+    if (_CameWithCurrent(storage.since)) disks.insert(DiskOf(storage.node));
+  }
+  return disks;
+}
+
+bool PpDevices::IsStorageAmbiguous() const {
+  const auto parts =
+      std::count_if(m_vecUsbHotPlugInfo.begin(), m_vecUsbHotPlugInfo.end(), [this](const Record& record) {
+        return record.info.bState && MayHaveStorage(record.info.strDevFile) && _CameWithCurrent(record.since);
+      });
+  return parts > 1 || _CurrentDisks().size() > 1;
+}
+
+bool PpDevices::HasStorage(const std::string& node) const {
+  return std::any_of(m_vecStorage.begin(), m_vecStorage.end(),
+                     [&node](const Storage& storage) { return storage.node == node; });
+}
+
 std::string PpDevices::CurrentStorage() const {
-  if (m_vecStorage.empty() || m_vecStorage.back().since + kStorageBefore < m_currentSince) return {};
-  const std::string disk = DiskOf(m_vecStorage.back().node);
+  const std::set<std::string> disks = _CurrentDisks();
+  if (disks.empty() || IsStorageAmbiguous()) return {};
+  const std::string& disk = *disks.begin();
   std::string first;
   for (const Storage& storage : m_vecStorage) {
     const std::string& node = storage.node;
@@ -90,6 +120,11 @@ std::string PpDevices::CurrentStorage() const {
       first = node;
   }
   return first.empty() ? disk : first;
+}
+
+bool PpDevices::MayHaveStorage(const std::string& device) {
+  static const std::regex pattern(m_str7204DeviceFile);
+  return std::regex_match(device, pattern);
 }
 
 bool PpDevices::IsWholeDisk(const std::string& node) {

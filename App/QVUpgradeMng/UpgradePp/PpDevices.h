@@ -9,6 +9,7 @@
 #include <chrono>
 #include <deque>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -51,10 +52,16 @@ class PpDevices {
   void StorageCame(const std::string& node, Time now);
   void StorageWent(const std::string& node);
   [[nodiscard]] bool AnyStorage() const { return !m_vecStorage.empty(); }
-  /// The storage node that came with the current device: of the disk that came last its first partition, the
-  /// disk itself when it has none. Empty while there is none.
+  /// The storage node that came with the current device: the first partition of its disk, the disk itself
+  /// when it has none. Empty while there is none, and while IsStorageAmbiguous.
   [[nodiscard]] std::string CurrentStorage() const;
+  /// True when the storage may be another's: two disks, or two parts that may have one, came with the current
+  /// device.
+  [[nodiscard]] bool IsStorageAmbiguous() const;
+  [[nodiscard]] bool HasStorage(const std::string& node) const;
 
+  /// True for a serial device of the kind that a 7204 has.
+  static bool MayHaveStorage(const std::string& device);
   /// True for the node of a whole disk, "/dev/sda".
   static bool IsWholeDisk(const std::string& node);
 
@@ -75,6 +82,9 @@ class PpDevices {
 
   Record* _Find(const std::string& device);
   [[nodiscard]] std::deque<Turn>::const_iterator _Next() const;
+  [[nodiscard]] bool _CameWithCurrent(Time since) const;
+  /// The disks that came with the current device, each once.
+  [[nodiscard]] std::set<std::string> _CurrentDisks() const;
 
   std::vector<Record> m_vecUsbHotPlugInfo;  ///< one per device, in the order of their first event
   std::deque<Turn> m_deqTurns;

@@ -21,6 +21,7 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
+#include "BSW/MultiTask/CThread.h"
 #include "BSW/Serial/HexText.h"
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
 #include "UpgradeFrame/AccessMng/PpStore.h"
@@ -37,6 +38,8 @@ constexpr mode_t kDirectoryMode = 0755;
 constexpr const char* k7308 = "7308";
 constexpr const char* k7308Image = "K7308_PP_APP.bin";
 constexpr const char* k7204Extension = ".ota";
+constexpr const char* k7204DvtHardware = "H100";
+constexpr const char* k7204EvtHardware = "H000";
 
 constexpr const char* kDefaultSwVersion = "V0.0.0.00";
 constexpr const char* kDefaultVersion = "V0.0.0.0";
@@ -103,7 +106,10 @@ bool Unpack(const std::string& archive, const std::string& directory) {
                         PackageSteps::IsRegularFileItself(directory + k7308Image) &&
                         PpStore::PackageNames(directory, *PpStore::Find(k7308)).size() == archives.size();
   if (unpacked) return true;
-  LOGE("Unzip failed!Info, strSrcPath:%s, strDesPath:%s", archive.c_str(), directory.c_str());
+  // A stop ends the command, or keeps it from being run.
+  if (!CThread::StopRequested()) {
+    LOGE("Unzip failed!Info, strSrcPath:%s, strDesPath:%s", archive.c_str(), directory.c_str());
+  }
   RemoveUnpacked(directory, archives);
   return false;
 }
@@ -135,24 +141,28 @@ bool IsKnown(int type) {
 
 bool PpFirmwareStore::Load(Found& found, const std::string& directory, const std::string& versionFile) {
   found = Found();
-  const bool has7308 = _Load7308FwInfo(directory + "/" + k7308 + "/", found);
-  const bool has7204 = _Load7204FwInfo(directory + "/7204/", found);
-  const bool hasVersions = _LoadVersionFile(versionFile, found.firmware);
+  {
+    // A package that is imported between a listing and what follows from it would be lost.
+    const auto held = PpStore::Hold();
+    _Load7308FwInfo(directory + "/" + k7308 + "/", found);
+    _Load7204FwInfo(directory + "/7204/", found);
+  }
+  _LoadVersionFile(versionFile, found.firmware);
   for (auto& [type, firmware] : found.firmware) {
     SetIfEmpty(firmware.m_strVerison, kDefaultSwVersion);
     SetIfEmpty(firmware.m_strHwVerison, kDefaultVersion);
     SetIfEmpty(firmware.m_strRtxVerison, kDefaultVersion);
   }
   LOGI("Load version inf done!");
-  return has7308 && has7204 && hasVersions;
+  return found.has7308 || found.has7204Dvt || found.has7204Evt;
 }
 
-bool PpFirmwareStore::_Load7308FwInfo(const std::string& directory, Found& found) {
-  if (!PrepareDirectory(directory)) return false;
+void PpFirmwareStore::_Load7308FwInfo(const std::string& directory, Found& found) {
+  if (!PrepareDirectory(directory)) return;
   const std::string archive = FindPackage(directory, k7308, ".zip");
   if (archive.empty()) {
     LOGE("Error zip package of 7308!ErrVal:%s", directory.c_str());
-    return false;
+    return;
   }
   LOGI("7308 FwPackage:%s", archive.c_str());
   PpFw_t firmware;
@@ -160,25 +170,29 @@ bool PpFirmwareStore::_Load7308FwInfo(const std::string& directory, Found& found
   firmware.m_strFileName = k7308Image;
   if (!_ParseVerNum(VersionIn(archive), firmware)) {
     LOGE("Error version name of 7308");
-    return false;
+    return;
   }
-  if (!Unpack(directory + archive, directory)) return false;
+  if (!Unpack(directory + archive, directory)) return;
   found.firmware[UpgPp::EM_PP_7308] = std::move(firmware);
   found.has7308 = true;
-  return true;
 }
 
-bool PpFirmwareStore::_Load7204FwInfo(const std::string& directory, Found& found) {
-  if (!PrepareDirectory(directory)) return false;
+void PpFirmwareStore::_Load7204FwInfo(const std::string& directory, Found& found) {
+  // Without firmware one is paired all the same.
+  PpFw_t& dvtFirmware = found.firmware[UpgPp::EM_PP_7204];
+  PpFw_t& evtFirmware = found.firmware[UpgPp::EM_PP_7204_EVT];
+  dvtFirmware.m_strHwVerison = k7204DvtHardware;
+  evtFirmware.m_strHwVerison = k7204EvtHardware;
+  if (!PrepareDirectory(directory)) return;
   const std::string dvt = FindPackage(directory, "7204", k7204Extension);
   if (!dvt.empty()) {
     LOGI("Dvt FW!!! Name:%s", dvt.c_str());
-    found.has7204Dvt = _Add7204(UpgPp::EM_PP_7204, "H100", directory, dvt, found.firmware);
+    found.has7204Dvt = _Add7204(directory, dvt, dvtFirmware);
   }
   const std::string evt = FindPackage(directory, "7204_EVT", k7204Extension);
   if (!evt.empty()) {
     LOGI("EVT FW!!! Name:%s", evt.c_str());
-    found.has7204Evt = _Add7204(UpgPp::EM_PP_7204_EVT, "H000", directory, evt, found.firmware);
+    found.has7204Evt = _Add7204(directory, evt, evtFirmware);
   }
   if (found.has7204Dvt && found.has7204Evt) {
     LOGI("Find all type fw.");
@@ -189,17 +203,12 @@ bool PpFirmwareStore::_Load7204FwInfo(const std::string& directory, Found& found
   } else {
     LOGE("Not find all type fw.");
   }
-  return found.has7204Dvt || found.has7204Evt;
 }
 
-bool PpFirmwareStore::_Add7204(PpType type, const char* hardware, const std::string& directory,
-                               const std::string& fileName, PpFwMap& firmware) {
-  PpFw_t added;
-  added.m_strHwVerison = hardware;
-  added.m_strFwPath = directory;
-  added.m_strFileName = fileName;
-  if (!_ParseVerNum(VersionIn(fileName), added)) return false;
-  firmware[type] = std::move(added);
+bool PpFirmwareStore::_Add7204(const std::string& directory, const std::string& fileName, PpFw_t& firmware) {
+  if (!_ParseVerNum(VersionIn(fileName), firmware)) return false;
+  firmware.m_strFwPath = directory;
+  firmware.m_strFileName = fileName;
   return true;
 }
 
@@ -216,17 +225,17 @@ bool PpFirmwareStore::_ParseVerNum(const std::string& version, PpFw_t& firmware)
 }
 
 /// Of a type with a package the entry gives the hardware and RTX versions alone.
-bool PpFirmwareStore::_LoadVersionFile(const std::string& path, PpFwMap& firmware) {
+void PpFirmwareStore::_LoadVersionFile(const std::string& path, PpFwMap& firmware) {
   Json::Value document;
   std::string error;
   if (!JsonUtils::ReadFileToJson(path, document, &error)) {
     LOGE("Occurred err while ReadFileToJson.%s: %s", path.c_str(), error.c_str());
-    return false;
+    return;
   }
   const Json::Value entries = document.isObject() ? document["PpVer"] : Json::Value();
   if (!entries.isArray() && !entries.isObject()) {
     LOGE("Error member 'PpVer' in file:%s", path.c_str());
-    return false;
+    return;
   }
   for (const Json::Value& entry : entries) {
     int type = 0;
@@ -245,5 +254,4 @@ bool PpFirmwareStore::_LoadVersionFile(const std::string& path, PpFwMap& firmwar
     LOGI("SwVersion:%s, HwVersion:%s, RtxVersion:%s,PpType:%d ", record.m_strVerison.c_str(),
          record.m_strHwVerison.c_str(), record.m_strRtxVerison.c_str(), type);
   }
-  return true;
 }

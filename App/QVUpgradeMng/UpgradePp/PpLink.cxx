@@ -167,12 +167,15 @@ bool PpLink::SendBuiltFrame(const Bytes& frame) {
   return m_pNewProtocol->SendFrame(reinterpret_cast<const char*>(frame.data()), size) == size;
 }
 
-bool PpLink::Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time, const Bytes& data) {
+PpLink::Answer PpLink::Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time,
+                               const Bytes& data) {
   m_signals.Clear(flags);
-  return SendCmd(cmd, data) && m_signals.WaitFor(flags, time);
+  if (!SendCmd(cmd, data)) return Answer::GivenUp;
+  if (m_signals.WaitFor(flags, time)) return Answer::Came;
+  return m_signals.Stopping() ? Answer::GivenUp : Answer::TimedOut;
 }
 
-bool PpLink::RequestVersion(std::chrono::milliseconds time) {
+PpLink::Answer PpLink::RequestVersion(std::chrono::milliseconds time) {
   const bool isNew = m_emProtoclType == EM_PROT_72_NEW;
   const auto cmd = static_cast<uint16_t>(isNew ? static_cast<int>(EM_NEW_CMD_REQ_PP_VERSION)
                                                : static_cast<int>(EM_OLD_CMD_GET_PP_VERSION_INFO));
@@ -183,6 +186,12 @@ bool PpLink::RequestVersion(std::chrono::milliseconds time) {
 
 PpInfo_t PpLink::Info() {
   const PpSignals::Lock lock = m_signals.Hold();
+  return m_stPpInfo;
+}
+
+std::optional<PpInfo_t> PpLink::Reported() {
+  const PpSignals::Lock lock = m_signals.Hold();
+  if (!m_signals.Has(EM_FLAG_GET_VER)) return std::nullopt;
   return m_stPpInfo;
 }
 

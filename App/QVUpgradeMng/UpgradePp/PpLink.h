@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,13 @@ class PpLink {
  public:
   using Bytes = std::vector<uint8_t>;
   using ProtocolType = UpgPp::ProtocolType;
+
+  /// What became of a request.
+  enum class Answer {
+    Came,
+    TimedOut,
+    GivenUp,  ///< it could not be sent, which is logged, or EM_FLAG_CLEAN_UP is set
+  };
 
   static constexpr std::chrono::milliseconds m_iWaitTime{1000};  ///< for an acknowledgement of an upgrade
   static constexpr std::chrono::seconds m_i7204UpgTime{180};     ///< for a 7204's user to agree
@@ -68,13 +76,15 @@ class PpLink {
   bool SendCmd(uint16_t cmd, const Bytes& data = {});
   /// Sends a frame that is built already, on the newer protocol's port.
   bool SendBuiltFrame(const Bytes& frame);
-  /// Clears `flags`, sends, and waits until one of them is set. False also when nothing could be sent.
-  bool Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time, const Bytes& data = {});
+  /// Clears `flags`, sends, and waits until one of them is set.
+  Answer Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time, const Bytes& data = {});
   /// The version request of the assumed protocol.
-  bool RequestVersion(std::chrono::milliseconds time);
+  Answer RequestVersion(std::chrono::milliseconds time);
 
-  /// What the part reported last.
+  /// What the part reported last, or is taken for until it does.
   PpInfo_t Info();
+  /// What the part reported; nothing while EM_FLAG_GET_VER is not set.
+  std::optional<PpInfo_t> Reported();
   /// Forgets what the part reported; `type` is what it is taken for until it reports.
   void CleanInfo(UpgPp::PpType type = UpgPp::EM_PP_MAX);
 

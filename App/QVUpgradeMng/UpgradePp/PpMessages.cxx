@@ -7,6 +7,8 @@
 
 #include "BSW/BasicFun/Crc.h"
 #include "BSW/BasicFun/StringUtils.h"
+#include "BSW/Log/CLog.h"
+#include "BSW/Serial/HexText.h"
 #include "UpgradePp/PpVersion.h"
 
 namespace PpMessages {
@@ -22,7 +24,20 @@ constexpr std::string_view kModule7308 = "7308";
 constexpr size_t kVersionNumbers = 4;
 constexpr size_t kMaxTextBytes = 255;  // its length is one byte
 
-/// Takes fields from the front of received data; what is not there, or no text, spoils all that follows.
+bool IsControl(char character) {
+  const auto byte = static_cast<unsigned char>(character);
+  return byte < 0x20 || byte == 0x7F;
+}
+
+/// What a part's field says; empty, logged, when that is no text.
+std::string UsableText(const std::string& field) {
+  std::string text = field.substr(0, field.find('\0'));  // up to its padding
+  if (IsValidUtf8(text) && std::none_of(text.begin(), text.end(), IsControl)) return text;
+  LOGW("Unusable text of a PP, taken as empty:%s", HexText(field.data(), field.size()).c_str());
+  return {};
+}
+
+/// Takes fields from the front of received data; what is not there spoils all that follows.
 class Reader {
  public:
   explicit Reader(const std::vector<uint8_t>& data) : m_data(data) {}
@@ -40,10 +55,8 @@ class Reader {
     if (size > m_data.size() - m_at) m_good = false;
     if (!m_good) return {};
     const auto begin = m_data.begin() + static_cast<std::ptrdiff_t>(m_at);
-    std::string text(begin, begin + static_cast<std::ptrdiff_t>(size));
     m_at += size;
-    m_good = IsValidUtf8(text);
-    return text;
+    return UsableText({begin, begin + static_cast<std::ptrdiff_t>(size)});
   }
 
  private:

@@ -1,6 +1,10 @@
 /// The payloads between the base station and portable parts, of both protocols: how the station's are built
-/// and the parts' are read. Everything received is hostile until read whole. Stateless, logs nothing;
-/// UpgradePp is the only user.
+/// and the parts' are read. Everything received is hostile until read whole. Stateless; UpgradePp is the only
+/// user.
+///
+/// A text of a part ends at its first NUL, which parts pad with. One that is no text, since the flash behind
+/// it is erased, say, counts as empty and is logged: no UTF-8, or with control characters, which would forge
+/// lines of the log. Only lengths that do not fit spoil a reply.
 ///
 /// All numbers are little-endian. Newer frames carry a payload as McuFrame tells; legacy ones as SerialPrase.
 #pragma once
@@ -27,7 +31,7 @@ enum UpgPpCfgType {
 
 /// Reads a version reply of the newer protocol: numbers 4 | N 1 | hardware version N | M 1 | RTX version M.
 /// `family` is project number * 256 + device type of the frame: 0x7204 is EM_PP_7204 (EM_PP_7204_EVT on
-/// hardware "H000…"), all others are EM_PP_7308. Nothing when a text runs beyond the end or is no UTF-8.
+/// hardware "H000…"), all others are EM_PP_7308. Nothing when a text runs beyond the end.
 std::optional<PpInfo_t> ReadVersion(unsigned family, const std::vector<uint8_t>& data);
 
 /// The legacy version reply: radio active 1 | four texts, each behind its length byte: product module number,

@@ -44,7 +44,7 @@ struct PpInfo_t {
   std::string strVerison;
   std::string strHwVerison;
   std::string strRtxVerison;
-  std::string strStorgePath;  ///< storage node of a 7204
+  std::string strStorgePath;  ///< always empty: parts do not tell it, and PpDevices knows the node of a 7204
 
   void CleanInfo() { *this = PpInfo_t(); }
 };

@@ -38,7 +38,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* m_strUsbDeviceFile = "/dev/tty(ACM[0-9]|USB[1-8])";
-constexpr const char* m_str7204DeviceFile = "/dev/ttyACM[0-9]";
 constexpr const char* m_strStorageDev = "/dev/sd.*";
 /// The nodes among these that are disks and partitions.
 constexpr const char* kDiskNode = "/dev/sd[a-z]+[0-9]*";
@@ -194,9 +193,12 @@ void UpgradePp::_HandleHotPlug(const PpDevices::UsbHotPlugInfo& info) {
 }
 
 void UpgradePp::_PlugIn(const std::string& device) {
-  if (Matches(device, m_str7204DeviceFile)) LOGI("Identified to 7204");
+  if (PpDevices::MayHaveStorage(device)) LOGI("Identified to 7204");
   LOGI("%s usb plug in ", device.c_str());
-  _Detach(device);  // its going may have been held back
+  if (_EndTurn(device)) {  // its going was held back
+    m_7308.OnPlugOut();
+    m_link.CloseUartsOf(device);
+  }
   LOGI("Normal plug in state:%d, type:%d, m_iFlags:%d", _State(), m_link.Info().m_emPpType,
        m_signals.Flags());
   const PpSignals::Lock lock = m_signals.Hold();
@@ -207,19 +209,19 @@ void UpgradePp::_PlugIn(const std::string& device) {
 
 void UpgradePp::_PlugOut(const std::string& device) {
   LOGI("%s usb plug out ", device.c_str());
+  const bool wasUnderWay = _EndTurn(device);
   LOGI("plug out state:%d, type:%d, m_iFlags:%d", _State(), m_link.Info().m_emPpType, m_signals.Flags());
-  _Detach(device);
+  if (wasUnderWay) m_7308.OnPlugOut();
+  LOGI("m_iLongTermFlags:%d", m_signals.LongTermFlags());
+  if (wasUnderWay) m_link.CloseUartsOf(device);
 }
 
-void UpgradePp::_Detach(const std::string& device) {
-  {
-    const PpSignals::Lock lock = m_signals.Hold();
-    if (device != m_devices.Current() || !m_signals.Has(EM_FLAG_PLUG_IN)) return;
-    m_signals.Clear(EM_FLAG_PLUG_IN);
-  }
-  m_7308.OnPlugOut();
-  LOGI("m_iLongTermFlags:%d", m_signals.LongTermFlags());
-  m_link.CloseUartsOf(device);
+bool UpgradePp::_EndTurn(const std::string& device) {
+  const PpSignals::Lock lock = m_signals.Hold();
+  if (device != m_devices.Current()) return false;
+  const bool wasUnderWay = m_signals.Has(EM_FLAG_PLUG_IN);
+  m_signals.Clear(EM_FLAG_PLUG_IN | EM_FLAG_7204_RE_INSERT);
+  return wasUnderWay;
 }
 
 UpgradeStateType UpgradePp::_State() {
@@ -275,28 +277,44 @@ const char* UpgradePp::_TraceState(UpgradeStateType state) {
 UpgradeStateType UpgradePp::_HandleIdleState() {
   _CleanCache();
   PpSignals::Lock lock = m_signals.Hold();
-  if (std::exchange(m_bReadyMeanwhile, false) && _IsListening()) return EM_STATE_IDENTIFY;
   while (!m_signals.Stopping() && m_emState == EM_STATE_IDLE) {
-    if (m_bReload) {
-      m_bReload = false;
-      lock.unlock();
-      _LoadFwInfo();
-      lock.lock();
-      continue;
-    }
-    const std::optional<PpDevices::Time> due = m_devices.NextDue();
-    if (!due || !m_bCascadeClockSync) {
-      m_signals.WaitOnce(lock);
-    } else if (*due > Clock::now()) {
-      m_signals.WaitOnce(lock, *due);
-    } else {
-      _TakeTurn(lock);
-      lock.unlock();
-      m_link.CloseUarts();
-      return EM_STATE_IDENTIFY;
+    switch (_NextTask()) {
+      case Task::Wait:
+        _WaitForTask(lock);
+        break;
+      case Task::Reload:
+        m_bReload = false;
+        lock.unlock();
+        _LoadFwInfo();
+        lock.lock();
+        break;
+      case Task::TakeTurn:
+        _TakeTurn(lock);
+        lock.unlock();
+        m_link.CloseUarts();
+        return EM_STATE_IDENTIFY;
+      case Task::AskAgain:
+        return EM_STATE_IDENTIFY;
     }
   }
   return m_emState;
+}
+
+UpgradePp::Task UpgradePp::_NextTask() const {
+  if (m_bReload) return Task::Reload;
+  if (!m_bCascadeClockSync) return Task::Wait;
+  const std::optional<PpDevices::Time> due = m_devices.NextDue();
+  if (due && *due <= Clock::now()) return Task::TakeTurn;
+  return m_bReadyMeanwhile && _IsListening() ? Task::AskAgain : Task::Wait;
+}
+
+void UpgradePp::_WaitForTask(PpSignals::Lock& lock) {
+  const std::optional<PpDevices::Time> due = m_devices.NextDue();
+  if (due && m_bCascadeClockSync) {
+    m_signals.WaitOnce(lock, *due);
+  } else {
+    m_signals.WaitOnce(lock);
+  }
 }
 
 void UpgradePp::_TakeTurn(const PpSignals::Lock& lock) {
@@ -319,7 +337,7 @@ UpgradeStateType UpgradePp::_HandleIdentifyState() {
     device = m_devices.Current();
     m_bReadyMeanwhile = false;
   }
-  const bool is7204 = Matches(device, m_str7204DeviceFile);
+  const bool is7204 = PpDevices::MayHaveStorage(device);
   m_link.CleanInfo(is7204 ? UpgPp::EM_PP_7204 : UpgPp::EM_PP_MAX);
   if (is7204) {
     m_link.SetProtocol(EM_PROT_72_NEW);
@@ -334,7 +352,7 @@ UpgradeStateType UpgradePp::_HandleIdentifyState() {
       return EM_STATE_FAILED;
     }
     LOGI("Assuming protocol 0x%X, %s.", protocol, PpLink::TraceProtocolType(protocol));
-    if (m_link.RequestVersion(m_iCheckTime)) {
+    if (m_link.RequestVersion(m_iCheckTime) == PpLink::Answer::Came) {
       LOGI("Identify type of pp done!Type:0x%X, %s", m_link.Info().m_emPpType,
            PpLink::TraceProtocolType(protocol));
       return EM_STATE_CHECK_VER;
@@ -349,30 +367,31 @@ UpgradeStateType UpgradePp::_HandleCheckVerState() {
   for (int i = 0; i < kVersionTries && !m_signals.Has(EM_FLAG_GET_VER) && !m_signals.Stopping(); ++i) {
     m_link.RequestVersion(m_iCheckTime);
   }
-  const PpInfo_t info = m_link.Info();
-  if (!m_signals.Has(EM_FLAG_GET_VER)) return Is7204Pp(info.m_emPpType) ? EM_STATE_IDLE : EM_STATE_FAILED;
+  const std::optional<PpInfo_t> info = m_link.Reported();
+  if (!info) return Is7204Pp(m_link.Info().m_emPpType) ? EM_STATE_IDLE : EM_STATE_FAILED;
 
-  const auto found = m_mapPpFwInfo.find(info.m_emPpType);
+  m_emCheckedType = info->m_emPpType;
+  const auto found = m_mapPpFwInfo.find(m_emCheckedType);
   if (found == m_mapPpFwInfo.end()) {
-    LOGE("Can't find fw info of pptype:%d", info.m_emPpType);
+    LOGE("Can't find fw info of pptype:%d", m_emCheckedType);
     return EM_STATE_FAILED;
   }
-  switch (info.m_emPpType) {
+  switch (m_emCheckedType) {
     case UpgPp::EM_PP_7308:
-      return _Check7308(info, found->second);
+      return _Check7308(*info, found->second);
     case UpgPp::EM_PP_7302_03:
       m_link.CloseUart(EM_PROT_73_OLD);
       return EM_STATE_REQ_PAIR;
     case UpgPp::EM_PP_7204:
     case UpgPp::EM_PP_7204_EVT:
-      return _Check7204(info, found->second);
+      return _Check7204(*info, found->second);
     default:
-      LOGE("Not support PP type:0x%X", info.m_emPpType);
+      LOGE("Not support PP type:0x%X", m_emCheckedType);
       return EM_STATE_FAILED;
   }
 }
 
-/// One that is up to date is done; it was paired when it came from the factory.
+/// One that is up to date is done: unlike a 7204 it is not paired from here.
 UpgradeStateType UpgradePp::_Check7308(const PpInfo_t& info, const UpgPp::PpFw_t& firmware) {
   if (!m_signals.Has(EM_FLAG_7308_VER_INFO_LOADED)) {
     LOGE("Can't upg beacause of ver info not load");
@@ -402,14 +421,16 @@ UpgradeStateType UpgradePp::_Check7204(const PpInfo_t& info, const UpgPp::PpFw_t
 
 UpgradeStateType UpgradePp::_HandleUpgPpState() {
   LOGI("====================PP upgrading...=====================");
-  const UpgPp::PpType type = m_link.Info().m_emPpType;
-  const auto firmware = m_mapPpFwInfo.find(type);
+  const auto firmware = m_mapPpFwInfo.find(m_emCheckedType);
   // What is known of a family's versions alone is no firmware.
-  if (firmware == m_mapPpFwInfo.end() || firmware->second.m_strFileName.empty()) return EM_STATE_FAILED;
-  if (Is7204Pp(type)) return m_7204._Upg7204(firmware->second);
-  if (type != UpgPp::EM_PP_7308) return EM_STATE_FAILED;
+  if (firmware == m_mapPpFwInfo.end() || firmware->second.m_strFileName.empty()) {
+    LOGE("No firmware file of pptype:%d", m_emCheckedType);
+    return EM_STATE_FAILED;
+  }
+  if (Is7204Pp(m_emCheckedType)) return m_7204._Upg7204(firmware->second);
+  if (m_emCheckedType != UpgPp::EM_PP_7308) return EM_STATE_FAILED;
   UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(UI_STATUS_STARTED, 0, Json::Value(), DataDef::EM_UPG_PP);
-  return m_7308._Upg7308(firmware->second, _CurrentDevice());
+  return m_7308._Upg7308(m_emCheckedType, firmware->second, _CurrentDevice());
 }
 
 UpgradeStateType UpgradePp::_HandleReqPairState() {
@@ -472,6 +493,8 @@ void UpgradePp::_ProcPpReady() {
     return;
   }
   LOGI("PP report ready.");
-  _ToggleState(lock, EM_STATE_IDENTIFY);
+  m_bReadyMeanwhile = true;
+  // What comes first, or a clock that is out of sync, lets it wait in the idle state.
+  if (m_emState == EM_STATE_INTERRUPT || _NextTask() == Task::AskAgain) _ToggleState(lock, EM_STATE_IDENTIFY);
   m_signals.Notify();
 }

@@ -75,6 +75,14 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   };
   static const char* _TraceState(UpgradeStateType state);
 
+  /// What the idle state has to do next.
+  enum class Task {
+    Wait,
+    Reload,    ///< load the firmware information anew
+    TakeTurn,  ///< begin with the next device
+    AskAgain,  ///< the part that had its turn last has reported that it is ready
+  };
+
   // The state thread. A handler gives the next state.
   void _HandleState();
   UpgradeStateType _HandleIdleState();
@@ -88,7 +96,11 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   UpgradeStateType _HandleUpgSuccessState();
   UpgradeStateType _HandleFailedState();
   UpgradeStateType _HandleUnknownState();
-  /// Begins the turn of the next device. The lock is held.
+  /// The lock is held, as in the two below. A part that reports again and again comes after everything else.
+  Task _NextTask() const;
+  /// Until something changes, or the next device is due.
+  void _WaitForTask(PpSignals::Lock& lock);
+  /// Begins the turn of the next device.
   void _TakeTurn(const PpSignals::Lock& lock);
   /// True when the port of the part that had its turn last is still open.
   bool _IsListening() const;
@@ -108,8 +120,8 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   void _HandleHotPlug(const PpDevices::UsbHotPlugInfo& info);
   void _PlugIn(const std::string& device);
   void _PlugOut(const std::string& device);
-  /// The device went: if it is the one under way, its turn is over, though not yet its state.
-  void _Detach(const std::string& device);
+  /// The device went: if it is the one under way, its turn is over, though not yet its state. True if it was.
+  bool _EndTurn(const std::string& device);
   int _LoadStorageDevCallback(const std::string& node, bool present);
 
   /// A part reported that it is ready. On a receive thread.
@@ -130,6 +142,8 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   UpgPp::PpFwMap m_mapPpFwInfo;    ///< changed by the state thread alone
   bool m_bReload = false;          ///< the firmware information is to be loaded anew
   bool m_bReadyMeanwhile = false;  ///< the part reported that it is ready since its identification began
+
+  UpgPp::PpType m_emCheckedType = UpgPp::EM_PP_MAX;  ///< of the part under way; state thread only
 
   PpLink m_link;
   Pp7308Sequence m_7308;

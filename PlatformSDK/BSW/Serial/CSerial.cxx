@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -31,6 +32,9 @@ constexpr std::chrono::microseconds kReadPacing(10'700);
 constexpr uint32_t kReadErrorPauseMs = 100;
 // Longer than a line of 19200 baud, the slowest in use, takes to send what the driver holds (4 KiB).
 constexpr int kWriteStallMs = 3000;
+// For the last bytes of a line that is closed: a message of 1 KiB at 115200 baud.
+constexpr milliseconds kLastBytesTime(100);
+constexpr milliseconds kLastBytesPoll(5);
 
 void Drain(int eventFd) {
   uint64_t count = 0;
@@ -42,6 +46,20 @@ void Signal(int eventFd) {
   const uint64_t one = 1;
   // It can only fail when the counter is full, and then it is readable as it should be.
   (void)!write(eventFd, &one, sizeof one);
+}
+
+/// Lets the line send what the driver still holds, for a moment, and drops the rest: closing a line whose
+/// other end takes nothing would wait for it, by default for half a minute.
+void FinishSending(int fd) {
+  const Clock::time_point deadline = Clock::now() + kLastBytesTime;
+  int unsent = 0;
+  while (ioctl(fd, TIOCOUTQ, &unsent) == 0 && unsent > 0) {
+    if (Clock::now() >= deadline) {
+      tcflush(fd, TCOFLUSH);
+      return;
+    }
+    std::this_thread::sleep_for(kLastBytesPoll);
+  }
 }
 
 }  // namespace
@@ -141,6 +159,7 @@ void CSerial::_Close(std::unique_lock<std::mutex>& lock) {
   const auto record = m_pstUartMngInfo;
   Signal(m_stopFd);
   m_cvUnused.wait(lock, [this] { return m_iUsers == 0; });
+  FinishSending(fd);
   close(fd);
   LOGD("[%s] #### Close Serial OK. m_fd = %d ####", record->szDevName, fd);
 }

@@ -23,7 +23,8 @@ class CSerial {
   /// becomes the line's inter-byte time; below 100 the line cannot be set. On false the line is closed.
   bool Open(const UART_MNG_INFO_S* info, int timeoutMs);
 
-  /// Ends every read and write under way and closes the line. Always true; idempotent.
+  /// Ends every read and write under way and closes the line; what it has not sent after 100 ms is lost.
+  /// Always true; idempotent.
   bool Close();
 
   /// Ends every read and write under way, and those to come, until the next Open. The line stays open.

@@ -46,9 +46,13 @@ bool CSerialLink::DestroySerial() {
     m_bRunFlag = false;
   }
   const bool joined = m_Thread.DestroyThread(true, true);
-  const std::lock_guard<std::mutex> lock(m_portMutex);
-  m_pCSerial->Close();
-  m_bStopping = false;
+  {
+    const std::lock_guard<std::mutex> lock(m_portMutex);
+    m_pCSerial->Close();
+    ++m_iLine;
+    m_bStopping = false;
+  }
+  LineClosed();
   return joined;
 }
 

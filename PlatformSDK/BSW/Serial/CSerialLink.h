@@ -30,8 +30,8 @@ class CSerialLink {
   bool CreateSerial(const UART_MNG_INFO_S* info);
 
   /// Stops the receive thread and closes the line; a read or write under way ends at once. Waits for a
-  /// callback that runs: hold no lock that it takes. Called by a callback it closes the line and gives false;
-  /// the thread ends with the callback. Idempotent.
+  /// callback that runs: hold no lock that it takes. Nothing that was received is delivered afterwards.
+  /// Called by a callback it closes the line and gives false; the thread ends with the callback. Idempotent.
   bool DestroySerial();
 
   /// Closes the line and opens it with these settings; the receive thread goes on. False: the line is closed
@@ -51,6 +51,10 @@ class CSerialLink {
   /// The destructor of every derived class calls DestroySerial first: the thread runs its functions.
   virtual ~CSerialLink() = default;
 
+  /// DestroySerial closed the line, on the thread that calls it, with no lock held: what was received and is
+  /// not delivered yet is to be forgotten.
+  virtual void LineClosed() {}
+
   /// The receive thread's body: while IsReceiving, waits until the line is usable, reads, and recovers.
   virtual void ReceiveLoop() = 0;
 
@@ -58,7 +62,8 @@ class CSerialLink {
   /// True when the line may be used; otherwise false after at most `idleMs`, at once on a stop.
   bool WaitUntilUsable(uint32_t idleMs);
   [[nodiscard]] bool IsUsable() const;
-  /// Counts the times that the line was opened: bytes read under different numbers do not belong together.
+  /// Another number after each opening and each DestroySerial: bytes read under different numbers do not
+  /// belong together.
   [[nodiscard]] uint32_t LineNumber() const { return m_iLine.load(); }
   /// Reopens line `number` with its settings after a failed read, unless somebody else did or stopped it
   /// meanwhile.

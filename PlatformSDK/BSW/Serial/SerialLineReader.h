@@ -20,6 +20,9 @@ class SerialLineReader {
   /// `chunkSize` is the most that one refill is asked for.
   explicit SerialLineReader(size_t chunkSize);
 
+  /// Drops what was refilled and not yet read.
+  void Reset() { m_lpBufPtr = m_lpBufEnd; }
+
   /// Reads the next frame into `frame`, which has room for `maxPayload` + 6 bytes, and gives its length.
   /// Noise before the frame is dropped, and so is a head whose payload would be longer than `maxPayload`. -1
   /// when a refill brought nothing; the part of a frame that was read until then is dropped.

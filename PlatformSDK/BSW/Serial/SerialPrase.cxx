@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "BSW/BasicFun/Crc.h"
 #include "BSW/Log/CLog.h"
@@ -85,6 +86,8 @@ void SerialPrase::ReceiveLoop() {
   while (IsReceiving()) {
     if (!WaitUntilUsable(kIdleMs)) continue;
     const uint32_t line = LineNumber();
+    // What an earlier line left there is another device's.
+    if (std::exchange(m_iReadLine, line) != line) m_LineReader.Reset();
     m_bReadFailed = false;
     const int32_t length = GetLine(received.data(), m_maxPayload, false, kReadTimeoutMs);
     if (m_bReadFailed) Recover(line);

@@ -55,5 +55,6 @@ class SerialPrase : public CSerialLink {
   // Receive thread only:
   SerialLineReader m_LineReader;
   std::vector<uint8_t> m_pstUartFrame;  ///< the checked frame
+  uint32_t m_iReadLine = 0;             ///< the line number under which m_LineReader was filled
   bool m_bReadFailed = false;           ///< the line broke during the last GetLine
 };

@@ -19,6 +19,9 @@ namespace {
 
 constexpr const char* kTrafficLog = "/data/mcu.log";
 
+/// The other end is asked and answers: what is queued beyond this many of the largest frames is a flood.
+constexpr size_t kMaxQueuedFrames = 8;
+
 /// Local time as "2024-01-31 23:59:59.999".
 std::string TimeStamp() {
   timespec now{};
@@ -86,7 +89,11 @@ int SerialProtocolMng::_UartRecvCallback(const void* data, short length) {
     // The rest of a frame that the end of an earlier line cut off will never come.
     if (line != m_iQueuedLine) m_deqRecvBuf.clear();
     m_iQueuedLine = line;
-    m_deqRecvBuf.insert(m_deqRecvBuf.end(), bytes, bytes + size);
+    const bool fits = m_deqRecvBuf.size() + size <= kMaxQueuedFrames * m_iMaxRecvLen;
+    if (!fits && !m_bOverflow)
+      LOGE("Flood of received bytes, the queue is full! Size:%zu", m_deqRecvBuf.size());
+    m_bOverflow = !fits;
+    if (fits) m_deqRecvBuf.insert(m_deqRecvBuf.end(), bytes, bytes + size);
     m_bBufferReadFlag = true;
   }
   m_cvBufferRead.notify_one();
@@ -110,6 +117,15 @@ void SerialProtocolMng::OnStopRequested() {
   m_cvBufferRead.notify_all();
 }
 
+void SerialProtocolMng::LineClosed() {
+  std::unique_lock<std::mutex> lock(m_RecvLock);
+  m_deqRecvBuf.clear();
+  m_iQueuedLine = LineNumber();
+  m_cvHandled.wait(lock, [this] {
+    return m_handlingThread == std::thread::id() || m_handlingThread == std::this_thread::get_id();
+  });
+}
+
 SerialProtocolMng::RetValueType SerialProtocolMng::_ProcessRecvFrame() {
   if (!_GetRecvByte(m_vecRecvFrame)) return EM_RET_ERROR;
   McuFrameParser parser(m_vecRecvFrame.data(), m_vecRecvFrame.size(), m_iMaxRecvLen);
@@ -118,7 +134,7 @@ SerialProtocolMng::RetValueType SerialProtocolMng::_ProcessRecvFrame() {
     const uint8_t* const frame = parser.Frame();
     const size_t size = parser.FrameSize();
     if (found == Found::Frame) {
-      _HandleFrame(frame, size);
+      if (!_HandleFrame(frame, size)) break;
     } else if (found == Found::BadChecksum) {
       LOGE("Checksum mismatch! Expected:%02X Actual:%02X", CrcXor(frame, size - 1), frame[size - 1]);
     } else {
@@ -160,13 +176,23 @@ void SerialProtocolMng::_DeleteRecvByte(size_t count) {
   m_deqRecvBuf.erase(m_deqRecvBuf.begin(), m_deqRecvBuf.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-void SerialProtocolMng::_HandleFrame(const uint8_t* frame, size_t size) {
+bool SerialProtocolMng::_HandleFrame(const uint8_t* frame, size_t size) {
   const std::optional<ProtocolData_t> data = McuFrame::Unpack(frame, size);
-  if (!data) return;
+  if (!data) return true;
   ProtocolDataHandler handler;
   {
     const std::lock_guard<CMutex> lock(m_handlerMutex);
     handler = m_ProtocolDataHandler;
   }
+  {
+    // From here on a closing waits for the handler.
+    const std::lock_guard<std::mutex> lock(m_RecvLock);
+    if (m_iCopiedLine != LineNumber()) return false;
+    m_handlingThread = std::this_thread::get_id();
+  }
   if (handler) handler(*data);
+  const std::lock_guard<std::mutex> lock(m_RecvLock);
+  m_handlingThread = std::thread::id();
+  m_cvHandled.notify_all();
+  return true;
 }

@@ -14,6 +14,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BSW/MultiTask/CThread.h"
@@ -27,7 +28,8 @@ class SerialProtocolMng final : public SerialPort, public CThread {
   using CmdType = McuFrame::CmdType;
   using PayloadCfg_t = McuFrame::PayloadCfg_t;
   using ProtocolData_t = McuFrame::ProtocolData_t;
-  /// Called on the parser thread with no lock held, in the order of arrival. The result is ignored.
+  /// Called on the parser thread with no lock held, in the order of arrival. The result is ignored. It may
+  /// close the line; other threads' DestroySerial waits for it, as for the line's callback.
   using ProtocolDataHandler = std::function<bool(const ProtocolData_t&)>;
 
   /// `maxFrameLen` is the largest frame accepted, in bytes. `logTraffic` appends everything received to
@@ -45,12 +47,14 @@ class SerialProtocolMng final : public SerialPort, public CThread {
   /// the frame's number is used again then.
   bool PackAndSendFrame(const ProtocolData_t& data);
 
-  /// The line's callback: queues `length` bytes for the parser thread. 0, or -1 for no bytes at all.
+  /// The line's callback: queues `length` bytes for the parser thread; what a flood brings beyond eight
+  /// frames is dropped. 0, or -1 for no bytes at all.
   int _UartRecvCallback(const void* data, short length);
 
  protected:
   void ThreadProc() override;
   void OnStopRequested() override;
+  void LineClosed() override;
 
  private:
   enum RetValueType { EM_RET_SUCCESS = 0, EM_RET_ERROR = 1, EM_RET_NO_NEED = 2, EM_RET_MAX = 3 };
@@ -60,7 +64,8 @@ class SerialProtocolMng final : public SerialPort, public CThread {
   /// Waits for news and copies the queue. False when the thread is to stop.
   bool _GetRecvByte(std::vector<uint8_t>& bytes);
   void _DeleteRecvByte(size_t count);
-  void _HandleFrame(const uint8_t* frame, size_t size);
+  /// Hands a frame over; false when its line was closed or opened anew meanwhile.
+  bool _HandleFrame(const uint8_t* frame, size_t size);
   void _LogTraffic(const uint8_t* data, size_t length);
 
   const PayloadCfg_t m_stPayloadCfg;
@@ -72,10 +77,13 @@ class SerialProtocolMng final : public SerialPort, public CThread {
   CMutex m_handlerMutex;  ///< guards m_ProtocolDataHandler
   ProtocolDataHandler m_ProtocolDataHandler;
 
-  std::mutex m_RecvLock;                       ///< guards the queue and its line number
+  std::mutex m_RecvLock;                       ///< guards the members up to m_bOverflow
   std::condition_variable m_cvBufferRead;      ///< m_bBufferReadFlag was set, or the parser thread is to stop
   std::deque<uint8_t> m_deqRecvBuf;            ///< received, not yet parsed
-  uint32_t m_iQueuedLine = 0;                  ///< the opening of the line that m_deqRecvBuf was read from
+  uint32_t m_iQueuedLine = 0;                  ///< the line number under which m_deqRecvBuf was read
+  std::thread::id m_handlingThread;            ///< of a handler that runs
+  std::condition_variable m_cvHandled;         ///< m_handlingThread was cleared
+  bool m_bOverflow = false;                    ///< bytes were dropped, and none has found room since
   std::atomic<bool> m_bBufferReadFlag{false};  ///< there are new bytes
   std::atomic<bool> m_bIncomplete{false};      ///< what is queued is not yet a frame
 

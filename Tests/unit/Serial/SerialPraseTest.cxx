@@ -11,6 +11,7 @@
 namespace {
 
 constexpr uint32_t kMaxRecvLen = 32;
+constexpr uint8_t kHangUp = 0x7E;  // closes the port
 
 class LegacyPort : public SerialPrase {
  public:
@@ -18,6 +19,7 @@ class LegacyPort : public SerialPrase {
   ~LegacyPort() override { DestroySerial(); }
 
   int UartRecvCallback(uint8_t dataType, const uint8_t* payload, int16_t length) override {
+    if (dataType == kHangUp) DestroySerial();
     frames.Put(Bytes({dataType}) + Bytes(payload, payload + length));
     return 0;
   }
@@ -137,4 +139,14 @@ TEST(SerialPrase, CarriesFramesOverTheLineAndDropsBadOnes) {
   ASSERT_TRUE(port.RestartSerial(&info));
   peer.Send(Received(0x23, {}));
   EXPECT_EQ(port.frames.Wait(4).back(), Bytes({0x23}));
+
+  // What was read together with the last frame of one device is not the next one's.
+  peer.Send(Received(kHangUp, {}) + Received(0x24, {}));
+  port.frames.Wait(5);
+  port.DestroySerial();
+  const PtyPeer next;
+  info = next.Info();
+  ASSERT_TRUE(port.CreateSerial(&info));
+  next.Send(Received(0x25, {}));
+  EXPECT_EQ(port.frames.Wait(6).back(), Bytes({0x25}));
 }

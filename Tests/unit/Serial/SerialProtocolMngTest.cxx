@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -190,4 +192,74 @@ TEST(SerialProtocolMng, WaitsForTheRestOfAFrameWithoutSpinning) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
   }
+}
+
+// Else answers of one device would count as those of the next.
+TEST(SerialProtocolMng, DeliversNothingOnceTheLineIsClosed) {
+  PtyPeer peer;
+  McuLine line;
+  Inbox<bool> handling;
+  Inbox<bool> released;
+  line.mng.RegFrameRecvCb([&](const SerialProtocolMng::ProtocolData_t& data) {
+    handling.Put(true);
+    released.Wait(1);
+    line.messages.Put(data);
+    return true;
+  });
+  UART_MNG_INFO_S info = peer.Info();
+  ASSERT_TRUE(line.mng.CreateSerial(&info));
+  peer.Send(Frame(1) + Frame(2));
+  handling.Wait(1);
+  std::atomic<bool> closed{false};
+  std::thread closer([&] {
+    EXPECT_TRUE(line.mng.DestroySerial());
+    closed = true;
+  });
+  while (line.mng.SendFrame("x", 1) == 1) std::this_thread::yield();
+  // The line is closed; usually long enough for a closing that does not wait.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(closed) << "the handler still runs";
+  released.Put(true);
+  closer.join();
+  EXPECT_EQ(line.messages.Wait(0).size(), 1U);
+  const PtyPeer next;
+  info = next.Info();
+  ASSERT_TRUE(line.mng.CreateSerial(&info));
+  next.Send(Frame(3));
+  EXPECT_EQ(line.messages.Wait(2).back().m_iCmd, 0x0103);
+}
+
+TEST(SerialProtocolMng, FloodIsDroppedAndWhatComesAfterwardsIsHeard) {
+  McuLine line;
+  Inbox<bool> handling;
+  Inbox<bool> released;
+  line.mng.RegFrameRecvCb([&](const SerialProtocolMng::ProtocolData_t& data) {
+    handling.Put(true);
+    released.Wait(1);
+    line.messages.Put(data);
+    return true;
+  });
+  const auto receive = [&](const Bytes& bytes) {
+    line.mng._UartRecvCallback(bytes.data(), static_cast<short>(bytes.size()));
+  };
+  receive(Frame(1));
+  handling.Wait(1);
+  constexpr size_t kFlood = 10'000;
+  for (size_t i = 0; i < kFlood; ++i) receive(Frame(2));
+  released.Put(true);
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  const auto lastIs = [&](uint16_t command) {
+    const auto all = line.messages.Wait(1);
+    return all.back().m_iCmd == command;
+  };
+  while (!lastIs(0x0103) && std::chrono::steady_clock::now() < deadline) {
+    receive(Frame(3));
+    std::this_thread::yield();
+  }
+  EXPECT_TRUE(lastIs(0x0103));
+  const auto all = line.messages.Wait(1);
+  const auto kept =
+      std::count_if(all.begin(), all.end(), [](const auto& data) { return data.m_iCmd == 0x0102; });
+  EXPECT_GT(kept, 0);
+  EXPECT_LT(kept, 1000);
 }

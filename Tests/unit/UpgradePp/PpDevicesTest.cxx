@@ -86,6 +86,7 @@ TEST(PpDevices, StorageOfAPartIsThePartitionThatCameWithIt) {
   PlugIn(devices, "/dev/ttyACM0");
   devices.TakeNext();
   EXPECT_EQ(devices.CurrentStorage(), "");
+  EXPECT_FALSE(devices.IsStorageAmbiguous());
   devices.StorageCame("/dev/sdb", kStart - seconds(1));
   EXPECT_EQ(devices.CurrentStorage(), "/dev/sdb");
   for (const char* node : {"/dev/sdb10", "/dev/sdb2", "/dev/sdb3"}) {
@@ -95,4 +96,28 @@ TEST(PpDevices, StorageOfAPartIsThePartitionThatCameWithIt) {
   for (const char* node : {"/dev/sdb10", "/dev/sdb2", "/dev/sdb3", "/dev/sdb"}) devices.StorageWent(node);
   EXPECT_EQ(devices.CurrentStorage(), "");
   EXPECT_TRUE(devices.AnyStorage());
+}
+
+// Firmware on another part's storage, or on somebody's stick, is worse than none.
+TEST(PpDevices, StorageThatMayBeAnothersIsNobodys) {
+  PpDevices devices;
+  PlugIn(devices, "/dev/ttyACM0");
+  PlugIn(devices, "/dev/ttyACM1", kStart + seconds(1));
+  devices.TakeNext();
+  devices.StorageCame("/dev/sdb", kStart + seconds(2));
+  EXPECT_TRUE(devices.IsStorageAmbiguous()) << "the other part's, whose turn comes later";
+  EXPECT_EQ(devices.CurrentStorage(), "");
+  EXPECT_EQ(devices.Report({"/dev/ttyACM1", false}, kInSync, kStart + seconds(3)), Event::Handle);
+  EXPECT_EQ(devices.CurrentStorage(), "/dev/sdb");
+  devices.StorageCame("/dev/sdc1", kStart + seconds(3));
+  EXPECT_TRUE(devices.IsStorageAmbiguous());
+  devices.StorageWent("/dev/sdc1");
+
+  // One that comes while another is upgraded, which then restarts.
+  PlugIn(devices, "/dev/ttyACM2", kStart + seconds(30));
+  devices.StorageCame("/dev/sdc", kStart + seconds(31));
+  devices.StorageWent("/dev/sdb");
+  devices.StorageCame("/dev/sdb", kStart + seconds(60));
+  devices.TakeNext();
+  EXPECT_EQ(devices.CurrentStorage(), "/dev/sdc");
 }

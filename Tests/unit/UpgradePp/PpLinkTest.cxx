@@ -20,8 +20,10 @@ class PpLinkTest : public ::testing::Test {
  protected:
   PpLinkTest() { signals.Set(EM_FLAG_PLUG_IN); }
 
+  using Answer = PpLink::Answer;
+
   // What the part sends for a command.
-  static Bytes Answer(uint16_t cmd, const Bytes& data) {
+  static Bytes Reply(uint16_t cmd, const Bytes& data) {
     McuFrame::ProtocolData_t answer;
     answer.m_iCmd = cmd;
     answer.m_emCmdType = McuFrame::EM_CMD_RESPONE;
@@ -32,7 +34,7 @@ class PpLinkTest : public ::testing::Test {
   // Waits until the part has what it sends read: reports are handled in the order of arrival.
   void Say(const Bytes& frames) {
     const int before = ready;
-    part.Send(frames + Answer(EM_NEW_CMD_PP_REP_READY, {}));
+    part.Send(frames + Reply(EM_NEW_CMD_PP_REP_READY, {}));
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (ready == before && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
     ASSERT_EQ(ready, before + 1);
@@ -63,22 +65,22 @@ TEST_F(PpLinkTest, DeviceThatWentIsNotOpenedAndStaysClosed) {
 
 TEST_F(PpLinkTest, RefusedEmptyAndEarlierAnswersCountLikeNone) {
   ASSERT_TRUE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
-  Say(Answer(EM_NEW_CMD_REQ_SEND_DATA_PACK, {0}));
+  Say(Reply(EM_NEW_CMD_REQ_SEND_DATA_PACK, {0}));
   EXPECT_TRUE(signals.Has(EM_FLAG_SEND_PACK_ACK));
-  EXPECT_FALSE(link.Request(EM_NEW_CMD_REQ_SEND_DATA_PACK, EM_FLAG_SEND_PACK_ACK, kShort));
-  Say(Answer(EM_NEW_CMD_REQ_SEND_DATA_PACK, {1}) + Answer(EM_NEW_CMD_REQ_SEND_DATA_PACK, {}));
+  EXPECT_EQ(link.Request(EM_NEW_CMD_REQ_SEND_DATA_PACK, EM_FLAG_SEND_PACK_ACK, kShort), Answer::TimedOut);
+  Say(Reply(EM_NEW_CMD_REQ_SEND_DATA_PACK, {1}) + Reply(EM_NEW_CMD_REQ_SEND_DATA_PACK, {}));
   EXPECT_FALSE(signals.Has(EM_FLAG_SEND_PACK_ACK));
   // A no to the firmware is an answer.
-  Say(Answer(EM_NEW_CMD_REQ_SEND_FW_INFO, {1}));
+  Say(Reply(EM_NEW_CMD_REQ_SEND_FW_INFO, {1}));
   EXPECT_TRUE(signals.Has(EM_FLAG_DO_NOT_UPG));
   EXPECT_FALSE(signals.Has(EM_FLAG_SEND_FW_INFO_ACK));
 }
 
 TEST_F(PpLinkTest, VersionReplyOfFiveBytesIsRejectedAndOneOfSixIsKept) {
   ASSERT_TRUE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
-  Say(Answer(EM_NEW_CMD_REQ_PP_VERSION, {1, 0, 2, 5, 0}));
+  Say(Reply(EM_NEW_CMD_REQ_PP_VERSION, {1, 0, 2, 5, 0}));
   EXPECT_FALSE(signals.Has(EM_FLAG_GET_VER));
-  Say(Answer(EM_NEW_CMD_REQ_PP_VERSION, {1, 0, 2, 5, 0, 0}));
+  Say(Reply(EM_NEW_CMD_REQ_PP_VERSION, {1, 0, 2, 5, 0, 0}));
   EXPECT_TRUE(signals.Has(EM_FLAG_GET_VER));
   EXPECT_EQ(link.Info().m_emPpType, UpgPp::EM_PP_7308);
   EXPECT_EQ(link.Info().strVerison, "S1.0.2.05");
@@ -89,7 +91,7 @@ TEST_F(PpLinkTest, LegacyProtocolHasButTheVersionRequest) {
   ASSERT_TRUE(link.OpenUart(EM_PROT_73_OLD, part.Device()));
   link.SetProtocol(EM_PROT_73_OLD);
   EXPECT_FALSE(link.SendCmd(EM_NEW_CMD_REQ_START_UPG));
-  EXPECT_FALSE(link.RequestVersion(kShort));
+  EXPECT_EQ(link.RequestVersion(kShort), Answer::TimedOut);
   EXPECT_EQ(part.Receive(6), (Bytes{0xBB, 0xDD, 0xB1, 0x00, 0x00, 0xD7}));
 }
 
@@ -99,8 +101,9 @@ TEST_F(PpLinkTest, StopEndsAWaitAtOnce) {
     part.Receive(McuFrame::EM_MIN_UART_FRAME_LENGTH);
     signals.Set(EM_FLAG_CLEAN_UP);
   });
-  const double seconds = SecondsOf(
-      [this] { EXPECT_FALSE(link.Request(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, 2 * kPatience)); });
+  const double seconds = SecondsOf([this] {
+    EXPECT_EQ(link.Request(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, 2 * kPatience), Answer::GivenUp);
+  });
   stopper.join();
   EXPECT_LT(seconds, std::chrono::duration<double>(kPatience).count());
 }

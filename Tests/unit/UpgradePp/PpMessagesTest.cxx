@@ -80,7 +80,7 @@ TEST(PpMessagesTest, LegacyReplyTellsOfTheRadioAndFourTexts) {
   EXPECT_EQ(off->info.strVerison, "beta") << "as the part says it";
 }
 
-TEST(PpMessagesTest, TornOrUnreadableRepliesAreNone) {
+TEST(PpMessagesTest, TornRepliesAreNone) {
   const Bytes newer = Bytes({1, 0, 2, 5}) + Counted("H100") + Counted("2.7.1");
   const Bytes legacy = Bytes({1}) + Counted("7302") + Counted("S1.0.2.5") + Counted("H1") + Counted("R2");
   for (size_t size = 0; size < newer.size(); ++size) {
@@ -89,9 +89,37 @@ TEST(PpMessagesTest, TornOrUnreadableRepliesAreNone) {
   for (size_t size = 0; size < legacy.size(); ++size) {
     EXPECT_FALSE(PpMessages::ReadLegacyVersion(Bytes(legacy.data(), legacy.data() + size))) << size;
   }
-  // Versions go out in JSON, which is UTF-8.
-  EXPECT_FALSE(PpMessages::ReadVersion(kFamily7308, {1, 0, 2, 5, 1, 0xFF, 0}));
-  EXPECT_FALSE(PpMessages::ReadVersion(kFamily7308, {1, 0, 2, 5, 0, 1, 0}));
+}
+
+// Texts of parts go into JSON, which is UTF-8, and into the log, where a line end would forge a line.
+TEST(PpMessagesTest, PaddingIsCutAndATextThatIsNoneIsEmpty) {
+  const struct {
+    std::string field;
+    std::string text;
+  } rows[] = {
+      {std::string("H100\0\0", 6), "H100"},
+      {std::string("H100\0\xFF\xFF", 7), "H100"},
+      {std::string(4, '\0'), ""},
+      {"\xFF\xFF\xFF\xFF", ""},
+      {"H1\nFailed!", ""},
+      {"H1\x7F", ""},
+      {"H\xC3\xA4", "H\xC3\xA4"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.field);
+    const auto newer =
+        PpMessages::ReadVersion(kFamily7308, Bytes({1, 0, 2, 5}) + Counted(row.field) + Counted("2.7.1"));
+    ASSERT_TRUE(newer);
+    EXPECT_EQ(newer->strHwVerison, row.text);
+    EXPECT_EQ(newer->strRtxVerison, "2.7.1");
+    const auto legacy =
+        PpMessages::ReadLegacyVersion(Bytes({1}) + Counted(std::string("7308\0", 5)) + Counted("S1.0.2.5") +
+                                      Counted(row.field) + Counted("R2"));
+    ASSERT_TRUE(legacy);
+    EXPECT_EQ(legacy->info.m_emPpType, EM_PP_7308);
+    EXPECT_EQ(legacy->info.strHwVerison, row.text);
+    EXPECT_EQ(legacy->info.strRtxVerison, "R2");
+  }
 }
 
 TEST(PpMessagesTest, FirmwareInformationHoldsWhatItsFieldsCan) {

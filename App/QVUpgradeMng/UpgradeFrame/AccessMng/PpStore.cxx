@@ -33,6 +33,11 @@ constexpr std::array<Family, 3> kFamilies = {{
 
 }  // namespace
 
+std::unique_lock<std::mutex> Hold() {
+  static std::mutex storeMutex;
+  return std::unique_lock<std::mutex>(storeMutex);
+}
+
 const Family* Find(const std::string& pageType) {
   for (const Family& family : kFamilies) {
     if (pageType == family.pageType) return &family;
@@ -63,6 +68,7 @@ bool Replace(const Family& family, const std::string& source, std::string& error
     error = "cannot create " + std::string(family.directory) + ": " + std::strerror(errno);
     return false;
   }
+  const auto held = Hold();
   for (const std::string& oldName : PackageNames(family.directory, family)) {
     const std::string old = family.directory + oldName;
     LOGI("Delete old package:%s", old.c_str());

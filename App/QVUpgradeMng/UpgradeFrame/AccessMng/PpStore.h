@@ -3,6 +3,7 @@
 /// portable parts is loaded.
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,12 +22,16 @@ struct Family {
 /// The family of a page type; null for an unknown one.
 const Family* Find(const std::string& pageType);
 
+/// Whoever reads the store and acts on what is there holds it meanwhile: Replace waits, as long as an
+/// unpacking takes. Any thread; not taken twice, and with no lock held that Replace's caller may want.
+std::unique_lock<std::mutex> Hold();
+
 /// The names of the regular files in `directory` that are packages of `family`, in no order; links are none.
 std::vector<std::string> PackageNames(const std::string& directory, const Family& family);
 
 /// Deletes the family's old package and moves the file `source` in its place, under its own name. False, with
 /// the store untouched unless `error` tells of a failed move: no package of this family, or not a regular
-/// file.
+/// file. Holds the store.
 bool Replace(const Family& family, const std::string& source, std::string& error);
 
 }  // namespace PpStore

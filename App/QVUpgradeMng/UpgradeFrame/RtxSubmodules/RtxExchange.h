@@ -72,7 +72,8 @@ class RtxExchange : public CThread {
   bool _CloseExchange();
 
   /// Begins a run with the module on `device`. False when the threads do not run, the name is too long, or a
-  /// run is under way: that lasts until its _RunEnded has returned. Any thread.
+  /// run is under way: that lasts until the exchange is idle again, a moment after its _RunEnded has
+  /// returned. Any thread.
   bool _StartRun(const char* device);
   /// Ends a run under way as failed: its wait, and a transfer that the line holds up, end at once. Without a
   /// run it does nothing. Does not wait for _RunEnded. Any thread.
@@ -92,8 +93,8 @@ class RtxExchange : public CThread {
   /// null when it was the last.
   virtual const char* _ModuleSucceeded() = 0;
   virtual void _ModuleFailed() = 0;
-  /// The run is over; a new one is accepted once this has returned. Called once for each run that no stop
-  /// ended.
+  /// The run is over; a new one is accepted a moment after this has returned. Called once for each run that
+  /// no stop ended.
   virtual void _RunEnded(bool success) = 0;
 
   /// Where the failed run ended and whether it was aborted, for people. State thread only.
@@ -157,7 +158,7 @@ class RtxExchange : public CThread {
   bool _WaitFor(FlagType flag, const char* onTimeout);
   /// The same without a log line.
   bool _Wait(FlagType flag, std::chrono::milliseconds time);
-  /// True from the acceptance of a run until its _RunEnded has returned. m_SateLock must be held.
+  /// True from the acceptance of a run until the exchange is idle again. m_SateLock must be held.
   bool _RunUnderWay() const { return m_bStart || m_emState != EM_STATE_IDLE; }
   /// True when the run is to end: waits and transfers do not begin any more.
   bool _Ending() const { return !IsRunning() || m_bAborted; }

@@ -12,7 +12,8 @@
 class UpgPpRtx final : public RtxExchange {
  public:
   /// Success and, on failure, what went wrong. Called once for each run that was accepted, on the exchange's
-  /// thread with no lock held; not for a run that CleanUp ended. A run lasts until it returns.
+  /// thread with no lock held; not for a run that CleanUp ended. The next run is accepted a moment after it
+  /// has returned.
   using ResultCallBack = std::function<void(bool success, const std::string& message)>;
 
   UpgPpRtx();
