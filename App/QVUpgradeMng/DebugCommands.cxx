@@ -1,5 +1,5 @@
-/// What service can do to a running daemon. Each command returns at once: whatever takes time is done on its
-/// owner's thread.
+/// What service can do to a running daemon. The bus thread runs the commands: what takes time is done on its
+/// owner's thread, but for the request of "DebugUpgPp", which is written here and may wait for the line.
 #include "DebugCommands.h"
 
 #include <optional>

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -49,18 +50,18 @@ constexpr const char* kLogDirectory = "/firmware/log/QVUpgradeMng";
 constexpr char kBannerFormat[] = "[QVUpgradeMng] Version:%s  Build Date: %s %s, Uptime: %lu ms ****";
 constexpr uint32_t kExitPollMs = 100;
 
-/// How long the crash handler may take before the process is ended without it.
-constexpr unsigned kCrashSeconds = 5;
+constexpr unsigned kCrashSeconds = 5;  ///< for the crash handler; then the process is ended without it
 constexpr int kMaxFrames = 50;
 
-/// The signal of the first crash; 0 while there was none.
-std::atomic<int> crashSignal{0};
+std::atomic<int> crashSignal{0};  ///< of the first crash; 0 while there was none
 
 void SigProc(int sig) {
+  const int interruptedErrno = errno;  // of whatever thread this runs on
   bExitFlag = true;
   std::array<char, 64> text{};
   const int length = std::snprintf(text.data(), text.size(), "\nReceived Signal %d\n", sig);
-  if (write(STDOUT_FILENO, text.data(), static_cast<size_t>(length)) < 0) return;  // nobody reads: no matter
+  [[maybe_unused]] const auto ignored = write(STDOUT_FILENO, text.data(), static_cast<size_t>(length));
+  errno = interruptedErrno;
 }
 
 void EndHungCrash(int /*sig*/) {
@@ -92,8 +93,7 @@ void signalHandler(int sig) {
   std::array<void*, kMaxFrames> frames{};
   const int count = backtrace(frames.data(), kMaxFrames);
   char** const symbols = backtrace_symbols(frames.data(), count);
-  std::printf("Received signal %d\n", sig);
-  std::printf("Stack trace:\n");
+  std::printf("Received signal %d\nStack trace:\n", sig);
   for (int i = 0; symbols != nullptr && i < count; ++i) std::printf("%s\n", symbols[i]);
   std::fflush(stdout);  // the trace is out, whatever happens in the exit handlers
   std::free(symbols);

@@ -9,12 +9,21 @@
 
 namespace {
 
+UPGRADETYPE TypeOf(ISysCtrlReports::Chip chip) {
+  switch (chip) {
+    case ISysCtrlReports::Chip::Fpga:
+      return UP_FPGA;
+    case ISysCtrlReports::Chip::Rtx:
+      return UP_RTX;
+    case ISysCtrlReports::Chip::Uac:
+      return UP_UAC;
+  }
+  return UP_NO_TYPE;
+}
+
 /// The chip's field of the record.
 std::string& VersionField(AllVersion& record, ISysCtrlReports::Chip chip) {
-  UPGRADETYPE type = UP_FPGA;
-  if (chip == ISysCtrlReports::Chip::Rtx) type = UP_RTX;
-  if (chip == ISysCtrlReports::Chip::Uac) type = UP_UAC;
-  return *VersionRecord::Field(record.m_SubmodulesVer, type);
+  return *VersionRecord::Field(record.m_SubmodulesVer, TypeOf(chip));
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
 /// Where the system controller's reports meet the rest of the daemon: the access frame's battery level and
-/// version record, the portable parts' clock, the panel. Main owns the one object and hands it to SysCtrlIpc.
+/// version record, the portable parts' clock, the panel. Main makes the one object, hands it to SysCtrlIpc
+/// and never frees it.
 #pragma once
 
 #include <string>
 
 #include "UpgradeIpcMsg/SysCtrlIpc/ISysCtrlReports.h"
 
-/// Without state of its own; may be destroyed once SysCtrlIpc is cleaned up.
+/// Without state of its own. SysCtrlIpc's receiver thread calls it.
 class SysCtrlReports : public ISysCtrlReports {
  public:
   void OnBattery(int level) override;

@@ -1,10 +1,15 @@
-// The system controller's reports and what they lead to, the queue at its limit, and the debug commands.
+// The system controller's reports and what they lead to, the queue at its limit, the debug commands, and whom
+// the bus lets near all this.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "StationTest.h"
+#include "VirtualStation/BusConnection.h"
 
 using namespace station;
 
@@ -37,6 +42,28 @@ class FrozenDisk {
  private:
   int m_fd;
 };
+
+/// Runs `body` as a process of the user and group of this number would run.
+template <class Body>
+void RunAs(id_t id, const Body& body) {
+  std::thread([&] {
+    // This thread alone: the C library's calls would change the whole process. The bus asks the kernel.
+    ASSERT_EQ(syscall(SYS_setgroups, 1, &id), 0);
+    ASSERT_EQ(syscall(SYS_setresgid, id, id, id), 0);
+    ASSERT_EQ(syscall(SYS_setresuid, id, id, id), 0);
+    body();
+  }).join();
+}
+
+/// True when the bus answers a call of its own that names no interface, which the standard allows.
+bool BusAnswersWithoutInterface(const BusConnection& connection) {
+  DBusMessage* call = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, nullptr, "GetId");
+  constexpr int kLimitMs = 10000;
+  DBusMessage* reply = dbus_connection_send_with_reply_and_block(connection.Get(), call, kLimitMs, nullptr);
+  dbus_message_unref(call);
+  if (reply != nullptr) dbus_message_unref(reply);
+  return reply != nullptr;
+}
 
 class ControllerTest : public StationTest {
  protected:
@@ -178,4 +205,38 @@ TEST_F(ControllerTest, DebugCommandsAnswerAndAnythingElseListsThem) {
   EXPECT_EQ(Debug(station, "reboot"), list);
   EXPECT_EQ(Debug(station, "DebugUpgPp"), "no portable part to ask");
   EXPECT_EQ(Debug(station, "rpp"), "the PP firmware information is loaded anew");
+}
+
+TEST_F(ControllerTest, BusLetsTheStationsServicesAloneNearTheDaemonAndRootAloneDebugIt) {
+  constexpr id_t kService = 60001;
+  constexpr id_t kStranger = 60002;
+  // Each has a group of its number. The bus looks a policy's group up when it starts, a user's when it comes.
+  std::ofstream("/etc/group", std::ios::app) << "quorvalen:x:" << kService << ":\n";
+  for (const id_t id : {kService, kStranger}) {
+    std::ofstream("/etc/passwd", std::ios::app)
+        << "u" << id << ":x:" << id << ":" << id << "::/:/bin/false\n";
+  }
+  Station station;
+  Start(station);
+  const auto battery = [](int level) {
+    return Controller::Message(Controller::kBattery, Data("Battery", level), 0);
+  };
+  for (const id_t id : {kStranger, kService}) {
+    const bool isService = id == kService;
+    RunAs(id, [&] {
+      EXPECT_EQ(station.controller().Call(battery(isService ? 21 : 11)).has_value(), isService);
+      EXPECT_EQ(station.web().Request(std::string("?")).has_value(), isService);
+      EXPECT_EQ(station.panel().Request(std::string("?")).has_value(), isService);
+      EXPECT_EQ(Debug(station, "sl"), "no reply");
+      const BusConnection peer(station.bus().Address());
+      peer.SendSignal("/any", "org.Upgread.interface", "upgrade_dbus_method_comm_sys",
+                      battery(isService ? 22 : 12));
+      EXPECT_TRUE(BusAnswersWithoutInterface(peer)) << id;
+    });
+  }
+  EXPECT_EQ(Debug(station, "sl"), "Low battery limited ON");
+  ExpectTaken(station, Controller::kBattery, Data("Battery", 50));
+  ExpectLog("Get new battery:50");  // all earlier ones were handled before
+  for (const char* taken : {"21", "22"}) ExpectLog(std::string("Get new battery:") + taken);
+  EXPECT_EQ(Daemon::Log().find("Get new battery:1"), std::string::npos);
 }

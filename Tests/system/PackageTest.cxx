@@ -1,10 +1,12 @@
 // Packages that are wrong in one thing each, from careless to hostile: every one gets its answer, nothing it
 // holds is executed, nothing is written outside the page, and the daemon lives on or reboots as told.
 #include <array>
+#include <filesystem>
 #include <functional>
 #include <ostream>
 
 #include "StationTest.h"
+#include "VirtualStation/Process.h"
 
 using namespace station;
 
@@ -92,8 +94,11 @@ const std::array kRows = {
         "dev type error not RRU or PP!ErrVal:TOASTER", false},
     Row{"PortablePartsAlone",
         [](auto& b) {
+          // An unknown family does not end the list, and what the package holds where they are unpacked goes.
           b = PackageBuilder("S4.1.0.1")
-                  .PpPage("7308", "S1.0.2.05", "QVD_K7308_H100_S1.0.2.5_OTA_Common_1.zip", "zip");
+                  .PpPage("9999", "", "other.zip", "zip")
+                  .PpPage("7308", "S1.0.2.05", "QVD_K7308_H100_S1.0.2.5_OTA_Common_1.zip", "zip")
+                  .EditPackage(PackageBuilder::AddEntry("pp", "in the way"));
         },
         kRefused, "===Successfully imported PP upgrade package!===", false},
     Row{"UnknownPage", [](auto& b) { b.RawPage("toaster", "V1", "toaster.bin", "crumbs"); }, kUpgraded,
@@ -183,3 +188,29 @@ TEST_P(Packages, GetTheirAnswer) {
 
 INSTANTIATE_TEST_SUITE_P(All, Packages, ::testing::ValuesIn(kRows),
                          [](const auto& row) { return row.param.name; });
+
+using PpPackages = StationTest;
+
+TEST_F(PpPackages, ThatCannotBeMovedLeaveNoVersionBehindAndAreTakenNextTime) {
+  const std::string stored = "/firmware/pp/7308/QVD_K7308_H100_S1.0.2.5_OTA_Common_1.zip";
+  const auto storedVersion = [] {
+    return Station::Versions(Partition::A)["subModulesVersion"]["7308Version"].asString();
+  };
+  Station station;
+  Station::SetVersions(Partition::A, "S4.0.9.10", "H200", {{"7308Version", "S1.0.1.01"}});
+  WriteText(stored + "/in the way", "");
+  ASSERT_TRUE(station.Start());
+  const Package package = PackageBuilder("S4.1.0.1")
+                              .PpPage("7308", "S1.0.2.05", std::filesystem::path(stored).filename(), "zip")
+                              .Build();
+  station.InsertStick(package);
+  ExpectLog("cannot move /firmware/upload/page/pp/");
+  ASSERT_TRUE(station.panel().WaitForStatus(kFailed, kPatience).has_value());
+  EXPECT_EQ(storedVersion(), "V0.0.0.00");
+
+  std::filesystem::remove_all(stored);
+  station.InsertStick(package);
+  ExpectLog("===Successfully imported PP upgrade package!===");
+  EXPECT_EQ(storedVersion(), "S1.0.2.05");
+  EXPECT_EQ(ReadFile(stored), "zip");
+}

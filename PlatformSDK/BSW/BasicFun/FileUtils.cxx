@@ -217,6 +217,11 @@ bool WriteFileAtomic(const std::string& path, std::string_view content) {
   return SyncParentDirectory(path);
 }
 
+bool SyncFile(const std::string& path) {
+  const UniqueFd file = OpenRegularFile(path);
+  return file && fsync(file.Get()) == 0;
+}
+
 bool SyncParentDirectory(const std::string& path) {
   const size_t slash = path.rfind('/');
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);

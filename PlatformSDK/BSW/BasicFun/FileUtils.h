@@ -52,6 +52,9 @@ bool WriteFileAtomic(const std::string& path, std::string_view content);
 /// Opens a regular file for reading; empty for anything else. Never waits, not even on a FIFO.
 UniqueFd OpenRegularFile(const std::string& path);
 
+/// Makes the content of a regular file survive a power cut.
+bool SyncFile(const std::string& path);
+
 /// Makes the creation or removal of the directory entry `path` survive a power cut.
 bool SyncParentDirectory(const std::string& path);
 

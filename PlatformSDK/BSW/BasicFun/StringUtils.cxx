@@ -1,5 +1,5 @@
-/// Text helpers. What guards against names from outside (IsPlainFileName, ShellQuote, IsValidUtf8) has its
-/// one home here: widen a rule only together with the tests that attack it.
+/// Text helpers. What guards against texts from outside (IsPlainFileName, ShellQuote, IsValidUtf8,
+/// IsVersionText, Printable) has its one home here: widen a rule only together with the tests that attack it.
 #include "BSW/BasicFun/StringUtils.h"
 
 #include <algorithm>
@@ -11,6 +11,12 @@ bool NeedsNoQuoting(char c) {
   constexpr std::string_view kPlainMarks = "_./:=@%+,-";
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
          kPlainMarks.find(c) != std::string_view::npos;
+}
+
+bool IsControl(char c) {
+  constexpr unsigned char kDelete = 0x7F;
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < ' ' || byte == kDelete;
 }
 
 /// Length in bytes of the well-formed UTF-8 sequence at the start of `text`, 0 when there is none.
@@ -38,10 +44,13 @@ std::string_view BaseName(std::string_view path) {
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
+bool HasControlCharacter(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), IsControl);
+}
+
 bool IsPlainFileName(std::string_view name) {
-  constexpr std::string_view kForbidden("/\0", 2);
   return !name.empty() && name.size() <= kMaxFileNameBytes && name != "." &&
-         name.find_first_of(kForbidden) == std::string_view::npos &&
+         name.find('/') == std::string_view::npos && !HasControlCharacter(name) &&
          name.find("..") == std::string_view::npos;
 }
 
@@ -76,6 +85,18 @@ bool IsValidUtf8(std::string_view text) {
     text.remove_prefix(length);
   }
   return true;
+}
+
+bool IsVersionText(std::string_view text) {
+  constexpr size_t kMaxVersionBytes = 255;
+  return text.size() <= kMaxVersionBytes && IsValidUtf8(text) && !HasControlCharacter(text);
+}
+
+std::string Printable(std::string_view text, size_t maxBytes) {
+  std::string printable(text.substr(0, maxBytes));
+  std::replace_if(printable.begin(), printable.end(), IsControl, ' ');
+  if (text.size() > maxBytes) printable += "...";
+  return printable;
 }
 
 std::string FormatText(const char* format, ...) {

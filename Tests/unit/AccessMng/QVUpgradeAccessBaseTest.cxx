@@ -105,19 +105,18 @@ TEST(QVUpgradeAccessBase, RefusesPortablePartElementsOfAnyShape) {
 
 TEST(PpStore, TakesPackagesOfItsFamilyAlone) {
   const TempDirectory directory;
-  std::string error;
   const PpStore::Family* evt = PpStore::Find("7204_EVT");
   ASSERT_NE(evt, nullptr);
   EXPECT_EQ(PpStore::Find("7303"), nullptr);
 
   const std::string dvtPackage = directory / "QVD_K7204_H100_S1.0.0.01_x.ota";
   WriteText(dvtPackage, "x");
-  EXPECT_FALSE(PpStore::Replace(*evt, dvtPackage, error));
-  EXPECT_NE(error, "");
+  EXPECT_TRUE(PpStore::IsPackage(*PpStore::Find("7204"), dvtPackage));
+  EXPECT_FALSE(PpStore::IsPackage(*evt, dvtPackage));
 
   // A link would make the store hold whatever it points to.
   const std::string link = directory / "QVD_K7204_H000_S1.0.0.01_x.ota";
   ASSERT_EQ(symlink(dvtPackage.c_str(), link.c_str()), 0);
-  EXPECT_FALSE(PpStore::Replace(*evt, link, error));
-  EXPECT_FALSE(PpStore::Replace(*evt, directory / "QVD_K7204_H000_S1.0.0.02_x.ota", error));
+  EXPECT_FALSE(PpStore::IsPackage(*evt, link));
+  EXPECT_FALSE(PpStore::IsPackage(*evt, directory / "QVD_K7204_H000_S1.0.0.02_x.ota"));
 }

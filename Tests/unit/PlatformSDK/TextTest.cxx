@@ -16,7 +16,8 @@
 TEST(StringUtils, PlainFileNamesStayInTheirDirectory) {
   for (const char* name : {"a.zip", "-rf", "a b", ".hidden", "x;reboot"})
     EXPECT_TRUE(IsPlainFileName(name)) << name;
-  for (const char* name : {"", ".", "..", "a/b", "/a", "a..b"}) EXPECT_FALSE(IsPlainFileName(name)) << name;
+  for (const char* name : {"", ".", "..", "a/b", "/a", "a..b", "a\nb", "\x1b[2Ja", "a\x7f"})
+    EXPECT_FALSE(IsPlainFileName(name)) << name;
   EXPECT_FALSE(IsPlainFileName(std::string("a\0b", 3)));
   EXPECT_TRUE(IsPlainFileName(std::string(255, 'a')));
   EXPECT_FALSE(IsPlainFileName(std::string(256, 'a')));
@@ -43,6 +44,16 @@ TEST(StringUtils, AcceptsOnlyWellFormedUtf8) {
     EXPECT_FALSE(IsValidUtf8(bad)) << bad;
   }
   EXPECT_FALSE(IsValidUtf8(std::string("a\0b", 3)));
+}
+
+TEST(StringUtils, OutsideTextStaysOneBoundedLineOfTheLog) {
+  EXPECT_EQ(Printable("a\n[I] forged\r\t\x1b[2J\x7f\xC3\xA9"), "a [I] forged   [2J \xC3\xA9");
+  EXPECT_EQ(Printable("1234", 4), "1234");
+  EXPECT_EQ(Printable("12345", 4), "1234...");
+  EXPECT_TRUE(IsVersionText("") && IsVersionText(std::string(255, '1')));
+  for (const std::string& bad : {std::string("V1\n"), std::string("\xFF"), std::string(256, '1')}) {
+    EXPECT_FALSE(IsVersionText(bad)) << bad;
+  }
 }
 
 TEST(StringUtils, FormatsTextsOfAnyLength) {

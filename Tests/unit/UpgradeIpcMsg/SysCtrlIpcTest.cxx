@@ -78,6 +78,7 @@ class SysCtrlIpcTest : public ::testing::Test {
 
 TEST_F(SysCtrlIpcTest, ServesCallsAndSignalsAndEchoesAnySerialNumber) {
   ASSERT_TRUE(m_ipc->Init());
+  EXPECT_FALSE(m_ipc->Init()) << "every message would come twice";
   const auto call = m_controller->Call("/org/Upgread/object", kInterface, kMember, Battery(50));
   EXPECT_EQ(m_controller->Replies(call, 1, kAnswerMs), (std::vector<std::string>{"ProcUpgMsg ACK"}));
   m_controller->Signal(kInterface, kMember, Battery(51));
@@ -93,7 +94,8 @@ TEST_F(SysCtrlIpcTest, ServesCallsAndSignalsAndEchoesAnySerialNumber) {
     EXPECT_EQ(m_ipc->ProcRecvMsg(noObject), "ProcUpgMsg ACK");
     EXPECT_EQ(Heard(1), (std::vector<std::string>{Ack("null")}));
   }
-  for (const std::string& noJson : {std::string(), std::string("{"), std::string(100, '[')}) {
+  for (const std::string& noJson :
+       {std::string(), std::string("{"), std::string(100, '['), '"' + std::string(8192, 'x') + '"'}) {
     EXPECT_EQ(m_ipc->ProcRecvMsg(noJson), "Error json format");
   }
   EXPECT_EQ(m_ipc->ProcRecvMsg(Battery(52)), "ProcUpgMsg ACK");
@@ -158,15 +160,18 @@ TEST_F(SysCtrlIpcTest, StopHandlesNothingThatIsStillQueued) {
   while (m_ipc->IsRunning()) std::this_thread::yield();
   m_reports.Hold(false);
   stop.join();
-  EXPECT_EQ(m_reports.Effects().size(), 1U);
-  m_ipc->ProcRecvMsg(Battery(9));
-  EXPECT_EQ(m_reports.Effects().size(), 1U);
+  ASSERT_TRUE(m_ipc->Init());
+  m_ipc->ProcRecvMsg(Battery(2000));
+  ASSERT_TRUE(m_reports.WaitFor(2));
+  EXPECT_EQ(m_reports.Effects(), (std::vector<std::string>{"battery 0", "battery 2000"}));
 }
 
 TEST_F(SysCtrlIpcTest, MessageThatCannotBeAcknowledgedIsNotTaken) {
   ASSERT_TRUE(m_ipc->Init());
   CDbusHandler::instance()->CleanUp();
   EXPECT_EQ(m_ipc->ProcRecvMsg(Battery(1)), "Err ACK json");
-  m_ipc->CleanUp();
-  EXPECT_TRUE(m_reports.Effects().empty());
+  ASSERT_TRUE(CDbusHandler::instance()->Init("org.Upgread.server"));
+  EXPECT_EQ(m_ipc->ProcRecvMsg(Battery(2)), "ProcUpgMsg ACK");
+  ASSERT_TRUE(m_reports.WaitFor(1));
+  EXPECT_EQ(m_reports.Effects(), std::vector<std::string>{"battery 2"});
 }

@@ -72,13 +72,12 @@ TEST_F(SysCtrlMsgHandlerTest, ComparesAReportedVersionWithTheStoredOne) {
        "V1",
        {"fault Different UAC version!Strored:V1, read:", "store ", "report"},
        "UAC version update completed"},
-      // No version was ever known: a first report is no fault, and the same text is no news.
+      // What stands for no version elsewhere is a stored version here like any other.
       {R"({"Cmd":105,"Data":{"UacVer":"V2"}})",
        Chip::Uac,
        "V0.0.0.00",
-       {"store V2", "report"},
-       "Uart of UAC might have except"},
-      {R"({"Cmd":105,"Data":{"UacVer":"V0.0.0.00"}})", Chip::Uac, "V0.0.0.00", {}, "Same version"},
+       {"fault Different UAC version!Strored:V0.0.0.00, read:V2", "store V2", "report"},
+       "UAC version update completed"},
   };
   for (const auto& row : rows) {
     RecordedReports reports;
@@ -121,6 +120,7 @@ TEST_F(SysCtrlMsgHandlerTest, PassesReportsOnAndLogsWhatIsUnusable) {
        true,
        {},
        "Error content of member 'Data'"},
+      {R"({"Cmd":105,"Data":{"UacVer":"V1\n"}})", true, {}, "Error content of member 'Data'!ErrVal:"},
       {R"({"Cmd":105,"Data":{"UacVer":7}})", true, {}, "Error content of member 'Data'!ErrVal:"},
   };
   for (const auto& row : rows) {
@@ -144,7 +144,8 @@ TEST_F(SysCtrlMsgHandlerTest, TellsTheErrorsOfReplies) {
       {R"([0])", "Error Json member!ErrVal:"},
       {R"({"Cmd":1,"Data":{}})", "Cmd unsupport!ErrVal:1"},
       {R"({"Cmd":0,"Data":{}})", "Error content of member 'Data'!ErrVal:"},
-      {R"({"Cmd":0,"Data":{"ErrorCode":1,"ErrorMsg":"no"}})", "SysCtrl reply an error!ErrCode:1, ErrMsg:no"},
+      {R"({"Cmd":0,"Data":{"ErrorCode":1,"ErrorMsg":"no\nway"}})",
+       "SysCtrl reply an error!ErrCode:1, ErrMsg:no way"},
   };
   for (const auto& row : rows) {
     SysCtrlMsgHandler::_ParseReply(row.reply);

@@ -45,7 +45,8 @@ const char* Pattern(UPGRADEACCESSTYPE source, const std::string& fileName) {
 }
 
 bool Matches(const std::string& name, const char* pattern) {
-  return name.size() <= kMaxFileNameBytes && std::regex_match(name, std::regex(pattern));
+  return name.size() <= kMaxFileNameBytes && !HasControlCharacter(name) &&
+         std::regex_match(name, std::regex(pattern));
 }
 
 std::string SoftVersion(const std::string& fileName) {

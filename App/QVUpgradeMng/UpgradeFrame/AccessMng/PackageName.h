@@ -12,7 +12,8 @@ namespace PackageName {
 /// source whose names are not checked.
 const char* Pattern(UPGRADEACCESSTYPE source, const std::string& fileName);
 
-/// True when the whole of `name` matches `pattern`; false for a name over 255 bytes.
+/// True when the whole of `name` matches `pattern`; false for a name over 255 bytes or with control
+/// characters.
 bool Matches(const std::string& name, const char* pattern);
 
 /// The software version in a name that matched its pattern, for example "S4.0.9.10".

@@ -90,8 +90,7 @@ bool IsRegularFileItself(const std::string& path) {
 }
 
 bool GetVersion(const Json::Value& item, const char* key, std::string& version) {
-  return JsonUtils::GetString(item, key, version) && !version.empty() &&
-         version.size() <= kMaxFileNameBytes && IsValidUtf8(version);
+  return JsonUtils::GetString(item, key, version) && !version.empty() && IsVersionText(version);
 }
 
 bool GetFileName(const Json::Value& item, const char* key, std::string& name) {

@@ -30,7 +30,7 @@ void CreateDownloadDirectory();
 /// True for a regular file, not for a symbolic link to one.
 bool IsRegularFileItself(const std::string& path);
 
-/// A version under `key`: a text of 1 to 255 bytes.
+/// A version under `key`: IsVersionText, and not empty.
 bool GetVersion(const Json::Value& item, const char* key, std::string& version);
 /// A name under `key` that stays in its directory.
 bool GetFileName(const Json::Value& item, const char* key, std::string& name);

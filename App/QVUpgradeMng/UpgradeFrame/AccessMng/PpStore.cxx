@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
-#include <utility>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
@@ -45,25 +44,22 @@ const Family* Find(const std::string& pageType) {
   return nullptr;
 }
 
+bool IsPackage(const Family& family, const std::string& path) {
+  return PackageName::Matches(std::string(BaseName(path)), family.namePattern) &&
+         PackageSteps::IsRegularFileItself(path);
+}
+
 std::vector<std::string> PackageNames(const std::string& directory, const Family& family) {
   std::vector<std::string> names;
   std::error_code error;
   for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
        entry.increment(error)) {
-    std::string name = entry->path().filename().string();
-    const bool isPackage = PackageName::Matches(name, family.namePattern) &&
-                           PackageSteps::IsRegularFileItself(entry->path().string());
-    if (isPackage) names.push_back(std::move(name));
+    if (IsPackage(family, entry->path().string())) names.push_back(entry->path().filename().string());
   }
   return names;
 }
 
 bool Replace(const Family& family, const std::string& source, std::string& error) {
-  const std::string name(BaseName(source));
-  if (!PackageName::Matches(name, family.namePattern) || !PackageSteps::IsRegularFileItself(source)) {
-    error = "not a package of " + std::string(family.pageType) + ": " + source;
-    return false;
-  }
   if (!XCreateFullPathDir(family.directory, kDirectoryMode)) {
     error = "cannot create " + std::string(family.directory) + ": " + std::strerror(errno);
     return false;
@@ -74,10 +70,15 @@ bool Replace(const Family& family, const std::string& source, std::string& error
     LOGI("Delete old package:%s", old.c_str());
     if (!XDeleteFile(old)) LOGE("cannot delete %s: %s", old.c_str(), std::strerror(errno));
   }
-  const std::string destination = family.directory + name;
+  const std::string destination = family.directory + std::string(BaseName(source));
   LOGI("Move SrcPath:%s -> DestPath:%s", source.c_str(), destination.c_str());
   if (!XRenameFile(source, destination)) {
     error = "cannot move " + source + " to " + destination + ": " + std::strerror(errno);
+    return false;
+  }
+  // The version record is written next, on another file system: it must not outlive the package.
+  if (!SyncFile(destination) || !SyncParentDirectory(destination)) {
+    error = "cannot sync " + destination + ": " + std::strerror(errno);
     return false;
   }
   return true;

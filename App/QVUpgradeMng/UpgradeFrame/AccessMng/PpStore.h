@@ -26,12 +26,15 @@ const Family* Find(const std::string& pageType);
 /// unpacking takes. Any thread; not taken twice, and with no lock held that Replace's caller may want.
 std::unique_lock<std::mutex> Hold();
 
+/// True for a regular file that is named as a package of `family`; links are none.
+bool IsPackage(const Family& family, const std::string& path);
+
 /// The names of the regular files in `directory` that are packages of `family`, in no order; links are none.
 std::vector<std::string> PackageNames(const std::string& directory, const Family& family);
 
-/// Deletes the family's old package and moves the file `source` in its place, under its own name. False, with
-/// the store untouched unless `error` tells of a failed move: no package of this family, or not a regular
-/// file. Holds the store.
+/// Deletes the family's old package and moves the package `source` in its place, under its own name: when
+/// this gives true, a power cut does not take it back. False with the reason in `error`: the store may then
+/// hold neither. Holds the store.
 bool Replace(const Family& family, const std::string& source, std::string& error);
 
 }  // namespace PpStore

@@ -81,7 +81,7 @@ std::string CopyToPageCommand(const std::string& name) {
 std::string DeviceType(const Json::Value& item) {
   std::string type = JsonUtils::StringOr(item, "upgradeType", "");
   if (type == "RRU" || type == "PP") return type;
-  LOGE("dev type error not RRU or PP!ErrVal:%s", type.c_str());
+  LOGE("dev type error not RRU or PP!ErrVal:%s", Printable(type).c_str());
   return {};
 }
 
@@ -204,7 +204,7 @@ bool QVUpgradeAccessBase::_CheckPackName(UPGRADEACCESSTYPE accessType, const std
   if (pattern == nullptr) return true;
   if (!PackageName::Matches(fileName, pattern)) {
     _ReportStatus(UI_STATUS_FAILED);
-    LOGE("upgrade pack  name error fileName:%s fileNameBase:%s", fileName.c_str(), pattern);
+    LOGE("upgrade pack  name error fileName:%s fileNameBase:%s", Printable(fileName).c_str(), pattern);
     return false;
   }
   const std::string newVersion = PackageName::SoftVersion(fileName);
@@ -362,7 +362,7 @@ bool QVUpgradeAccessBase::_CheckFileMd5Sum(const std::string& path, const std::s
   const std::string digest = QVUpgradeTool::SumFileMd5(path.c_str());
   if (computed != nullptr) *computed = digest;
   if (!digest.empty() && digest == md5) return true;
-  LOGE("file md5sum is error strMd5Value:%s  upgradeFileMd5Sum:%s", digest.c_str(), md5.c_str());
+  LOGE("file md5sum is error strMd5Value:%s  upgradeFileMd5Sum:%s", digest.c_str(), Printable(md5).c_str());
   return false;
 }
 
@@ -377,8 +377,8 @@ bool QVUpgradeAccessBase::_CheckPpPack(AllVersion& versions, const Json::Value& 
     LOGE("%s", error.what());
     passed = false;
   }
-  // Also when a later family failed: the store has changed.
-  if (imported > 0) QVUpgradeAccessFrame::getAccessFrame()->NotifyPpImported();
+  // Also after a failure: the store may have lost a package, or got one before.
+  if (imported > 0 || !passed) QVUpgradeAccessFrame::getAccessFrame()->NotifyPpImported();
   LOGD("_CheckPpPack end");
   return passed;
 }
@@ -393,7 +393,11 @@ void QVUpgradeAccessBase::_ImportPpPack(AllVersion& versions, const Json::Value&
   const std::string archive = PagePath(fileName);
   std::string computed;
   if (!_CheckFileMd5Sum(archive, md5, &computed)) {
-    throw PpPackError("checkFileMd5sum error! File val:" + md5 + ", calculation val:" + computed);
+    throw PpPackError("checkFileMd5sum error! File val:" + Printable(md5) + ", calculation val:" + computed);
+  }
+  // The package that held this one may have put anything in its place, a link to elsewhere too.
+  if (!XRemoveDirectory(UpgradePaths::kPagePp) || !XCreateFullPathDir(UpgradePaths::kPagePp, kPageMode)) {
+    throw PpPackError(std::string("cannot clear ") + UpgradePaths::kPagePp + ": " + std::strerror(errno));
   }
   if (!PackageSteps::Unpack(archive, UpgradePaths::kPagePp)) {
     throw PpPackError("Unzip " + archive + "error!");
@@ -402,7 +406,7 @@ void QVUpgradeAccessBase::_ImportPpPack(AllVersion& versions, const Json::Value&
   Json::Value list;
   if (!QVUpgradeTool::readFileToJson(listFile.c_str(), list)) throw PpPackError("read version error");
   if (!list.isArray()) {
-    throw PpPackError("jsPpInfo error content!ErrVal:" + JsonUtils::ToCompactText(list));
+    throw PpPackError("jsPpInfo error content!ErrVal:" + Printable(JsonUtils::ToCompactText(list)));
   }
   for (const Json::Value& package : list) {
     if (_ImportPpFamily(versions, package)) ++imported;
@@ -410,18 +414,19 @@ void QVUpgradeAccessBase::_ImportPpPack(AllVersion& versions, const Json::Value&
 }
 
 bool QVUpgradeAccessBase::_ImportPpFamily(AllVersion& versions, const Json::Value& package) {
+  const char* const unusable = "unusable element in the list of a PP package";
   std::string pageType;
-  std::string version;
-  std::string pageName;
-  if (!JsonUtils::GetString(package, "pageType", pageType) ||
-      !PackageSteps::GetVersion(package, "version", version) ||
-      !PackageSteps::GetFileName(package, "pageName", pageName)) {
-    throw PpPackError("unusable element in the list of a PP package");
-  }
+  if (!JsonUtils::GetString(package, "pageType", pageType)) throw PpPackError(unusable);
   const PpStore::Family* family = PpStore::Find(pageType);
   if (family == nullptr) {
-    LOGW("Unknow type of PP, ErrVal:%s", pageType.c_str());
+    LOGW("Unknow type of PP, ErrVal:%s", Printable(pageType).c_str());
     return false;
+  }
+  std::string version;
+  std::string pageName;
+  if (!PackageSteps::GetVersion(package, "version", version) ||
+      !PackageSteps::GetFileName(package, "pageName", pageName)) {
+    throw PpPackError(unusable);
   }
   const std::string stored = *VersionRecord::Field(versions.m_SubmodulesVer, family->type);
   if (version == stored) {
@@ -429,15 +434,23 @@ bool QVUpgradeAccessBase::_ImportPpFamily(AllVersion& versions, const Json::Valu
     return false;
   }
   LOGI("%s version diff! Stored ver:%s, intput ver:%s.", family->pageType, stored.c_str(), version.c_str());
-  std::string error;
-  if (!PpStore::Replace(*family, std::string(UpgradePaths::kPagePp) + "/" + pageName, error)) {
-    throw PpPackError(error);
+  const std::string source = std::string(UpgradePaths::kPagePp) + "/" + pageName;
+  if (!PpStore::IsPackage(*family, source)) {
+    throw PpPackError("not a package of " + pageType + ": " + source);
   }
-  const auto storeVersion = [&](AllVersion& record) {
-    *VersionRecord::Field(record.m_SubmodulesVer, family->type) = version;
+  const auto storeVersion = [&](const std::string& value) {
+    const auto store = [&](AllVersion& record) {
+      *VersionRecord::Field(record.m_SubmodulesVer, family->type) = value;
+    };
+    store(versions);
+    QVUpgradeAccessFrame::getAccessFrame()->SetVersion(store);
   };
-  storeVersion(versions);
-  QVUpgradeAccessFrame::getAccessFrame()->SetVersion(storeVersion);
+  // While the packages are exchanged the store may hold none, and stays so after a power cut or a failed
+  // move: neither package may then be taken for the one that is there already.
+  storeVersion(kNoVersion);
+  std::string error;
+  if (!PpStore::Replace(*family, source, error)) throw PpPackError(error);
+  storeVersion(version);
   return true;
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
@@ -34,7 +35,7 @@ void RequestedSource::_Unlisten() {
 }
 
 std::string RequestedSource::HandleRequest(const std::string& text) {
-  LOGI("%sRequest:%s", m_service.logName, text.c_str());
+  LOGI("%sRequest:%s", m_service.logName, Printable(text).c_str());
   IpcEnvelope::Request request;
   const Answer answer = _Judge(text, request);
   Json::Value payload;

@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Dbus/CDbusHandler.h"
 #include "BSW/Log/CLog.h"
 
@@ -45,7 +46,7 @@ std::string DebugIpc::_ProcDebugMsgStatic(const std::string& line) {
 }
 
 std::string DebugIpc::ProcDebugMsg(const std::string& line) {
-  LOGI("debug command:%s", line.c_str());
+  LOGI("debug command:%s", Printable(line).c_str());
   std::vector<std::string> words = Words(line);
   Command command;
   if (!words.empty()) {

@@ -16,8 +16,8 @@ class DebugIpc : public CSingleton<DebugIpc> {
  public:
   /// Runs a command with the words that followed its name and gives the answer; nothing when it does not
   /// understand them, which the list of commands answers. Called on the bus thread with no lock held, and
-  /// every other message waits meanwhile: it returns at once and leaves longer work to another thread. What
-  /// it uses must live until the bus is closed.
+  /// every other message waits meanwhile: it waits for nothing but what has a limit of some seconds, and
+  /// leaves longer work to another thread. What it uses must live until the bus is closed.
   using Command = std::function<std::optional<std::string>(const std::vector<std::string>& words)>;
 
   /// Serves the bus; `name` is that of the interface in the log. False when it cannot be served.

@@ -28,15 +28,17 @@ enum UiUpgradeStatus {
 /// Any thread may call any member. Each send logs the message and gives the bus handler's result.
 class DeviceUpgradeUIIPC {
  public:
-  /// Codes of event messages.
+  /// Codes of event messages, as SendMsg takes them.
   enum CmdCodeType {
     EM_CODE_REP_BATTERY_LOW = 101,
     EM_CODE_REP_MODULE_UPG_EXCEPTION = 300,
   };
-  /// Codes of the panel's other messages and of the cloud requests, as the panel's own list calls them.
+  /// The panel's own list of all codes, its events and the cloud requests among them.
   enum DEBUG_UPGRADE_CMD_UI {
     UPGRADE_STATUS = 100,
+    UPGRADE_LOW_BATTERY = EM_CODE_REP_BATTERY_LOW,
     UPGRADE_SEND_VERSION = 200,
+    UPGRADE_FIRMWARE = EM_CODE_REP_MODULE_UPG_EXCEPTION,
     UPGRADE_OTA_QUERY = 500,
     UPGRADE_OTA_START = 501,
     UPGRADE_UI_GET_VERSION = 502,  ///< only ever received

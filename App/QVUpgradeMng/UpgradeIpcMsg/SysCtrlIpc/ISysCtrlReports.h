@@ -15,7 +15,7 @@ class ISysCtrlReports {
   virtual void OnBattery(int level) = 0;
   /// True: the cascade clock is in sync.
   virtual void OnClockStatus(bool inSync) = 0;
-  /// The version in the device's record; "" or "V0.0.0.00" when none is known.
+  /// The version in the device's record, as it stands there; "" counts as not known.
   virtual std::string StoredVersion(Chip chip) = 0;
   /// Stores the version in the device's record and its file.
   virtual void StoreVersion(Chip chip, const std::string& version) = 0;

@@ -14,6 +14,9 @@
 
 namespace {
 
+/// No report comes near it: this bounds what a full queue takes in memory.
+constexpr size_t kMaxMsgBytes = 8192;
+
 constexpr const char* kMember = "upgrade_dbus_method_comm_sys";
 constexpr const char* kOwnPath = "/org/Upgread/object";
 constexpr const char* kOwnInterface = "org.Upgread.interface";
@@ -38,6 +41,7 @@ SysCtrlIpc::~SysCtrlIpc() {
 }
 
 bool SysCtrlIpc::Init() {
+  if (IsRunning()) return false;
   if (!m_MsgRecver.IsRunning() && !m_MsgRecver.CreateThread(0)) return false;
   CDbusHandler::instance()->RegisteredServices(kOwnPath, kOwnInterface, kMember, ProcRecvMsgStatic, true);
   return CreateThread(0);
@@ -64,7 +68,7 @@ std::string SysCtrlIpc::ProcRecvMsgStatic(const std::string& text) {
 std::string SysCtrlIpc::ProcRecvMsg(const std::string& text) {
   Json::Value message;
   std::string error;
-  if (!JsonUtils::Parse(text, message, error)) {
+  if (text.size() > kMaxMsgBytes || !JsonUtils::Parse(text, message, error)) {
     LOGE("Error json format while processing msg from upg");
     return "Error json format";
   }

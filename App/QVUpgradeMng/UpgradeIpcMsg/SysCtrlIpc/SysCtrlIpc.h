@@ -37,7 +37,7 @@ class SysCtrlIpc : public CThread, public CSingleton<SysCtrlIpc>, public SysCtrl
   void SetReports(ISysCtrlReports* reports) { m_handler.SetReports(reports); }
 
   /// Serves the bus and starts the sender; the receiver runs since construction, or since Init after a
-  /// CleanUp. False when a thread does not start.
+  /// CleanUp. False when a thread does not start or the bus is served already.
   bool Init();
   /// Leaves the bus and stops both threads, whatever is queued: no report is handled and nothing is sent
   /// afterwards. Any thread but those two.
@@ -47,7 +47,8 @@ class SysCtrlIpc : public CThread, public CSingleton<SysCtrlIpc>, public SysCtrl
   bool AddMsg(const Msg_t& message);
 
   /// Takes one message of the controller: acknowledges it with a signal, queues it, and gives the text of the
-  /// reply. On the bus thread.
+  /// reply. What is no JSON, or larger than any message of the controller, gets the reply alone. On the bus
+  /// thread.
   std::string ProcRecvMsg(const std::string& text);
   static std::string ProcRecvMsgStatic(const std::string& text);
 

@@ -3,23 +3,19 @@
 /// could not be read before. Log and fault texts are read by service and shown on the panel.
 #include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlMsgHandler.h"
 
-#include <cstddef>
 #include <map>
 
 #include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlProtocol.h"
 
 namespace {
 
 using Chip = ISysCtrlReports::Chip;
 
-/// Longer texts are no versions; stored, they could make the record unreadable.
-constexpr size_t kMaxVersionBytes = 255;
-
 bool GetVersion(const Json::Value& data, const char* key, std::string& version) {
-  return JsonUtils::GetString(data, key, version) && version.size() <= kMaxVersionBytes;
+  return JsonUtils::GetString(data, key, version) && IsVersionText(version);
 }
 
 /// A chip, and what the log says of it.
@@ -46,7 +42,7 @@ void CheckVersion(ISysCtrlReports& reports, const ChipTexts& texts, const std::s
     LOGW("Same version, no need update.");
     return;
   }
-  if (stored.empty() || stored == kNoVersion) {
+  if (stored.empty()) {
     LOGW("%s", texts.firstVersion);
   } else {
     reports.ReportFault(fault + stored + ", read:" + version);
@@ -154,6 +150,6 @@ void SysCtrlMsgHandler::_HandleGengericReply(const Json::Value& data) {
   if (!JsonUtils::GetString(data, "ErrorMsg", errorMsg) && !hasCode) {
     LogUnusableData(data);
   } else if (errorCode != SysCtrlProtocol::EM_ERR_CODE_SUCCESS) {
-    LOGE("SysCtrl reply an error!ErrCode:%d, ErrMsg:%s", errorCode, errorMsg.c_str());
+    LOGE("SysCtrl reply an error!ErrCode:%d, ErrMsg:%s", errorCode, Printable(errorMsg).c_str());
   }
 }
