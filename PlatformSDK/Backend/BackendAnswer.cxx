@@ -118,12 +118,17 @@ const Value* Find(const Table& table, Level level, const char* key, Value::Kind 
   return found != table.end() && found->second.kind == kind ? &found->second : nullptr;
 }
 
-/// A text that may be logged and sent on the bus.
+/// A text that may be sent on the bus.
 bool FindText(const Table& table, Level level, const char* key, std::string& text) {
   const Value* const value = Find(table, level, key, Value::Kind::Text);
   if (value == nullptr || !IsValidUtf8(value->text)) return false;
   text = value->text;
   return true;
+}
+
+/// One that may be logged as well: a line break could forge a log line, an escape sequence the terminal.
+bool FindLine(const Table& table, Level level, const char* key, std::string& text) {
+  return FindText(table, level, key, text) && !HasControlCharacter(text);
 }
 
 /// What the backend says when it refuses; "" when it does not.
@@ -134,31 +139,31 @@ std::string Refusal(const Table& table) {
   }
   if (code->second.text == "0") return {};
   std::string message;
-  if (!FindText(table, Level::Answer, "message", message) || message.size() > kMaxTextBytes) message.clear();
+  if (!FindLine(table, Level::Answer, "message", message) || message.size() > kMaxTextBytes) message.clear();
   return "code " + code->second.text + ": " + message;
 }
 
 bool ReadPackage(const Table& table, PackageInfo& package, std::string& error) {
-  const auto isText = [&](const char* key, std::string& text) {
-    return FindText(table, Level::Data, key, text);
+  const auto isLine = [&](const char* key, std::string& text) {
+    return FindLine(table, Level::Data, key, text);
   };
   const Value* const size = Find(table, Level::Data, "size", Value::Kind::Count);
   package.size = size != nullptr ? size->count : 0;
   const bool hasNote = table.find({Level::Data, "releaseNote"}) != table.end() &&
                        Find(table, Level::Data, "releaseNote", Value::Kind::Null) == nullptr;
 
-  if (!isText("softVersion", package.softVersion) || package.softVersion.empty() ||
+  if (!isLine("softVersion", package.softVersion) || package.softVersion.empty() ||
       package.softVersion.size() > kMaxTextBytes) {
     error = "its \"softVersion\" is no version";
-  } else if (!isText("fileName", package.fileName) || !PartFile::IsUsableName(package.fileName)) {
+  } else if (!isLine("fileName", package.fileName) || !PartFile::IsUsableName(package.fileName)) {
     error = "its \"fileName\" is no plain file name";
   } else if (package.size == 0 || package.size > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
     error = "its \"size\" is no size";
-  } else if (!isText("md5", package.md5) || !md5::IsDigest(package.md5)) {
+  } else if (!isLine("md5", package.md5) || !md5::IsDigest(package.md5)) {
     error = "its \"md5\" is not 32 lower-case hex digits";
-  } else if (hasNote && !isText("releaseNote", package.releaseNote)) {
+  } else if (hasNote && !FindText(table, Level::Data, "releaseNote", package.releaseNote)) {
     error = "its \"releaseNote\" is no text";
-  } else if (!isText("url", package.url)) {
+  } else if (!isLine("url", package.url)) {
     error = "its \"url\" is no address";
   } else {
     return IsAllowedAddress(package.url, error);

@@ -16,14 +16,14 @@ struct QueryRequest {
 };
 
 /// A package that the backend offers. Checked: a plain file name, an allowed address, a size above 0, 32
-/// lower-case hex digits.
+/// lower-case hex digits. All but the release note are free of control characters.
 struct PackageInfo {
   std::string softVersion;
   std::string fileName;
   std::string url;
   uint64_t size = 0;  ///< bytes
   std::string md5;
-  std::string releaseNote;
+  std::string releaseNote;  ///< may have line breaks, and anything else: not for the log
 };
 
 struct QueryResult {

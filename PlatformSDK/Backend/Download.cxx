@@ -117,7 +117,7 @@ void Download::_Ask() {
   request.offset = m_offset = m_file.Length();
   request.ifRange = m_file.Version().Condition();
   m_answer = {};
-  m_pTransfer = std::make_unique<HttpTransfer>(m_loop, request, *this);
+  m_pTransfer = std::make_unique<HttpTransfer>(m_loop, std::move(request), *this);
   m_pTransfer->Start();
   _WatchProgress();
 }
@@ -241,6 +241,8 @@ void Download::_Verify() {
   }
   if (m_file.IsFinished()) {  // something else of that name: the download will replace it
     m_file.Close();
+    std::string error;
+    if (!PartFile::HasRoom(m_request, error)) return _Fail(error, false);
     return _Continue();
   }
   const std::string why = "the md5 is " + m_file.Md5() + ", announced was " + m_request.md5;
@@ -251,9 +253,9 @@ void Download::_Verify() {
 void Download::_SyncStep() {
   std::string error;
   bool synced = false;
-  if (!m_file.SyncSlice(synced, error)) return _Fail(error, false);
+  if (!m_file.SyncSlice(synced, error)) return _Fail(error, !m_file.IsSound());
   if (!synced) return _Later(Milliseconds(0), &Download::_SyncStep);
-  if (!m_file.Commit(error)) return _Fail(error, false);
+  if (!m_file.Commit(error)) return _Fail(error, !m_file.IsSound());
   _Succeed();
 }
 

@@ -29,6 +29,7 @@ constexpr curl_off_t kMostRetryAfterSeconds = 365LL * 24 * 60 * 60;
 constexpr long kRequestTimeout = 408;
 constexpr long kTooEarly = 425;
 constexpr long kTooManyRequests = 429;
+constexpr long kFirstError = 400;
 constexpr long kFirstServerError = 500;
 
 std::string Header(CURL* easy, const char* name) {
@@ -98,7 +99,10 @@ bool HttpTransfer::_Configure() {
   set(CURLOPT_SSL_VERIFYPEER, kOn);
   set(CURLOPT_SSL_VERIFYHOST, kCheckHostName);
   set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  if (!m_loop.Settings().caFile.empty()) set(CURLOPT_CAINFO, m_loop.Settings().caFile.c_str());
+  if (!m_loop.Settings().caFile.empty()) {
+    set(CURLOPT_CAINFO, m_loop.Settings().caFile.c_str());
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // else the system's count as well
+  }
   set(CURLOPT_PROXY, "");  // none, whatever the environment says
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_USERAGENT, "Quorvalen");
@@ -156,7 +160,10 @@ bool HttpTransfer::_TakeHead() {
 
 void HttpTransfer::Finish(int curlCode) {
   const bool complete = curlCode == CURLE_OK;
-  if (complete && !m_bHeadTaken) _TakeHead();  // an answer without a body
+  long status = 0;
+  curl_easy_getinfo(m_pEasy.get(), CURLINFO_RESPONSE_CODE, &status);
+  // An answer without a body, or a refusal that broke off before it: what the server asks for counts.
+  if (!m_bHeadTaken && (complete || status >= kFirstError)) _TakeHead();
   HttpEnd end;
   if (!complete) end = {_Explain(curlCode), MayPass(curlCode)};
   _Leave();

@@ -69,6 +69,10 @@ bool FreeBytes(const std::string& directory, uint64_t& bytes) {
   return true;
 }
 
+bool IsFull(int code) {
+  return code == ENOSPC || code == EDQUOT;
+}
+
 }  // namespace
 
 FileVersion FileVersion::Of(const std::string& etag, const std::string& lastModified) {
@@ -96,8 +100,11 @@ bool PartFile::IsUsableName(std::string_view fileName) {
          !EndsWith(fileName, kMetaSuffix);
 }
 
+bool PartFile::MayBeFinished(const DownloadRequest& request) {
+  return XGetFileSize(PathOf(request, "")) == static_cast<int64_t>(request.size);
+}
+
 bool PartFile::HasRoom(const DownloadRequest& request, std::string& error) {
-  if (XGetFileSize(PathOf(request, "")) == static_cast<int64_t>(request.size)) return true;
   struct stat part {};
   uint64_t there = 0;
   if (lstat(PathOf(request, kPartSuffix).c_str(), &part) == 0 && S_ISREG(part.st_mode)) {
@@ -197,6 +204,7 @@ bool PartFile::Append(const char* data, size_t length, std::string& error) {
 
 bool PartFile::StartOver(std::string& error) {
   m_length = m_hashed = m_writtenBack = m_synced = 0;
+  m_bSound = true;
   m_version = {};
   m_strMd5.clear();
   m_digest.Reset();
@@ -217,8 +225,8 @@ bool PartFile::SyncSlice(bool& done, std::string& error) {
   if (length > 0 &&
       sync_file_range(m_file.Get(), static_cast<off_t>(m_synced), static_cast<off_t>(length),
                       kWriteAndWait) != 0 &&
-      (errno == EIO || errno == ENOSPC)) {
-    return _Fail("sync", error);
+      (errno == EIO || IsFull(errno))) {
+    return _FailSync(error);
   }
   m_synced += length;
   done = m_synced == m_length;
@@ -226,7 +234,7 @@ bool PartFile::SyncSlice(bool& done, std::string& error) {
 }
 
 bool PartFile::Commit(std::string& error) {
-  if (fsync(m_file.Get()) != 0) return _Fail("sync", error);
+  if (fsync(m_file.Get()) != 0) return _FailSync(error);
   if (!XRenameFile(m_strPart, m_strFinished)) return _Fail("rename", error);
   if (!XDeleteFile(m_strMeta) || !SyncParentDirectory(m_strFinished))
     return _Fail("sync the directory of", error);
@@ -247,10 +255,15 @@ void PartFile::Discard() {
   XDeleteFile(m_strMeta);
 }
 
+bool PartFile::_FailSync(std::string& error) {
+  m_bSound = IsFull(errno);
+  return _Fail("sync", error);
+}
+
 bool PartFile::_Fail(const char* what, std::string& error) const {
   const int code = errno;
   uint64_t freeBytes = 0;
-  if ((code == ENOSPC || code == EDQUOT) && FreeBytes(m_request.directory, freeBytes)) {
+  if (IsFull(code) && FreeBytes(m_request.directory, freeBytes)) {
     error = RoomText(m_strPart, m_request.size - m_length, freeBytes);
   } else {
     error = FormatText("cannot %s \"%s\": %s", what, (m_bFinished ? m_strFinished : m_strPart).c_str(),

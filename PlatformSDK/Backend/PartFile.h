@@ -35,6 +35,8 @@ class PartFile {
 
   /// True for a name with which both files stay in the directory and are never taken for another download's.
   static bool IsUsableName(std::string_view fileName);
+  /// True when there is a finished file of the right size; only its md5 tells whether it is the one.
+  static bool MayBeFinished(const DownloadRequest& request);
   /// Finds room for what is still missing, beside a reserve; the reason has the needed and the free size.
   static bool HasRoom(const DownloadRequest& request, std::string& error);
 
@@ -67,6 +69,9 @@ class PartFile {
   bool SyncSlice(bool& done, std::string& error);
   /// Gives the file its name; it survives a power cut from then on.
   bool Commit(std::string& error);
+  /// False once the disk has refused bytes for another reason than that it is full. The kernel says so once:
+  /// a second try would read the bytes from memory and find nothing wrong.
+  bool IsSound() const { return m_bSound; }
 
   void Close();
   /// Removes part and side file.
@@ -75,6 +80,7 @@ class PartFile {
  private:
   bool _ReadMeta();
   bool _Fail(const char* what, std::string& error) const;
+  bool _FailSync(std::string& error);
 
   const DownloadRequest m_request;
   const std::string m_strFinished;  ///< path of the file to be
@@ -86,6 +92,7 @@ class PartFile {
   uint64_t m_hashed = 0;
   uint64_t m_writtenBack = 0;  ///< up to here the kernel was told to write
   uint64_t m_synced = 0;       ///< up to here it has
+  bool m_bSound = true;
   FileVersion m_version;
   md5::Digest m_digest;
   std::string m_strMd5;  ///< once it is known

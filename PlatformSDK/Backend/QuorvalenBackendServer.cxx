@@ -192,17 +192,15 @@ bool QuorvalenBackendServer::Impl::_TakeWire(bool taken) {
 }
 
 void QuorvalenBackendServer::Impl::Cancel() {
-  uint64_t number = 0;
-  {
-    const std::lock_guard<CMutex> lock(m_mutex);
-    number = ++m_number;
-  }
   ResultCallback callback;  // what it holds goes after the loop's locks
-  m_loop.RunAndWait([this, number, &callback] {
+  m_loop.RunAndWait([this, &callback] {
     callback.swap(m_callback);
     _Forget();
+    // Here, not before: a query that is asked meanwhile either begins before this job and ends with it, or
+    // begins after it and counts for nothing.
     const std::lock_guard<CMutex> lock(m_mutex);
-    if (number == m_number) m_bOnWire = false;
+    ++m_number;
+    m_bOnWire = false;
   });
 }
 

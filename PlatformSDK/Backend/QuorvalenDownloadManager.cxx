@@ -65,16 +65,19 @@ std::shared_ptr<DownloadTask> QuorvalenDownloadManager::Impl::Add(const Download
     error = "the file name \"" + request.fileName + "\" is not allowed";
   } else if (request.size == 0 || request.size > kLargestFile || !md5::IsDigest(request.md5)) {
     error = "\"" + request.fileName + "\" is announced without size or md5";
-  } else if (IsAllowedAddress(request.url, error) && PartFile::HasRoom(request, error)) {
+  } else if (IsAllowedAddress(request.url, error) &&
+             (PartFile::MayBeFinished(request) || PartFile::HasRoom(request, error))) {
     const std::lock_guard<CMutex> lock(m_mutex);
     if (_IsQueued(request)) {
       error = "\"" + request.fileName + "\" is in the queue already";
       return nullptr;
     }
-    auto download = std::make_shared<Download>(*m_pLoop, weak_from_this(), request, std::move(callback));
-    m_queue.push_back(download);
-    m_pLoop->Post([self = shared_from_this()] { self->_GiveTurn(); });
-    return download;
+    if (!m_pLoop->Post([self = shared_from_this()] { self->_GiveTurn(); })) {
+      error = "\"" + request.fileName + "\" comes too late: the transfers have been stopped";
+      return nullptr;
+    }
+    return m_queue.emplace_back(
+        std::make_shared<Download>(*m_pLoop, weak_from_this(), request, std::move(callback)));
   }
   return nullptr;
 }

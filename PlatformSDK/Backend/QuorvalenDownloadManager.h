@@ -25,8 +25,8 @@ class QuorvalenDownloadManager {
 
   /// Queues a download. Null, with the reason in `error`, when it is refused before the first byte: a file
   /// name that leaves the directory or ends in ".part" or ".meta", an address that is not allowed (https, or
-  /// http to a loopback host), too little space (the message has the needed and the free size), or the same
-  /// file is in the queue. Any thread; the callback may come before this returns.
+  /// http to a loopback host), too little space (the message has the needed and the free size), the same file
+  /// is in the queue, or the loop has stopped. Any thread; the callback may come before this returns.
   std::shared_ptr<DownloadTask> Add(const DownloadRequest& request, DownloadTask::Callback callback,
                                     std::string& error);
 

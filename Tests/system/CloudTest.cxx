@@ -387,6 +387,7 @@ TEST_F(CloudSource, OnePackageAtATime) {
 
   // A stick's package is under way.
   ASSERT_TRUE(m_station.Start());
+  EXPECT_TRUE(Exists(kDownloads + m_package.name + ".part"));
   m_station.commands().Hold("7za x *");
   m_station.InsertStick(m_package);
   ASSERT_TRUE(m_station.commands().WaitForStart("7za x *", kPatience));
@@ -394,6 +395,9 @@ TEST_F(CloudSource, OnePackageAtATime) {
   m_station.commands().Release("7za x *");
   ExpectReboot(m_station);
   EXPECT_EQ(m_station.panel().Progress().back().status, kFinished);
+  for (const char* suffix : {".part", ".meta.part"}) {
+    EXPECT_FALSE(Exists(kDownloads + m_package.name + suffix)) << "of a version that is behind";
+  }
 }
 
 TEST_F(CloudSource, LowBatteryRefusesBeforeTheDownload) {
@@ -411,9 +415,16 @@ TEST_F(CloudSource, LowBatteryRefusesBeforeTheDownload) {
   EXPECT_EQ(Ask(kUpgradeByCloud), Requests::kRefused);
   EXPECT_TRUE(m_station.panel().WaitForCmd(kLowBatteryMessage, kPatience));
   EXPECT_TRUE(m_cloud.Queries().empty());
+
+  // It runs low in the middle of the download.
   setBattery(6);
+  m_cloud.HoldAfter(1000);
   EXPECT_EQ(Ask(kUpgradeByCloud), Requests::kAccepted);
-  EXPECT_EQ(TextOf("done"), "");
+  ASSERT_TRUE(m_cloud.WaitForHeld(kPatience));
+  setBattery(5);
+  m_cloud.Behave();
+  EXPECT_EQ(TextOf("failed"), "battery too low");
+  EXPECT_TRUE(m_station.web().WaitForStatus(kFailed, kPatience));
 }
 
 TEST_F(CloudSource, RequestsAreAnsweredByWhatTheyAre) {

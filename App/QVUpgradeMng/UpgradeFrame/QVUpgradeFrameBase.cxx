@@ -362,6 +362,8 @@ void QVUpgradeFrameBase::_SaveUpgradePack() const {
   const auto exec = [](const std::string& command) {
     if (QVUpgradeTool::ExecCommand(command) != 0) LOGE("package is not kept: %s", command.c_str());
   };
+  // A download that was broken off is of a version that is behind now: nobody goes on with it.
+  exec("rm -rf " + std::string(UpgradePaths::kDownload) + "/*" + UpgradePaths::kUnfinishedExtension);
   if (m_upgradeType == UP_UDISK) {
     exec("mkdir " + kept);
     exec("cp " + page + "/" + UpgradePaths::kManifestName + " " + kept + "/");

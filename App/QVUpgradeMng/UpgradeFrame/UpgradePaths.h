@@ -16,6 +16,8 @@ inline constexpr const char* kPageSystem = "/firmware/upload/page/system";
 /// Where web uploads and downloads arrive and are unpacked first, and where an installed package is kept.
 inline constexpr const char* kDownload = "/firmware/webs/download";
 inline constexpr const char* kNewPackage = "/firmware/webs/new_package";
+/// What the names of a download and of its records end in until all of it has arrived.
+inline constexpr const char* kUnfinishedExtension = ".part";
 
 inline constexpr const char* kManifestName = "version.json";
 

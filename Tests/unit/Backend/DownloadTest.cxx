@@ -302,21 +302,30 @@ TEST_F(Downloads, GiveUpAtOnceOrAfterEightTriesOrWaitAsLongAsTheServerAsks) {
       [&](const HttpQuestion&, const Line& line) { line.Answer(answer, headers, "sorry"); });
   ExpectFailed(Run(server.Url()), "HTTP 404");
   EXPECT_EQ(server.Questions().size(), 1U);
+  server.SetScript([](const HttpQuestion&, const Line& line) {
+    line.Send("HTTP/1.1 404 Cut\r\nContent-Length: 5\r\n\r\n");
+  });
+  ExpectFailed(Run(server.Url()), "HTTP 404");
+  EXPECT_EQ(server.Questions().size(), 2U);
   server.SetScript(
       [](const HttpQuestion&, const Line& line) { line.Answer("500 Internal Server Error", "", "?"); });
   ExpectFailed(Run(server.Url()), "gave up after 8 tries without a byte");
-  EXPECT_EQ(server.Questions().size(), 9U);
+  EXPECT_EQ(server.Questions().size(), 10U);
   server.SetScript([&server](const HttpQuestion&, const Line& line) {
     line.Answer("302 Found", "Location: " + server.Url("/elsewhere") + "\r\n", "");
   });
   ExpectFailed(Run(server.Url()), "redirected to an address that is not allowed");
-  EXPECT_EQ(server.Questions().size(), 10U);
+  EXPECT_EQ(server.Questions().size(), 11U);
 
-  for (const char* retryAfter : {"3600", "Fri, 31 Dec 2100 23:59:59 GMT"}) {
+  // The wait counts also when the line breaks before the body.
+  const std::string seconds = "3600\r\nContent-Length: 5\r\n\r\n";
+  for (const std::string& rest :
+       {seconds, seconds + "sorry",
+        std::string("Fri, 31 Dec 2100 23:59:59 GMT\r\nContent-Length: 0\r\n\r\n")}) {
     int answers = 0;
     ScriptedServer busy([&](const HttpQuestion& question, const Line& line) {
       if (answers++ > 0) return Serve(m_content, question, line);
-      line.Answer("429 Too Many Requests", std::string("Retry-After: ") + retryAfter + "\r\n", "");
+      line.Send("HTTP/1.1 429 Too Many Requests\r\nRetry-After: " + rest);
     });
     const auto start = std::chrono::steady_clock::now();
     ExpectDone(Run(busy.Url()));
@@ -390,11 +399,15 @@ TEST_F(Downloads, EndWithinBoundsAndWithoutACallbackFromAnyPlace) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, kStopLimit);
   task->Cancel();
   EXPECT_FALSE(m_pLoop->Start());
+  DownloadRequest late = Request(server.Url());
+  late.fileName = "late.zip";
+  std::string error;
+  EXPECT_FALSE(m_pManager->Add(late, nullptr, error));
+  EXPECT_NE(error.find("have been stopped"), std::string::npos) << error;
 
   // The manager goes in a callback of its own.
   StartProgram();
   std::atomic<int> calls{0};
-  std::string error;
   const auto last = m_pManager->Add(
       Request(server.Url()),
       [&](const DownloadTask::Status&) {
@@ -453,4 +466,10 @@ TEST_F(Downloads, TellNeededAndFreeSizeWhenTheDiskIsFull) {
   EXPECT_TRUE(server.Questions().empty());
   ExpectFailed(Run(server.Url()), "no space for");
   EXPECT_GE(XGetFileSize(m_directory / "package.zip.part"), static_cast<int64_t>(kFirst));
+
+  // A file of that name and size turns out to be another one, and there is no room to replace it.
+  unlink((m_directory / "filler").c_str());
+  WriteText(m_directory / kName, std::string(m_content.size(), 'x'));
+  ExpectFailed(Run(server.Url()), "are needed");
+  EXPECT_EQ(server.Questions().size(), 1U);
 }

@@ -9,10 +9,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "../PlatformSDK/TempDirectory.h"
@@ -146,6 +148,31 @@ TEST_F(Queries, AreReplacedWhileTheyWaitAndEndWithoutACallback) {
   EXPECT_FALSE(m_server.Query(backend.Url(), kRequest, Collect()));
 }
 
+// Whichever comes first: the wire is free again, by an answer or by the cancel.
+TEST_F(Queries, MayBeCancelledWhileTheyAreAsked) {
+  constexpr int kRounds = 100;
+  ScriptedServer backend(
+      [](const HttpQuestion&, const Line& line) { line.Answer("200 OK", "", kNothingNewer); });
+  for (int round = 0; round < kRounds; ++round) {
+    std::atomic<bool> isReady{false};
+    std::thread canceller([&] {
+      isReady = true;
+      m_server.Cancel();
+    });
+    while (!isReady) {
+    }
+    EXPECT_TRUE(m_server.Query(backend.Url(), kRequest, nullptr));
+    canceller.join();
+    const auto limit = std::chrono::steady_clock::now() + kLongestTest;
+    bool isFree = false;
+    while (!isFree && std::chrono::steady_clock::now() < limit) {
+      isFree = m_server.Query("http://backend.example", kRequest, nullptr);
+    }
+    ASSERT_TRUE(isFree) << "round " << round;
+    m_server.Cancel();
+  }
+}
+
 TEST_F(Queries, ReceiveNoEndlessAnswer) {
   ScriptedServer backend([&](const HttpQuestion&, const Line& line) {
     line.Send("HTTP/1.1 200 OK\r\n\r\n");
@@ -221,6 +248,8 @@ TEST(BackendAnswer, IsAnErrorWhenItIsNotExactlyAnAnswer) {
                                         Package("softVersion", R"("")"),
                                         Package("softVersion", R"("a\u0000b")"),
                                         Package("softVersion", "\"\xff\""),
+                                        Package("softVersion", R"("a\nb")"),
+                                        Package("fileName", R"("\u001b[2J.zip")"),
                                         Package("fileName", R"("../x")"),
                                         Package("fileName", R"("a/b")"),
                                         Package("fileName", "null"),
@@ -244,12 +273,16 @@ TEST(BackendAnswer, IsAnErrorWhenItIsNotExactlyAnAnswer) {
     EXPECT_NE(result.error, "") << text;
     EXPECT_FALSE(result.package) << text;
   }
-  for (const std::string& good : {valid, Package("releaseNote", ""), Package("releaseNote", "null")}) {
+  for (const std::string& good : {valid, Package("releaseNote", ""), Package("releaseNote", "null"),
+                                  Package("releaseNote", R"("first\nsecond")")}) {
     EXPECT_EQ(QuorvalenBackendServer::ParseAnswer(good).error, "");
   }
   const std::string refused =
       QuorvalenBackendServer::ParseAnswer(R"({"code":-7,"message":"no","data":null})").error;
   EXPECT_NE(refused.find("code -7: no"), std::string::npos) << refused;
+  EXPECT_EQ(
+      QuorvalenBackendServer::ParseAnswer(R"({"code":-7,"message":"a\nb","data":null})").error.find('\n'),
+      std::string::npos);
 }
 
 TEST(AllowedAddress, IsHttpsOrTheDeviceItself) {

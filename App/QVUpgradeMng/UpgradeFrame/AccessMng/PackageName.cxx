@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "BSW/BasicFun/StringUtils.h"
+#include "UpgradeFrame/UpgradePaths.h"
 
 namespace PackageName {
 
@@ -59,7 +60,7 @@ bool IsZip(const std::string& fileName) {
 }
 
 bool IsUnfinished(const std::string& path) {
-  return EndsIn(path, kUnfinishedExtension);
+  return EndsIn(path, UpgradePaths::kUnfinishedExtension);
 }
 
 bool IsDownloadName(const std::string& fileName) {

@@ -1,5 +1,6 @@
-/// The strict names of packages: of the base station's archives, and of the portable parts' files in the
-/// store. Used by the common path of a package. Stateless; any thread.
+/// The names of packages: the strict ones of the base station's archives, and those of downloads. Used by the
+/// common path of a package and the cloud source; the store of portable-part packages, which keeps patterns
+/// of its own, matches with it. Stateless; any thread.
 #pragma once
 
 #include <string>
@@ -22,8 +23,6 @@ std::string SoftVersion(const std::string& fileName);
 /// True when the name ends in ".zip", which decides how the unpacker reads a file.
 bool IsZip(const std::string& fileName);
 
-/// What the names of a download and of its records end in until all of it has arrived.
-inline constexpr const char* kUnfinishedExtension = ".part";
 /// True for the path of an unfinished download or of one of its records.
 bool IsUnfinished(const std::string& path);
 /// True for a name under which the cloud's package may be stored beside the others: that of a zip, without a

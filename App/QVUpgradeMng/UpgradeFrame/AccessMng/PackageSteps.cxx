@@ -72,9 +72,11 @@ void ClearOtherDownloads(const std::string& archive) {
   });
 }
 
-bool HasUnfinishedDownload() {
+bool HasDownload() {
   bool found = false;
-  ForEachDownload([&found](const std::string& path) { found = found || PackageName::IsUnfinished(path); });
+  ForEachDownload([&found](const std::string& path) {
+    found = found || PackageName::IsUnfinished(path) || PackageName::IsZip(path);
+  });
   return found;
 }
 

@@ -23,7 +23,8 @@ void ClearDownloads(const std::string& archive);
 /// Before the download of `archive` needs the space: removes these and the unfinished downloads of other
 /// packages, and whatever stands in the way of its own.
 void ClearOtherDownloads(const std::string& archive);
-bool HasUnfinishedDownload();
+/// True when a download lies there, unfinished or complete.
+bool HasDownload();
 /// Creates the directory of web packages and downloads; a failure is logged.
 void CreateDownloadDirectory();
 

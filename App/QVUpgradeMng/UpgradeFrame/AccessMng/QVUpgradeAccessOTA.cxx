@@ -12,7 +12,6 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/AccessMng/OtaOffer.h"
-#include "UpgradeFrame/AccessMng/PackageName.h"
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
@@ -55,7 +54,7 @@ std::string SpaceShortage(const std::string& archive, uint64_t size) {
   if (!QVUpgradeTool::getPartitionUserSize(UpgradePaths::kDownload, &usage))
     return "the free space is unknown";
   const int64_t present = std::max(
-      {XGetFileSize(archive), XGetFileSize(archive + PackageName::kUnfinishedExtension), int64_t{0}});
+      {XGetFileSize(archive), XGetFileSize(archive + UpgradePaths::kUnfinishedExtension), int64_t{0}});
   return OtaOffer::SpaceShortage(size, static_cast<uint64_t>(present), usage.available_bytes);
 }
 
@@ -71,9 +70,17 @@ QVUpgradeAccessOTA::~QVUpgradeAccessOTA() {
 }
 
 bool QVUpgradeAccessOTA::_Listen() {
-  // A download that a crash cut short has left the interrupts free.
-  if (PackageSteps::HasUnfinishedDownload()) _SetSmpAffinityToCpu0(false);
-  return m_loop.Start() && RequestedSource::_Listen();
+  // A download that a crash cut short, in the transfer or in the check of all of it, has left the interrupts
+  // free.
+  if (PackageSteps::HasDownload()) _SetSmpAffinityToCpu0(false);
+  if (m_loop.Start() && RequestedSource::_Listen()) return true;
+  m_loop.Stop();
+  return false;
+}
+
+void QVUpgradeAccessOTA::_Unlisten() {
+  RequestedSource::_Unlisten();
+  m_loop.Stop();
 }
 
 void QVUpgradeAccessOTA::ThreadProc() {
@@ -96,25 +103,23 @@ RequestedSource::Answer QVUpgradeAccessOTA::_Accept(const IpcEnvelope::Request& 
 }
 
 RequestedSource::Answer QVUpgradeAccessOTA::_AcceptQuery() {
-  return QVUpgradeAccessFrame::getAccessFrame()->IsClaimed() ? _Busy() : _AskBackend();
+  return QVUpgradeAccessFrame::getAccessFrame()->IsClaimed() ? _Busy() : _AskBackend(false);
 }
 
 RequestedSource::Answer QVUpgradeAccessOTA::_AcceptStart() {
-  return _AcceptPackage([this]() -> Answer {
-    const auto hasOffer = [this] {
-      const std::lock_guard<std::mutex> lock(m_queueNextMutex);
-      return m_answer && m_answer->package;
-    };
-    Answer asked = hasOffer() ? Answer() : _AskBackend();
-    if (asked.code != REPLY_ACCEPTED) return asked;
+  const auto hasOffer = [this] {
     const std::lock_guard<std::mutex> lock(m_queueNextMutex);
-    m_bStartWanted = true;
-    m_stateCond.notify_all();
-    return {};
-  });
+    return m_answer && m_answer->package;
+  };
+  return _AcceptPackage([&] { return hasOffer() ? Answer() : _AskBackend(true); },
+                        [this] {
+                          const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+                          m_bStartWanted = true;
+                          m_stateCond.notify_all();
+                        });
 }
 
-RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend() {
+RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend(bool orJoin) {
   const std::string host = ReadHost(m_hostFile);
   if (host.empty()) return {REPLY_REFUSED, "no backend host is set in " + m_hostFile};
   const OTAVersion installed = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion().m_oldOverallVer;
@@ -122,29 +127,48 @@ RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend() {
                                          installed.m_hardVersion, installed.m_softVersion};
 
   const std::lock_guard<std::mutex> lock(m_queueNextMutex);
-  if (!m_backend.Query(host, query, [this](const QueryResult& answer) { _OnAnswer(answer); })) {
+  const auto take = [this, number = m_query + 1](const QueryResult& answer) { _OnAnswer(number, answer); };
+  if (m_backend.Query(host, query, take)) {
+    ++m_query;
+  } else if (!orJoin) {
     return {REPLY_BUSY, "the backend is being asked already"};
   }
   m_answer.reset();
   return {};
 }
 
-void QVUpgradeAccessOTA::_OnAnswer(const QueryResult& answer) {
+void QVUpgradeAccessOTA::_OnAnswer(uint64_t query, const QueryResult& answer) {
   const AllVersion versions = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion();
   QueryResult judged = OtaOffer::Judge(answer, versions.m_oldOverallVer.m_softVersion);
-  // Told under the lock: whoever hears it and requests at once finds this answer, and a query that is started
-  // then does not get this answer in place of its own.
   const std::lock_guard<std::mutex> lock(m_queueNextMutex);
-  UpgradeIpcMsg::GetUpgradeIpc()->SendOtaMsg(DeviceUpgradeUIIPC::UPGRADE_OTA_QUERY, OtaOffer::Report(judged));
+  // A query that was started meanwhile gets its own answer.
+  if (query != m_query) return;
+  m_reports.push(OtaOffer::Report(judged));
   m_answer = std::move(judged);
   m_stateCond.notify_all();
 }
 
-bool QVUpgradeAccessOTA::_WaitForPackage() {
+template <class Condition>
+bool QVUpgradeAccessOTA::_WaitAndTell(Condition isReached) {
   std::unique_lock<std::mutex> lock(m_queueNextMutex);
-  m_stateCond.wait(lock, [this] { return m_bStartWanted || !IsRunning(); });
-  m_bStartWanted = false;
-  return IsRunning();
+  while (IsRunning()) {
+    if (!m_reports.empty()) {
+      const Json::Value report = std::move(m_reports.front());
+      m_reports.pop();
+      lock.unlock();
+      UpgradeIpcMsg::GetUpgradeIpc()->SendOtaMsg(DeviceUpgradeUIIPC::UPGRADE_OTA_QUERY, report);
+      lock.lock();
+    } else if (isReached()) {
+      return true;
+    } else {
+      m_stateCond.wait(lock);
+    }
+  }
+  return false;
+}
+
+bool QVUpgradeAccessOTA::_WaitForPackage() {
+  return _WaitAndTell([this] { return std::exchange(m_bStartWanted, false); });
 }
 
 bool QVUpgradeAccessOTA::_FetchPackage() {
@@ -158,16 +182,19 @@ bool QVUpgradeAccessOTA::_FetchPackage() {
 }
 
 std::optional<PackageInfo> QVUpgradeAccessOTA::_AwaitOffer(std::string& error) {
-  std::unique_lock<std::mutex> lock(m_queueNextMutex);
-  m_stateCond.wait(lock, [this] { return m_answer.has_value() || !IsRunning(); });
-  if (!IsRunning()) return std::nullopt;
-  // Used up: should this download fail, the next request asks whether the package is still the same.
-  const QueryResult answer = std::move(*m_answer);
-  m_answer.reset();
-  lock.unlock();
-
+  QueryResult answer;
+  const auto take = [&] {
+    if (!m_answer) return false;
+    // Used up: should this download fail, the next request asks whether the package is still the same.
+    answer = std::move(*m_answer);
+    m_answer.reset();
+    return true;
+  };
+  if (!_WaitAndTell(take)) return std::nullopt;
   error = answer.error;
-  if (!answer.package && answer.error.empty()) {
+  if (!answer.error.empty()) {
+    m_backend.Cancel();  // the request has failed: no tries that nobody waits for
+  } else if (!answer.package) {
     error = "the backend has no newer package";
     _ReportStatus(UI_STATUS_NO_TASK);
   }
@@ -178,6 +205,7 @@ bool QVUpgradeAccessOTA::_Download(const PackageInfo& package, std::string& erro
   m_archive = std::string(UpgradePaths::kDownload) + "/" + package.fileName;
   PackageSteps::CreateDownloadDirectory();
   PackageSteps::ClearOtherDownloads(m_archive);
+  InitUpgradeFilePath();  // what an earlier package and core dumps take is free
   error = SpaceShortage(m_archive, package.size);
   if (!error.empty()) return false;
 
@@ -195,8 +223,12 @@ bool QVUpgradeAccessOTA::_Download(const PackageInfo& package, std::string& erro
       [this](const DownloadTask::Status& status) { _OnDownload(status); }, error);
   const bool arrived = task != nullptr && _AwaitDownload(error);
   _SetSmpAffinityToCpu0(false);
-  if (arrived) _ReportProgress(kWholePercent);
-  return arrived;
+  if (!arrived) return false;
+  _ReportProgress(kWholePercent);
+  // A download takes long enough to drain it.
+  if (!_RefuseLowBattery()) return true;
+  error = kBatteryTooLow;
+  return false;
 }
 
 void QVUpgradeAccessOTA::_OnDownload(const DownloadTask::Status& status) {

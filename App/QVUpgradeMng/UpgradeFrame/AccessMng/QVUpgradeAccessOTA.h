@@ -4,11 +4,14 @@
 ///   501  download it and upgrade                 asks first unless the last answer named a package
 ///   502  send the version report
 ///
-/// Nothing starts by itself. Requests come on the D-Bus thread, answers and progress on the transfer thread;
-/// both only leave notes, and the source's own thread downloads, reports and upgrades in order.
+/// Nothing starts by itself. Requests come on the D-Bus thread, which replies and leaves a note; answers and
+/// progress on the transfer thread, which only leaves notes. The source's own thread tells the panel of
+/// answers, downloads and upgrades, in order.
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <queue>
 #include <string>
 
 #include "Backend/DownloadTask.h"
@@ -29,6 +32,7 @@ class QVUpgradeAccessOTA : public RequestedSource {
 
  protected:
   bool _Listen() override;
+  void _Unlisten() override;
   /// Ends with the transfer thread: an unfinished download stays on the disk for the next request.
   void ThreadProc() override;
   Answer _Accept(const IpcEnvelope::Request& request) override;
@@ -40,12 +44,17 @@ class QVUpgradeAccessOTA : public RequestedSource {
  private:
   Answer _AcceptQuery();
   Answer _AcceptStart();
-  /// Starts a query, whose answer replaces the last one.
-  Answer _AskBackend();
-  /// Transfer thread.
-  void _OnAnswer(const Quorvalen::QueryResult& answer);
+  /// Starts a query, whose answer replaces the last one. While another one is on the wire the request is
+  /// busy, or, with `orJoin`, takes that one's answer.
+  Answer _AskBackend(bool orJoin);
+  /// Transfer thread. `query` is the number of the query that is answered.
+  void _OnAnswer(uint64_t query, const Quorvalen::QueryResult& answer);
   void _OnDownload(const Quorvalen::DownloadTask::Status& status);
 
+  /// Waits until `isReached` holds under m_queueNextMutex, and tells the panel of every answer that comes
+  /// meanwhile. False: the thread was asked to stop.
+  template <class Condition>
+  bool _WaitAndTell(Condition isReached);
   /// The steps of a download on the source's thread. On failure `error` says why, unless the thread was asked
   /// to stop.
   std::optional<Quorvalen::PackageInfo> _AwaitOffer(std::string& error);
@@ -60,8 +69,11 @@ class QVUpgradeAccessOTA : public RequestedSource {
   Quorvalen::QuorvalenBackendServer m_backend{m_loop};
   Quorvalen::QuorvalenDownloadManager m_downloads{m_loop};
 
-  // m_queueNextMutex guards these; it is held while a query is started, so that its answer comes after.
+  // m_queueNextMutex guards these; it is held while a query is started, so that its answer comes after, and
+  // never while something is sent.
+  uint64_t m_query = 0;                            ///< number of the last query; older ones count no more
   std::optional<Quorvalen::QueryResult> m_answer;  ///< of the last query; none while one is on its way
+  std::queue<Json::Value> m_reports;               ///< on answers, which the panel has yet to be told
   bool m_bStartWanted = false;                     ///< a package was claimed by a request
   Quorvalen::DownloadTask::Status m_download;
 

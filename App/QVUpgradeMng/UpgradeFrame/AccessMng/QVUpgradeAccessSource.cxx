@@ -117,6 +117,8 @@ bool QVUpgradeAccessSource::Start() {
   m_bListening = _Listen();
   if (m_bListening && CreateThread(0)) return true;
   LOGE("package source %d cannot start", static_cast<int>(m_accessType));
+  if (m_bListening) _Unlisten();
+  m_bListening = false;
   return false;
 }
 

@@ -42,12 +42,14 @@ bool QVUpgradeAccessWebs::_Listen() {
 RequestedSource::Answer QVUpgradeAccessWebs::_Accept(const IpcEnvelope::Request& request) {
   Upload upload;
   if (request.cmd != kCmdUpgrade || !_ParseUpload(request.propertyData, upload)) return _Malformed();
-  return _AcceptPackage([&]() -> Answer {
-    if (!PackageSteps::IsRegularFileItself(upload.archive)) return {REPLY_REFUSED, "no such package file"};
+  const auto check = [&upload]() -> Answer {
+    if (PackageSteps::IsRegularFileItself(upload.archive)) return {};
+    return {REPLY_REFUSED, "no such package file"};
+  };
+  return _AcceptPackage(check, [&] {
     const std::lock_guard<std::mutex> lock(m_queueNextMutex);
     m_newUpload = std::move(upload);
     m_stateCond.notify_all();
-    return {};
   });
 }
 

@@ -25,8 +25,10 @@ RequestedSource::RequestedSource(const char* threadName, UPGRADEACCESSTYPE acces
 
 bool RequestedSource::_Listen() {
   m_listening[static_cast<size_t>(m_accessType)] = this;
-  return CDbusHandler::instance()->RegisteredServices(kObject, m_service.interface, m_service.method,
-                                                      m_service.callback, false);
+  const bool registered = CDbusHandler::instance()->RegisteredServices(
+      kObject, m_service.interface, m_service.method, m_service.callback, false);
+  if (!registered) m_listening[static_cast<size_t>(m_accessType)] = nullptr;
+  return registered;
 }
 
 void RequestedSource::_Unlisten() {
@@ -52,14 +54,17 @@ RequestedSource::Answer RequestedSource::_Judge(const std::string& text, IpcEnve
   return _Accept(request);
 }
 
-RequestedSource::Answer RequestedSource::_AcceptPackage(const std::function<Answer()>& accept) {
+RequestedSource::Answer RequestedSource::_AcceptPackage(const std::function<Answer()>& check,
+                                                        const std::function<void()>& handOver) {
   if (!_Claim()) return _Busy();
-  UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(true);
-  Answer answer = _RefuseLowBattery() ? Answer{REPLY_REFUSED, "battery too low"} : accept();
+  Answer answer = _RefuseLowBattery() ? Answer{REPLY_REFUSED, kBatteryTooLow} : check();
   if (answer.code != REPLY_ACCEPTED) {
-    UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(false);
     QVUpgradeAccessFrame::getAccessFrame()->ReleaseClaim();
+    return answer;
   }
+  // First this: what the source's thread then reports is for the web server as well.
+  UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(true);
+  handOver();
   return answer;
 }
 

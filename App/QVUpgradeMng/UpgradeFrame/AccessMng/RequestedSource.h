@@ -46,12 +46,14 @@ class RequestedSource : public QVUpgradeAccessSource {
   /// Decides on a well-formed envelope with an unchecked command and payload. The caller's thread.
   virtual Answer _Accept(const IpcEnvelope::Request& request) = 0;
 
+  static constexpr const char* kBatteryTooLow = "battery too low";
   static Answer _Malformed() { return {REPLY_MALFORMED, "malformed request"}; }
   static Answer _Busy() { return {REPLY_BUSY, "an upgrade is under way"}; }
 
-  /// Lets `accept` decide on a package with the claim held, the battery checked and the web server listening;
-  /// unless the package is accepted, all that is given back.
-  static Answer _AcceptPackage(const std::function<Answer()>& accept);
+  /// Lets `check` decide on a package with the claim held and the battery checked. Once the package is
+  /// accepted the web server hears of its progress, and `handOver` wakes the source's thread; otherwise the
+  /// claim is given back.
+  static Answer _AcceptPackage(const std::function<Answer()>& check, const std::function<void()>& handOver);
 
   bool _Listen() override;
   void _Unlisten() override;
