@@ -7,11 +7,11 @@
 #include <spawn.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -105,9 +105,6 @@ bool Daemon::Start() {
   if (error != 0) {
     Halt(std::string("cannot run ") + argv[0], error);
   }
-  // The device has its processors to itself; without the right to a better place it goes on as it is.
-  constexpr int kDevicePriority = -10;
-  setpriority(PRIO_PROCESS, static_cast<id_t>(pid), kDevicePriority);
   m_pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   m_pid = pid;
 
@@ -189,15 +186,19 @@ std::string Daemon::Log() {
 
 bool Daemon::WaitForLog(const std::string& text, Milliseconds timeout, std::size_t from) {
   const auto deadline = Clock::now() + timeout;
+  // The host limits how many may watch; other stations may have used that up.
+  constexpr int kUnwatchedMs = 50;
   const int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   inotify_add_watch(watch, kLogDir.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO);
   bool found = false;
   while (true) {
     found = Log().find(text, from) != std::string::npos;
-    pollfd wait = {watch, POLLIN, 0};
-    if (found || poll(&wait, 1, RemainingMs(deadline)) == 0) {
+    const int remaining = RemainingMs(deadline);
+    if (found || remaining == 0) {
       break;
     }
+    pollfd wait = {watch, POLLIN, 0};
+    poll(&wait, 1, watch < 0 ? std::min(remaining, kUnwatchedMs) : remaining);
     char events[4096];
     while (read(watch, events, sizeof events) > 0) {
     }
