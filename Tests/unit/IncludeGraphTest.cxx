@@ -18,7 +18,7 @@ namespace {
 
 // Path prefixes from the ground up. The last prefix that matches a path decides its floor, so that a folder's
 // exceptions stand behind it.
-constexpr std::array<std::pair<const char*, int>, 20> kFloors = {{
+constexpr std::array<std::pair<const char*, int>, 23> kFloors = {{
     {"PlatformSDK/Include/", 0},
     {"PlatformSDK/BSW/", 4},
     {"PlatformSDK/Backend/", 4},
@@ -28,6 +28,8 @@ constexpr std::array<std::pair<const char*, int>, 20> kFloors = {{
     {"App/QVUpgradeMng/UpgradeIpcMsg/", 6},
     {"App/QVUpgradeMng/UpgradeFrame/", 7},
     {"App/QVUpgradeMng/UpgradeFrame/UpgradeTypes", 5},
+    {"App/QVUpgradeMng/UpgradePackage/", 6},
+    {"App/QVUpgradeMng/UpgradeFrame/UpgradePaths", 5},
     {"App/QVUpgradeMng/UpgradeFrame/SocSubmodules/", 8},
     {"App/QVUpgradeMng/UpgradeFrame/SystemSubmodules/", 8},
     {"App/QVUpgradeMng/UpgradeFrame/RootfsSubmodules/", 8},
@@ -39,6 +41,7 @@ constexpr std::array<std::pair<const char*, int>, 20> kFloors = {{
     {"App/QVUpgradeMng/UpgradeFrame/QVUpgradeFrameBase", 10},
     {"App/QVUpgradeMng/UpgradeFrame/AccessMng/", 11},
     {"App/QVUpgradeMng/UpgradePp/", 12},
+    {"App/QVUpgradeMng/UpgradePp/PpStore", 8},
 }};
 constexpr int kMainFloor = 13;
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradePackage/Reasons.h"
 
 /// Called on the upgrader's thread: an increment of 1 to 99, 100 once on success, or -1 once on failure. No
 /// lock of the upgrader is held. The result is ignored.
@@ -38,4 +39,6 @@ class IQVUpgrade {
   /// Asks the thread to stop and returns at once, so that several upgraders can stop side by side before
   /// CleanUp waits for each. The command that runs is let finish; no further one starts.
   virtual void RequestStop() = 0;
+  /// Why the part failed; empty while it has not. Known before the failure is reported.
+  virtual Failure GetFailure() { return {}; }
 };

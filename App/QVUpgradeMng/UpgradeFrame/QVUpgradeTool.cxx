@@ -83,6 +83,10 @@ int QVUpgradeTool::ExecCommand(const char* cmd) {
   return -1;
 }
 
+int QVUpgradeTool::ExecUnlessStopped(const std::string& cmd) {
+  return CThread::StopRequested() ? -1 : ExecCommand(cmd);
+}
+
 bool QVUpgradeTool::readFileToJson(const char* path, Json::Value& out) {
   if (path == nullptr || *path == '\0') {
     LOGE("Invalid file path: null or empty");

@@ -23,6 +23,8 @@ class QVUpgradeTool {
   /// logged, when it could not be run or was killed.
   static int ExecCommand(const char* cmd);
   static int ExecCommand(const std::string& cmd) { return ExecCommand(cmd.c_str()); }
+  /// The same unless the calling thread was asked to stop: -1 then, and nothing is run or logged.
+  static int ExecUnlessStopped(const std::string& cmd);
 
   /// Reads one JSON document of bounded size and depth. Every failure is logged.
   static bool readFileToJson(const char* path, Json::Value& out);

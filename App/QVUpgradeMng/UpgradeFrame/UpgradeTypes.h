@@ -20,6 +20,8 @@ enum UPGRADETYPE : int32_t {
   UP_7204_EVT = 9,  ///< portable part, first family, EVT hardware
   UP_7308 = 10,     ///< portable part, second family
 };
+/// The last of the types, which are numbered without a gap.
+inline constexpr UPGRADETYPE UP_LAST_TYPE = UP_7308;
 
 /// Where a package came from.
 enum UPGRADEACCESSTYPE : int32_t {

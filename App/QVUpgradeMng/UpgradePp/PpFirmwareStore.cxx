@@ -24,7 +24,7 @@
 #include "BSW/MultiTask/CThread.h"
 #include "BSW/Serial/HexText.h"
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
-#include "UpgradeFrame/AccessMng/PpStore.h"
+#include "UpgradePp/PpStore.h"
 #include "UpgradePp/PpVersion.h"
 
 namespace {

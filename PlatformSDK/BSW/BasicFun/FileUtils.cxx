@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <system_error>
 
 #include "BSW/BasicFun/StringUtils.h"
 
@@ -133,6 +134,34 @@ bool XFilePathExists(const std::string& path) {
 
 bool XIsRegularFile(const std::string& path) {
   return XGetFileSize(path) >= 0;
+}
+
+bool IsRegularFileItself(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::symlink_status(path, error).type() == std::filesystem::file_type::regular;
+}
+
+std::vector<std::string> NamesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    names.push_back(entry->path().filename().string());
+  }
+  return names;
+}
+
+bool HoldsOnlyFiles(const std::string& directory, std::string& other) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  for (fs::recursive_directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    const fs::file_type type = entry->symlink_status(error).type();
+    if (type == fs::file_type::regular || type == fs::file_type::directory) continue;
+    other = entry->path().string();
+    return false;
+  }
+  return !error;
 }
 
 int64_t XGetFileSize(const std::string& path) {

@@ -19,6 +19,8 @@ using StopPredicate = std::function<bool()>;
 
 bool XFilePathExists(const std::string& path);
 bool XIsRegularFile(const std::string& path);
+/// True for a regular file, not for a symbolic link to one.
+bool IsRegularFileItself(const std::string& path);
 
 /// Size in bytes, or -1 when `path` cannot be read or is no regular file.
 int64_t XGetFileSize(const std::string& path);
@@ -30,6 +32,14 @@ bool XCreateFullPathDir(const std::string& path, mode_t mode);
 /// Removes `path` and everything below it without following symbolic links. True when nothing is left, also
 /// when there was nothing.
 bool XRemoveDirectory(const std::string& path);
+
+/// The names in `directory`, hidden ones too but not "." and "..", in no order; nothing when it cannot be
+/// read.
+std::vector<std::string> NamesIn(const std::string& directory);
+
+/// True when there are only files and directories below `directory`: a link would lead out of it, and a
+/// device or a pipe would be opened as a file. `other` gets the first thing that is neither.
+bool HoldsOnlyFiles(const std::string& directory, std::string& other);
 
 /// rename(2); both names must lie on one file system.
 bool XRenameFile(const std::string& from, const std::string& to);

@@ -1,5 +1,5 @@
-/// The platform's mutex. Used by every class whose shared state is guarded by a `CMutex m_...` member.
-/// It meets the Lockable requirements, so hold it with std::lock_guard or std::unique_lock.
+/// The platform's mutex and the lock that holds it. Every class with shared state has a `CMutex`, says with
+/// GUARDED_BY what it guards, and holds it with a `CLock`.
 #pragma once
 
 #include <pthread.h>
@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/ThreadAnnotations.h"
+
 /// A non-recursive mutex. A failure to create one stops the process: nothing above could work without it.
-class CMutex {
+class CAPABILITY("mutex") CMutex {
  public:
   CMutex() {
     const int ret = pthread_mutex_init(&m_mutex, nullptr);
@@ -21,10 +23,40 @@ class CMutex {
   CMutex(const CMutex&) = delete;
   CMutex& operator=(const CMutex&) = delete;
 
+  void Lock() ACQUIRE() { pthread_mutex_lock(&m_mutex); }
+  void Unlock() RELEASE() { pthread_mutex_unlock(&m_mutex); }
+
+  // As std::lock_guard calls them.
   void lock() { pthread_mutex_lock(&m_mutex); }
-  bool try_lock() { return pthread_mutex_trylock(&m_mutex) == 0; }
   void unlock() { pthread_mutex_unlock(&m_mutex); }
 
  private:
+  friend class CCondition;  // waits with it
+
   pthread_mutex_t m_mutex{};
+};
+
+/// Holds a mutex for a scope. Unlock and Lock open a gap in it, for a call that must not be made with the
+/// lock held; only the scope's own thread uses it.
+class SCOPED_CAPABILITY CLock {
+ public:
+  explicit CLock(CMutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.Lock(); }
+  ~CLock() RELEASE() {
+    if (m_bHeld) m_mutex.Unlock();
+  }
+  CLock(const CLock&) = delete;
+  CLock& operator=(const CLock&) = delete;
+
+  void Unlock() RELEASE() {
+    m_mutex.Unlock();
+    m_bHeld = false;
+  }
+  void Lock() ACQUIRE() {
+    m_mutex.Lock();
+    m_bHeld = true;
+  }
+
+ private:
+  CMutex& m_mutex;
+  bool m_bHeld = true;
 };

@@ -10,8 +10,8 @@
 #include "../PlatformSDK/TempDirectory.h"
 #include "AccessTestSupport.h"
 #include "BSW/BasicFun/JsonUtils.h"
-#include "UpgradeFrame/AccessMng/PpStore.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
+#include "UpgradePp/PpStore.h"
 
 namespace {
 

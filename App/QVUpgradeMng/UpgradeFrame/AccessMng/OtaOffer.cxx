@@ -7,7 +7,7 @@
 
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/AccessMng/PackageName.h"
+#include "UpgradePackage/PackageName.h"
 
 namespace OtaOffer {
 

@@ -13,9 +13,9 @@
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
-#include "UpgradeFrame/AccessMng/PackageName.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
+#include "UpgradePackage/PackageName.h"
 
 namespace PackageSteps {
 

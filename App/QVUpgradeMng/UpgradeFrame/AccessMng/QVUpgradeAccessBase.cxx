@@ -16,14 +16,14 @@
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
-#include "UpgradeFrame/AccessMng/PackageName.h"
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
-#include "UpgradeFrame/AccessMng/PpStore.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
 #include "UpgradeFrame/VersionRecord.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
+#include "UpgradePackage/PackageName.h"
+#include "UpgradePp/PpStore.h"
 
 namespace {
 

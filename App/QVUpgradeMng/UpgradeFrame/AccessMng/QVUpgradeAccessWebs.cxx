@@ -7,9 +7,9 @@
 
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
-#include "UpgradeFrame/AccessMng/PackageName.h"
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
 #include "UpgradeFrame/UpgradePaths.h"
+#include "UpgradePackage/PackageName.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 /// The name patterns are agreed with those who build packages.
-#include "UpgradeFrame/AccessMng/PackageName.h"
+#include "UpgradePackage/PackageName.h"
 
 #include <cstddef>
 #include <regex>

@@ -1,5 +1,5 @@
 // Which names count as packages, per source.
-#include "UpgradeFrame/AccessMng/PackageName.h"
+#include "UpgradePackage/PackageName.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 /// The families and how a package is exchanged. Directories and patterns are those that portable-part
 /// handling reads.
-#include "UpgradeFrame/AccessMng/PpStore.h"
+#include "UpgradePp/PpStore.h"
 
 #include <sys/types.h>
 
@@ -13,8 +13,7 @@
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/AccessMng/PackageName.h"
-#include "UpgradeFrame/AccessMng/PackageSteps.h"
+#include "UpgradePackage/PackageName.h"
 
 namespace PpStore {
 
@@ -46,7 +45,7 @@ const Family* Find(const std::string& pageType) {
 
 bool IsPackage(const Family& family, const std::string& path) {
   return PackageName::Matches(std::string(BaseName(path)), family.namePattern) &&
-         PackageSteps::IsRegularFileItself(path);
+         IsRegularFileItself(path);
 }
 
 std::vector<std::string> PackageNames(const std::string& directory, const Family& family) {

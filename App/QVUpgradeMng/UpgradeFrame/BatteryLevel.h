@@ -1,0 +1,32 @@
+/// The battery as the system controller reports it, and the limit that keeps a package from being started on
+/// a low one. Made by main; the controller's reports set it, the package sources ask it, service switches the
+/// limit.
+#pragma once
+
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
+
+/// Any thread may call any member.
+class BatteryLevel {
+ public:
+  enum CfgType {
+    EM_CFG_MIN_BATTERY_VAL = 5,  ///< percent; the highest level that still counts as low
+  };
+
+  /// Level before the first report: not low.
+  static constexpr int kUnknown = 255;
+
+  /// Percent; kUnknown when never reported. Negative values are kept and not low.
+  int GetBattery();
+  void SetBattery(int level);
+  /// True when the limit is on and the level is 0 to 5. Logs the limit.
+  bool IsBatteryLow();
+
+  void SwitchBatteryLimited(bool on);
+  bool IsBatteryLimited();
+
+ private:
+  CMutex m_batteryMutex;
+  int m_iBattery GUARDED_BY(m_batteryMutex) = kUnknown;
+  bool m_bLimited GUARDED_BY(m_batteryMutex) = true;
+};

@@ -1,0 +1,40 @@
+/// The device's version record: what is installed, in memory and in the version file of the running
+/// partition, which is written here alone. Made by main, loaded by the access frame; sources, frame and the
+/// controller's reports read and change it.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "UpgradeFrame/UpgradeTypes.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
+
+/// Any thread may call any member.
+class DeviceVersions {
+ public:
+  /// Takes `file` as the running partition's version file and reads it; a missing or unusable one, logged,
+  /// leaves the defaults.
+  void Load(const std::string& file);
+  /// False until Load: the record holds nothing yet.
+  bool IsLoaded();
+
+  AllVersion getAllVersion();
+  /// Replaces the record and writes the file.
+  void setAllVersion(const AllVersion& versions);
+  /// Applies `change`, which must not call back, to the record and writes the file.
+  void SetVersion(const std::function<void(AllVersion&)>& change);
+  /// Notes the overall versions of the package being prepared, without writing the file.
+  void SetNewOverallVersion(const OTAVersion& overall);
+
+  /// Sends the version report to the panel.
+  bool SendVersionUI();
+
+ private:
+  bool _ReadVersionToFile() REQUIRES(m_versionMutex);
+  bool _WriteVersionToFile(const AllVersion& versions) REQUIRES(m_versionMutex);
+
+  CMutex m_versionMutex;  ///< also held while the file is read or written
+  AllVersion m_allVersion GUARDED_BY(m_versionMutex);
+  std::string m_currptten GUARDED_BY(m_versionMutex);  ///< the version file; empty until Load
+};

@@ -1,0 +1,43 @@
+/// One mounted file system for as long as it is needed: a stick that is read, a belt pack's storage, a new
+/// root file system. The only place where the daemon mounts and unmounts.
+#pragma once
+
+#include <string>
+
+class Mount {
+ public:
+  /// How a mount of ours is undone.
+  struct Undo {
+    std::string command;       ///< for instance "umount /run/media/sda1"
+    bool lazily = false;       ///< when that fails, because a file is open or the device was pulled
+    bool removePoint = false;  ///< the mount point was made for this mount alone
+  };
+
+  /// Nothing is mounted.
+  Mount() = default;
+  /// What somebody else has mounted at `path`; it stays mounted.
+  static Mount Existing(std::string path);
+  /// Runs `command`, which mounts at `path`, and owns the mount. A failure is not logged and leaves an
+  /// unmounted object. No command is run once the calling thread was asked to stop.
+  Mount(std::string path, const std::string& command, Undo undo);
+  /// Undoes a mount of our own, also while the daemon stops; a failure is logged.
+  ~Mount();
+  Mount(Mount&& other) noexcept;
+  Mount& operator=(Mount&& other) noexcept;
+  Mount(const Mount&) = delete;
+  Mount& operator=(const Mount&) = delete;
+
+  [[nodiscard]] bool IsMounted() const { return !m_path.empty(); }
+  /// Where the files are; empty when nothing is mounted.
+  [[nodiscard]] const std::string& Path() const { return m_path; }
+
+  /// Leaves the mount behind: nothing is undone any more.
+  void Keep() { m_bOwn = false; }
+
+ private:
+  void _Undo();
+
+  std::string m_path;
+  Undo m_undo;
+  bool m_bOwn = false;
+};
