@@ -109,7 +109,7 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(UpgPp::PpType type, co
   const milliseconds time = is7204 ? milliseconds(PpLink::m_i7204UpgTime) : PpLink::m_iWaitTime;
   const Answer answer =
       m_link.Request(EM_NEW_CMD_REQ_SEND_FW_INFO, EM_FLAG_SEND_FW_INFO_ACK | EM_FLAG_DO_NOT_UPG, time, data);
-  if (answer == Answer::Came) return m_signals.Has(EM_FLAG_DO_NOT_UPG) ? EM_RET_ERROR : EM_RET_SUCESS;
+  if (answer == Answer::Came) return m_flags.Has(EM_FLAG_DO_NOT_UPG) ? EM_RET_ERROR : EM_RET_SUCESS;
   if (answer == Answer::GivenUp) return EM_RET_ERROR;
   LOGE("Waiting for ACK of [SEND_FW_INFO] timeout");
   return EM_RET_TIMEOUT;
@@ -176,7 +176,7 @@ bool Pp7308Sequence::_UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::strin
   // The module's exchange has a port of its own on the same device.
   m_link.CloseUart(EM_PROT_72_NEW);
   if (!_RunRtx(directory, device)) {
-    if (!m_signals.Stopping()) LOGE("Upg rtx failed!");
+    if (!m_flags.Ending()) LOGE("Upg rtx failed!");
     return false;
   }
   return _NotifyRtxResult(device);
@@ -184,37 +184,37 @@ bool Pp7308Sequence::_UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::strin
 
 bool Pp7308Sequence::_RunRtx(const std::string& directory, const std::string& device) {
   // Before the start: the result may come at once.
-  m_signals.Clear(EM_FLAG_UPG_PP_RTX_SUCCESS | EM_FLAG_UPG_RTX_RESULT);
-  m_signals.Set(EM_FLAG_START_UPG_RTX);
+  m_flags.Clear(EM_FLAG_UPG_PP_RTX_SUCCESS | EM_FLAG_UPG_RTX_RESULT);
+  m_flags.Set(EM_FLAG_START_UPG_RTX);
   if (!m_upgPpRtx.StartUpgrade(directory, device)) {
-    m_signals.Clear(EM_FLAG_START_UPG_RTX);
+    m_flags.Clear(EM_FLAG_START_UPG_RTX);
     LOGE("RTX upgrade of %s is refused", device.c_str());
     return false;
   }
   // A plug-out just before found nothing to stop.
-  if (!m_signals.Has(EM_FLAG_PLUG_IN)) m_upgPpRtx.StopUpgrad();
-  if (!m_signals.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxUpgradeTime)) {
-    if (!m_signals.Stopping()) {
-      LOGE("Waiting for [UPG_RTX_RESULT] timeout.m_iFlags:%d, Val:%d", m_signals.Flags(),
-           m_signals.Has(EM_FLAG_UPG_RTX_RESULT));
+  if (!m_flags.Has(EM_FLAG_PLUG_IN)) m_upgPpRtx.StopUpgrad();
+  if (!m_flags.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxUpgradeTime)) {
+    if (!m_flags.Ending()) {
+      LOGE("Waiting for [UPG_RTX_RESULT] timeout.m_iFlags:%d, Val:%d", m_flags.Flags(),
+           m_flags.Has(EM_FLAG_UPG_RTX_RESULT));
     }
     m_upgPpRtx.StopUpgrad();
     // Its report must not be taken for the next part's.
-    m_signals.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxStopTime);
+    m_flags.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxStopTime);
     return false;
   }
-  return m_signals.Has(EM_FLAG_UPG_PP_RTX_SUCCESS);
+  return m_flags.Has(EM_FLAG_UPG_PP_RTX_SUCCESS);
 }
 
 void Pp7308Sequence::_UpgRtxResultCb(bool success, const std::string& message) {
   LOGI("Get result of RTX upgrading!");
   if (!success) LOGE("Upg Rtx failed!ErrMsg:%s", message.c_str());
-  m_signals.Clear(EM_FLAG_START_UPG_RTX);
-  m_signals.Set(EM_FLAG_UPG_RTX_RESULT | (success ? EM_FLAG_UPG_PP_RTX_SUCCESS : 0U));
+  m_flags.Clear(EM_FLAG_START_UPG_RTX);
+  m_flags.Set(EM_FLAG_UPG_RTX_RESULT | (success ? EM_FLAG_UPG_PP_RTX_SUCCESS : 0U));
 }
 
 void Pp7308Sequence::OnPlugOut() {
-  if (m_signals.Has(EM_FLAG_START_UPG_RTX)) m_upgPpRtx.StopUpgrad();
+  if (m_flags.Has(EM_FLAG_START_UPG_RTX)) m_upgPpRtx.StopUpgrad();
 }
 
 bool Pp7308Sequence::_NotifyRtxResult(const std::string& device) {
@@ -222,13 +222,13 @@ bool Pp7308Sequence::_NotifyRtxResult(const std::string& device) {
     LOGE("_OpenUart error");
     return false;
   }
-  m_signals.Clear(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK);
-  if (!m_link.SendBuiltFrame(PpMessages::RtxResultFrame(m_signals.Has(EM_FLAG_UPG_PP_RTX_SUCCESS)))) {
+  m_flags.Clear(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK);
+  if (!m_link.SendBuiltFrame(PpMessages::RtxResultFrame(m_flags.Has(EM_FLAG_UPG_PP_RTX_SUCCESS)))) {
     LOGE("Failed to send cmd [EM_NEW_CMD_NOTIFY_PP_RTX_RESULT]!");
     return false;
   }
-  if (!m_signals.WaitFor(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK, PpLink::m_iWaitTime)) {
-    if (!m_signals.Stopping()) LOGE("Waiting for ACK of [NOTIFY_PP] timeout");
+  if (!m_flags.WaitFor(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK, PpLink::m_iWaitTime)) {
+    if (!m_flags.Ending()) LOGE("Waiting for ACK of [NOTIFY_PP] timeout");
     return false;
   }
   if (!m_link.CloseUart(EM_PROT_72_NEW)) LOGE("_CloseUart error");
