@@ -70,11 +70,9 @@ bool Pp7204Sequence::_CopyFirmware(const UpgPp::PpFw_t& firmware) {
   const std::string path = m_strMountPath;
   LOGI("Show monut info");
   QVUpgradeTool::ExecCommand("ls " + path + "/");
-  std::string directory = firmware.m_strFwPath;
-  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
   // A link of that name would lead the copy elsewhere.
   XDeleteFile(path + "/" + firmware.m_strFileName);
-  const std::string command = "cp " + ShellQuote(directory + "/" + firmware.m_strFileName) + " " + path;
+  const std::string command = "cp " + ShellQuote(firmware.ImagePath()) + " " + path;
   LOGI("CMd:%s", command.c_str());
   const bool written = QVUpgradeTool::ExecCommand(command) == 0;
   const bool synced = QVUpgradeTool::ExecCommand("sync") == 0;

@@ -52,11 +52,6 @@ constexpr const char* kRtxDirectory = "RTX";
 /// Far beyond a part's flash, and within the four bytes that tell the size.
 constexpr int64_t kMaxImageBytes = 64 * 1024 * 1024;
 
-std::string ImagePath(const UpgPp::PpFw_t& firmware) {
-  const bool endsInSlash = !firmware.m_strFwPath.empty() && firmware.m_strFwPath.back() == '/';
-  return firmware.m_strFwPath + (endsInSlash ? "" : "/") + firmware.m_strFileName;
-}
-
 }  // namespace
 
 bool Pp7308Sequence::Init() {
@@ -80,13 +75,13 @@ UpgradeStateType Pp7308Sequence::_Upg7308(UpgPp::PpType type, const UpgPp::PpFw_
 }
 
 bool Pp7308Sequence::_StartUpg() {
-  const Answer answer = m_link.Request(EM_NEW_CMD_REQ_START_UPG, EM_FLAG_START_UPG_ACK, PpLink::m_iWaitTime);
-  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [NOTIFY_UPG] timeout");
-  return answer == Answer::Came && CThread::Pause(kEraseMs);
+  return _Ask(EM_NEW_CMD_REQ_START_UPG, EM_FLAG_START_UPG_ACK, PpLink::m_iWaitTime,
+              "Waiting for ACK of [NOTIFY_UPG] timeout") &&
+         CThread::Pause(kEraseMs);
 }
 
 Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(UpgPp::PpType type, const UpgPp::PpFw_t& firmware) {
-  const std::string file = ImagePath(firmware);
+  const std::string file = firmware.ImagePath();
   const int64_t size = firmware.m_strFileName.empty() ? -1 : XGetFileSize(file);
   if (size < 0) {
     LOGE("Get file size error!file:%s, iFileSize:%zu", file.c_str(), static_cast<size_t>(size));
@@ -116,7 +111,7 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(UpgPp::PpType type, co
 }
 
 Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwDataPack(const UpgPp::PpFw_t& firmware) {
-  const std::string file = ImagePath(firmware);
+  const std::string file = firmware.ImagePath();
   std::string image;
   if (!ReadFileToString(file, kMaxImageBytes, image)) {
     LOGE("Failed to open the [%s] file.", file.c_str());
@@ -145,10 +140,9 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwDataPack(const UpgPp::PpFw_
 }
 
 bool Pp7308Sequence::_FinishTransfer() {
-  const Answer answer =
-      m_link.Request(EM_NEW_CMD_REQ_SEND_FW_DONE, EM_FLAG_SEND_PACK_DONE_ACK, PpLink::m_iWaitTime);
-  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [SEND_PACK_DONE] timeout");
-  return answer == Answer::Came && CThread::Pause(kRestartMs);
+  return _Ask(EM_NEW_CMD_REQ_SEND_FW_DONE, EM_FLAG_SEND_PACK_DONE_ACK, PpLink::m_iWaitTime,
+              "Waiting for ACK of [SEND_PACK_DONE] timeout") &&
+         CThread::Pause(kRestartMs);
 }
 
 bool Pp7308Sequence::_ReCheckVersion(const UpgPp::PpFw_t& firmware) {
@@ -163,9 +157,10 @@ bool Pp7308Sequence::_ReCheckVersion(const UpgPp::PpFw_t& firmware) {
 }
 
 bool Pp7308Sequence::_UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::string& device) {
-  const Answer answer = m_link.Request(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, kRtxConsentTime);
-  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [REQ_UPG_RTX] timeout");
-  if (answer != Answer::Came) return false;
+  if (!_Ask(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, kRtxConsentTime,
+            "Waiting for ACK of [REQ_UPG_RTX] timeout")) {
+    return false;
+  }
   const size_t slash = firmware.m_strFwPath.rfind('/');
   if (slash == std::string::npos) {
     std::fputs("Invalid path format.\n", stderr);
@@ -215,6 +210,12 @@ void Pp7308Sequence::_UpgRtxResultCb(bool success, const std::string& message) {
 
 void Pp7308Sequence::OnPlugOut() {
   if (m_flags.Has(EM_FLAG_START_UPG_RTX)) m_upgPpRtx.StopUpgrad();
+}
+
+bool Pp7308Sequence::_Ask(uint16_t cmd, uint32_t ack, milliseconds time, const char* onTimeout) {
+  const Answer answer = m_link.Request(cmd, ack, time);
+  if (answer == Answer::TimedOut) LOGE("%s", onTimeout);
+  return answer == Answer::Came;
 }
 
 bool Pp7308Sequence::_NotifyRtxResult(const std::string& device) {

@@ -2,6 +2,8 @@
 /// module through UpgPpRtx. UpgradePp owns the one object and runs it on its state thread.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 
 #include "BSW/MultiTask/CFlags.h"
@@ -37,6 +39,8 @@ class Pp7308Sequence {
     EM_RET_BAD_PARAMER = 3,
   };
 
+  /// Sends a command without data and waits for its acknowledgement; `onTimeout` is logged when none came.
+  bool _Ask(uint16_t cmd, uint32_t ack, std::chrono::milliseconds time, const char* onTimeout);
   bool _StartUpg();
   RetValType _RrepareFwInfo(UpgPp::PpType type, const UpgPp::PpFw_t& firmware);
   RetValType _RrepareFwDataPack(const UpgPp::PpFw_t& firmware);

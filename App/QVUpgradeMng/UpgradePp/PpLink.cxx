@@ -261,16 +261,12 @@ bool PpLink::_ProcAck(const Bytes& data, uint32_t flag, const char* handler) {
 }
 
 bool PpLink::_OldProtocolRecvCb(const OldProtocol::Frame_t& frame) {
-  return _UnpackOldFrame(frame);
-}
-
-bool PpLink::_UnpackOldFrame(const OldProtocol::Frame_t& frame) {
-  if (frame.m_iCmd == EM_OLD_CMD_GET_PP_VERSION_INFO) return _ProcVerInfo(frame);
+  if (frame.m_iCmd == EM_OLD_CMD_GET_PP_VERSION_INFO) return _UnpackOldFrame(frame);
   LOGE("error resopne cmd %02x ", frame.m_iCmd);
   return false;
 }
 
-bool PpLink::_ProcVerInfo(const OldProtocol::Frame_t& frame) {
+bool PpLink::_UnpackOldFrame(const OldProtocol::Frame_t& frame) {
   const std::optional<PpMessages::LegacyVersion> version = PpMessages::ReadLegacyVersion(frame.m_vecPayload);
   if (!version) {
     LOGE("Error len of version info!ErrVal:%ld", static_cast<long>(frame.m_vecPayload.size()));

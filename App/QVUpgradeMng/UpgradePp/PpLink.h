@@ -94,7 +94,6 @@ class PpLink {
   bool _OldProtocolRecvCb(const OldProtocol::Frame_t& frame);
   bool _UnpackOldFrame(const OldProtocol::Frame_t& frame);
   bool _ProcVerInfo(const ProtocolData_t& data);
-  bool _ProcVerInfo(const OldProtocol::Frame_t& frame);
   bool _ProcSendFwInfoAck(const Bytes& data);
   bool _ProcAck(const Bytes& data, uint32_t flag, const char* handler);
   bool _TakeVersion(ProtocolType protocol, const PpInfo_t& info);

@@ -32,6 +32,8 @@ struct PpFw_t {
   std::string m_strFwPath;           ///< directory, ends in "/"
   std::string m_strFileName;         ///< of the image in that directory; empty: no package of this type
   std::vector<uint8_t> m_vecVerNum;  ///< the four numbers of the software version; empty without a package
+
+  [[nodiscard]] std::string ImagePath() const { return m_strFwPath + m_strFileName; }
 };
 using PpFwMap = std::map<PpType, PpFw_t>;
 
