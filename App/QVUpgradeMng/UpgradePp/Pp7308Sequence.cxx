@@ -17,8 +17,8 @@
 ///   0x1A2 result, as a built frame -->
 ///                                  <--  acknowledgement
 ///
-/// No step is repeated: an answer that is missing ends the attempt, and the next plug-in begins anew. The
-/// waits and texts are fixed; a text that names the wrong step is read by service as it is.
+/// No step is repeated: an answer that is missing ends the attempt, and the next plug-in begins anew. Service
+/// reads the texts as they are, also where one names the wrong step.
 #include "UpgradePp/Pp7308Sequence.h"
 
 #include <algorithm>
@@ -100,7 +100,7 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(UpgPp::PpType type, co
     LOGE("Firmware %s of %lld bytes cannot be announced", file.c_str(), static_cast<long long>(size));
     return EM_RET_BAD_PARAMER;
   }
-  // A 7204 asks its user first.
+  // A 7204, none of which comes this way yet, asks its user first.
   const milliseconds time = is7204 ? milliseconds(PpLink::m_i7204UpgTime) : PpLink::m_iWaitTime;
   const Answer answer =
       m_link.Request(EM_NEW_CMD_REQ_SEND_FW_INFO, EM_FLAG_SEND_FW_INFO_ACK | EM_FLAG_DO_NOT_UPG, time, data);

@@ -8,8 +8,6 @@
 /// come from outside: an archive may hold anything under any name.
 #include "UpgradePp/PpFirmware.h"
 
-#include <sys/types.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -24,6 +22,7 @@
 #include "BSW/MultiTask/CThread.h"
 #include "BSW/Serial/HexText.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradePp/PpVersion.h"
 
 namespace {
@@ -32,15 +31,13 @@ using UpgPp::PpFw_t;
 using UpgPp::PpFwMap;
 using UpgPp::PpType;
 
-constexpr mode_t kDirectoryMode = 0755;
 constexpr const char* k7308 = "7308";
 constexpr const char* k7308Image = "K7308_PP_APP.bin";
 constexpr const char* k7204 = "7204";
 constexpr const char* k7204Evt = "7204_EVT";
 constexpr const char* k7204DvtHardware = "H100";
-constexpr const char* k7204EvtHardware = "H000";
 
-constexpr const char* kDefaultSwVersion = "V0.0.0.00";
+/// Of hardware and radio; an absent software version is kNoVersion.
 constexpr const char* kDefaultVersion = "V0.0.0.0";
 
 /// The version in a package's name, as the name writes it; empty when there is none.
@@ -73,7 +70,7 @@ bool HoldsNothingElse(const std::string& directory) {
 bool PrepareDirectory(const std::string& directory) {
   if (XFilePathExists(directory)) return true;
   LOGW("%s not exist, create", directory.c_str());
-  if (XCreateFullPathDir(directory, kDirectoryMode)) return true;
+  if (XCreateFullPathDir(directory, PpStore::kDirectoryMode)) return true;
   LOGE("Cannot create %s: %s", directory.c_str(), std::strerror(errno));
   return false;
 }
@@ -106,7 +103,7 @@ PpFwMap PpFirmware::Load(const std::string& root) {
   }
   _LoadVersionFile(root + m_strPpVerFile, held);
   for (auto& [type, firmware] : held) {
-    SetIfEmpty(firmware.m_strVerison, kDefaultSwVersion);
+    SetIfEmpty(firmware.m_strVerison, kNoVersion);
     SetIfEmpty(firmware.m_strHwVerison, kDefaultVersion);
     SetIfEmpty(firmware.m_strRtxVerison, kDefaultVersion);
   }
@@ -129,15 +126,15 @@ void PpFirmware::_Load7308FwInfo(const std::string& root, PpFwMap& held) {
     LOGE("Error version name of 7308");
     return;
   }
-  if (!_Unpack(directory + archive, root)) return;
+  if (!_Unpack(family, archive, root)) return;
   firmware.m_strFwPath = directory;
   firmware.m_strFileName = k7308Image;
   held[UpgPp::EM_PP_7308] = std::move(firmware);
 }
 
-bool PpFirmware::_Unpack(const std::string& archive, const std::string& root) {
-  const PpStore::Family& family = *PpStore::Find(k7308);
+bool PpFirmware::_Unpack(const PpStore::Family& family, const std::string& name, const std::string& root) {
   const std::string directory = root + family.directory;
+  const std::string archive = directory + name;
   const std::vector<std::string> archives = PpStore::PackageNames(family, root);
   if (!RemoveUnpacked(directory, archives)) return false;
   // What `unzip` asks about nobody answers: it fails then.
@@ -159,7 +156,7 @@ bool PpFirmware::_Unpack(const std::string& archive, const std::string& root) {
 void PpFirmware::_Load7204FwInfo(const std::string& root, PpFwMap& held) {
   // Without firmware one is paired all the same.
   held[UpgPp::EM_PP_7204].m_strHwVerison = k7204DvtHardware;
-  held[UpgPp::EM_PP_7204_EVT].m_strHwVerison = k7204EvtHardware;
+  held[UpgPp::EM_PP_7204_EVT].m_strHwVerison = UpgPp::k7204EvtHardware;
   if (!PrepareDirectory(root + PpStore::Find(k7204)->directory)) return;
   const bool hasDvt = _Add7204(UpgPp::EM_PP_7204, root, held);
   const bool hasEvt = _Add7204(UpgPp::EM_PP_7204_EVT, root, held);

@@ -32,8 +32,9 @@ class PpFirmware {
   /// one.
   static std::string _FindPackage(const PpStore::Family& family, const char* extension,
                                   const std::string& root) REQUIRES(PpStore::Mutex());
-  /// Unpacks the 7308's archive so that afterwards there is its image, or none at all.
-  static bool _Unpack(const std::string& archive, const std::string& root) REQUIRES(PpStore::Mutex());
+  /// Unpacks the 7308's archive `name` so that afterwards there is its image, or none at all.
+  static bool _Unpack(const PpStore::Family& family, const std::string& name, const std::string& root)
+      REQUIRES(PpStore::Mutex());
   static void _LoadVersionFile(const std::string& path, UpgPp::PpFwMap& held);
   /// Sets version text and numbers; false, logged, when `version` is none.
   static bool _ParseVerNum(const std::string& version, UpgPp::PpFw_t& firmware);

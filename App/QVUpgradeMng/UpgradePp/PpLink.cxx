@@ -1,5 +1,5 @@
-/// Ports and frames of portable parts: opening and closing, sending, then the answers. What a command carries
-/// is told in PpMessages.h. Texts are read by service.
+/// Ports and frames of portable parts: opening and closing, sending, then the answers. PpMessages
+/// knows what a command carries.
 #include "UpgradePp/PpLink.h"
 
 #include <algorithm>

@@ -66,18 +66,19 @@ class PpLink {
   /// Sends one command. The legacy protocol has but the version request.
   bool SendCmd(uint16_t cmd, const Bytes& data = {});
   /// Sends a frame that is built already, on the newer protocol's port.
-  bool SendBuiltFrame(const Bytes& frame);
+  bool SendBuiltFrame(const Bytes& frame) EXCLUDES(m_portMutex);
   /// Clears `flags`, sends, and waits until one of them is set.
-  Answer Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time, const Bytes& data = {});
+  Answer Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time, const Bytes& data = {})
+      EXCLUDES(m_flags.Mutex());
   /// The version request of the assumed protocol.
-  Answer RequestVersion(std::chrono::milliseconds time);
+  Answer RequestVersion(std::chrono::milliseconds time) EXCLUDES(m_flags.Mutex());
 
   /// What the part reported last, or is taken for until it does.
-  PpInfo_t Info();
+  PpInfo_t Info() EXCLUDES(m_flags.Mutex());
   /// What the part reported; nothing while EM_FLAG_GET_VER is not set.
-  std::optional<PpInfo_t> Reported();
+  std::optional<PpInfo_t> Reported() EXCLUDES(m_flags.Mutex());
   /// Forgets what the part reported; `type` is what it is taken for until it reports.
-  void CleanInfo(UpgPp::PpType type = UpgPp::EM_PP_MAX);
+  void CleanInfo(UpgPp::PpType type = UpgPp::EM_PP_MAX) EXCLUDES(m_flags.Mutex());
 
  private:
   using ProtocolData_t = SerialProtocolMng::ProtocolData_t;

@@ -1,8 +1,6 @@
 /// The families, and the exchange of their packages.
 #include "UpgradePp/PpStore.h"
 
-#include <sys/types.h>
-
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -17,8 +15,6 @@
 namespace PpStore {
 
 namespace {
-
-constexpr mode_t kDirectoryMode = 0755;
 
 /// What is no matter of names stands in the part's row, whose texts are literals.
 constexpr Family FamilyOf(UPGRADETYPE type, const char* namePattern) {

@@ -2,6 +2,8 @@
 /// an imported one takes its place. What is kept there is read by PpFirmware.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -20,6 +22,8 @@ struct Family {
   const char* directory;    ///< where its package is kept; ends in "/"
   const char* namePattern;  ///< which files there are its packages: ECMAScript, whole match
 };
+
+inline constexpr mode_t kDirectoryMode = 0755;  ///< of the families' directories
 
 /// The family of a page type; null for an unknown one.
 const Family* Find(const std::string& pageType);

@@ -15,9 +15,11 @@ enum PpType {
   EM_PP_7302_03 = 7303,   ///< legacy: identified and paired, never upgraded
   EM_PP_7308 = 7308,      ///< upgraded over its serial line, with a radio module of its own
   EM_PP_7204 = 7204,      ///< upgraded by a file on its storage
-  EM_PP_7204_EVT = 7205,  ///< the same on hardware "H000…", with firmware of its own
+  EM_PP_7204_EVT = 7205,  ///< the same on k7204EvtHardware, with firmware of its own
   EM_PP_MAX = 7206,
 };
+/// What the hardware version of such a 7204 begins with.
+inline constexpr const char* k7204EvtHardware = "H000";
 
 /// Both hardwares of the 7204.
 constexpr bool Is7204Pp(PpType type) {

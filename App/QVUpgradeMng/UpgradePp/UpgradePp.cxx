@@ -1,5 +1,5 @@
-/// A portable part's way through the states: noticed, identified, compared, upgraded or paired. States, waits
-/// and texts are fixed; a new state is a line in the table and a handler.
+/// A portable part's way through the states: noticed, identified, compared, upgraded or paired. A new
+/// state is a row in the table and a handler.
 #include "UpgradePp/UpgradePp.h"
 
 #include <json/json.h>

@@ -52,7 +52,7 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   /// not handled; once it is again, they are.
   void SetClockStatus(bool bStatus) { m_hotPlug.SetClockStatus(bStatus); }
 
-  /// The firmware held, per family: always of one load.
+  /// The firmware held, per family: always of one load. No caller yet.
   UpgPp::PpFwMap GetPpPackageInfo() EXCLUDES(m_flags.Mutex());
 
   /// The debug command: asks the part whose port is open for its versions, and logs state and flags. False
