@@ -28,7 +28,7 @@ constexpr bool Is7204Pp(PpType type) {
 
 /// One firmware held on the base station.
 struct PpFw_t {
-  std::string m_strVerison;  ///< software version, as in NormalVersion
+  std::string m_strVerison;  ///< software version, as PpVersion writes it
   std::string m_strHwVerison;
   std::string m_strRtxVerison;
   std::string m_strFwPath;           ///< directory, ends in "/"
