@@ -15,6 +15,13 @@ Mount Mount::Existing(std::string path) {
   return mount;
 }
 
+Mount Mount::Adopt(std::string path, Undo undo) {
+  Mount mount = Existing(std::move(path));
+  mount.m_undo = std::move(undo);
+  mount.m_bOwn = true;
+  return mount;
+}
+
 Mount::Mount(std::string path, const std::string& command, Undo undo) : m_undo(std::move(undo)) {
   if (QVUpgradeTool::ExecUnlessStopped(command) != 0) return;
   m_path = std::move(path);

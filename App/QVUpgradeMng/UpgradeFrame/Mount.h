@@ -17,6 +17,8 @@ class Mount {
   Mount() = default;
   /// What somebody else has mounted at `path`; it stays mounted.
   static Mount Existing(std::string path);
+  /// What is mounted at `path` already, from now on as if mounted by this object.
+  static Mount Adopt(std::string path, Undo undo);
   /// Runs `command`, which mounts at `path`, and owns the mount. A failure is not logged and leaves an
   /// unmounted object. No command is run once the calling thread was asked to stop.
   Mount(std::string path, const std::string& command, Undo undo);

@@ -5,6 +5,7 @@
 
 #include <chrono>
 
+#include "BSW/BasicFun/BlockNodes.h"
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
@@ -27,82 +28,34 @@ constexpr milliseconds kPartitionTime(500);
 /// From the end of the copy until the part has restarted.
 constexpr seconds kRestartTime(5);
 
-/// The part's storage, mounted at m_strMountPath for as long as this lives.
-class StorageMount {
- public:
-  /// `node` is a block device. A failure is logged and leaves an unmounted object.
-  explicit StorageMount(const std::string& node) : m_bMounted(_MountPp(node)) {}
-  ~StorageMount() {
-    if (m_bMounted) _Unmount();
-  }
-  StorageMount(const StorageMount&) = delete;
-  StorageMount& operator=(const StorageMount&) = delete;
-
-  [[nodiscard]] bool IsMounted() const { return m_bMounted; }
-
- private:
-  static bool _MountPp(const std::string& node);
-  static void _Unmount();
-
-  const bool m_bMounted;
-};
-
-bool StorageMount::_MountPp(const std::string& node) {
-  const std::string path = m_strMountPath;
-  const std::string device = ShellQuote(node);
-  if (QVUpgradeTool::ExecCommand("findmnt " + device + " | grep " + path) != 0) {
-    LOGI("Not mount");
-    XCreateFullPathDir(kMountParent, kMountParentMode);
-    QVUpgradeTool::ExecCommand("mkdir " + path);  // it may be there already
-    const std::string command = "time mount " + device + " " + path;
-    if (QVUpgradeTool::ExecCommand(command) != 0) {
-      LOGE("Failed to mount dev of 7204.Cmd:%s", command.c_str());
-      return false;
-    }
-  }
-  if (QVUpgradeTool::ExecCommand("findmnt /run/media/7204/") == 0) {
-    LOGI("mount ready");
-    return true;
-  }
-  LOGE("mount not ready");
-  _Unmount();
-  return false;
-}
-
-void StorageMount::_Unmount() {
-  const std::string path = m_strMountPath;
-  if (QVUpgradeTool::ExecCommand("umount " + path + " && sync") == 0) return;
-  // A part that was pulled, or a file that somebody opened, must not keep the mount.
-  if (QVUpgradeTool::ExecCommand("umount -l " + path) != 0) LOGE("cannot unmount %s", path.c_str());
-}
-
 }  // namespace
 
 UpgradeStateType Pp7204Sequence::_Upg7204(const UpgPp::PpFw_t& firmware) {
   if (!_WaitForStorage()) return EM_STATE_FAILED;
   if (!_CopyFirmware(firmware)) {
-    return m_signals.Has(EM_FLAG_PLUG_IN) ? EM_STATE_FAILED : EM_STATE_INTERRUPT;
+    return m_flags.Has(EM_FLAG_PLUG_IN) ? EM_STATE_FAILED : EM_STATE_INTERRUPT;
   }
   return _WaitForRestart();
 }
 
 bool Pp7204Sequence::_WaitForStorage() {
-  PpSignals::Lock lock = m_signals.Hold();
+  const CLock lock(m_flags.Mutex());
   LOGI("storage dev loading...");
-  const bool came = m_signals.WaitFor(lock, kStorageTime, [this] {
+  const bool came = m_flags.WaitHeld(kStorageTime, [this]() REQUIRES(m_flags.Mutex()) {
     return !m_devices.CurrentStorage().empty() || m_devices.IsStorageAmbiguous();
   });
   if (!came) {
-    if (!m_signals.Stopping()) {
-      LOGE("Waiting for loading of storage dev timeout.m_iLongTermFlags:%d", m_signals.LongTermFlags());
+    if (!m_flags.Ending()) {
+      LOGE("Waiting for loading of storage dev timeout.m_iLongTermFlags:%d", m_flags.LongTermFlags());
     }
     return false;
   }
   // A disk without partitions is mounted itself.
-  m_signals.WaitFor(lock, kPartitionTime,
-                    [this] { return !PpDevices::IsWholeDisk(m_devices.CurrentStorage()); });
+  m_flags.WaitHeld(kPartitionTime, [this]() REQUIRES(m_flags.Mutex()) {
+    return !BlockNodes::IsWholeDisk(m_devices.CurrentStorage());
+  });
   m_str7204Dev = m_devices.CurrentStorage();
-  if (!m_str7204Dev.empty() || m_signals.Stopping()) return !m_str7204Dev.empty();
+  if (!m_str7204Dev.empty() || m_flags.Ending()) return !m_str7204Dev.empty();
   if (m_devices.IsStorageAmbiguous()) {
     LOGE("Which storage is that of %s is not clear: plug it in alone", m_devices.Current().c_str());
   } else {
@@ -112,37 +65,61 @@ bool Pp7204Sequence::_WaitForStorage() {
 }
 
 bool Pp7204Sequence::_CopyFirmware(const UpgPp::PpFw_t& firmware) {
-  const StorageMount mount(m_str7204Dev);
-  if (!mount.IsMounted() || m_signals.Stopping()) return false;
+  const Mount mount = _MountPp();
+  if (!mount.IsMounted() || m_flags.Ending()) return false;
   const std::string path = m_strMountPath;
   LOGI("Show monut info");
   QVUpgradeTool::ExecCommand("ls " + path + "/");
-  std::string directory = firmware.m_strFwPath;
-  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
   // A link of that name would lead the copy elsewhere.
   XDeleteFile(path + "/" + firmware.m_strFileName);
-  const std::string command = "cp " + ShellQuote(directory + "/" + firmware.m_strFileName) + " " + path;
+  const std::string command = "cp " + ShellQuote(firmware.ImagePath()) + " " + path;
   LOGI("CMd:%s", command.c_str());
   const bool written = QVUpgradeTool::ExecCommand(command) == 0;
   const bool synced = QVUpgradeTool::ExecCommand("sync") == 0;
   if (written && synced && _IsStillIn()) return true;
-  if (!m_signals.Stopping()) LOGE("Failed to copy fw file.");
+  if (!m_flags.Ending()) LOGE("Failed to copy fw file.");
   // The part would take a half for firmware.
   XDeleteFile(path + "/" + firmware.m_strFileName);
   return false;
 }
 
+Mount Pp7204Sequence::_MountPp() const {
+  const std::string path = m_strMountPath;
+  const std::string device = ShellQuote(m_str7204Dev);
+  const Mount::Undo undo = {"umount " + path + " && sync", true};
+  Mount mount;
+  if (QVUpgradeTool::ExecCommand("findmnt " + device + " | grep " + path) == 0) {
+    mount = Mount::Adopt(path, undo);
+  } else {
+    LOGI("Not mount");
+    XCreateFullPathDir(kMountParent, kMountParentMode);
+    QVUpgradeTool::ExecCommand("mkdir " + path);  // it may be there already
+    const std::string command = "time mount " + device + " " + path;
+    mount = Mount(path, command, undo);
+    if (!mount.IsMounted()) {
+      if (!m_flags.Ending()) LOGE("Failed to mount dev of 7204.Cmd:%s", command.c_str());
+      return mount;
+    }
+  }
+  if (QVUpgradeTool::ExecCommand("findmnt /run/media/7204/") == 0) {
+    LOGI("mount ready");
+    return mount;
+  }
+  LOGE("mount not ready");
+  return {};
+}
+
 /// Writing to a storage that is gone succeeds as long as memory takes the bytes.
 bool Pp7204Sequence::_IsStillIn() {
-  const PpSignals::Lock lock = m_signals.Hold();
-  return m_signals.Has(EM_FLAG_PLUG_IN) && m_devices.HasStorage(m_str7204Dev);
+  const CLock lock(m_flags.Mutex());
+  return m_flags.Has(EM_FLAG_PLUG_IN) && m_devices.HasStorage(m_str7204Dev);
 }
 
 UpgradeStateType Pp7204Sequence::_WaitForRestart() {
-  PpSignals::Lock lock = m_signals.Hold();
+  const CLock lock(m_flags.Mutex());
   // One that is in has yet to come back.
-  if (m_signals.Has(EM_FLAG_PLUG_IN)) m_signals.Clear(EM_FLAG_7204_RE_INSERT);
+  if (m_flags.Has(EM_FLAG_PLUG_IN)) m_flags.Clear(EM_FLAG_7204_RE_INSERT);
   // One that takes longer to go has the file all the same.
-  m_signals.WaitFor(lock, kRestartTime, [this] { return m_signals.Has(EM_FLAG_7204_RE_INSERT); });
-  return m_signals.Has(EM_FLAG_7204_RE_INSERT | EM_FLAG_PLUG_IN) ? EM_STATE_UPG_SUCCESS : EM_STATE_INTERRUPT;
+  m_flags.WaitHeld(kRestartTime, [this] { return m_flags.Has(EM_FLAG_7204_RE_INSERT); });
+  return m_flags.Has(EM_FLAG_7204_RE_INSERT | EM_FLAG_PLUG_IN) ? EM_STATE_UPG_SUCCESS : EM_STATE_INTERRUPT;
 }

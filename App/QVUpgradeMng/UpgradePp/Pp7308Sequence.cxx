@@ -17,8 +17,8 @@
 ///   0x1A2 result, as a built frame -->
 ///                                  <--  acknowledgement
 ///
-/// No step is repeated: an answer that is missing ends the attempt, and the next plug-in begins anew. The
-/// waits and texts are fixed; a text that names the wrong step is read by service as it is.
+/// No step is repeated: an answer that is missing ends the attempt, and the next plug-in begins anew. Service
+/// reads the texts as they are, also where one names the wrong step.
 #include "UpgradePp/Pp7308Sequence.h"
 
 #include <algorithm>
@@ -52,11 +52,6 @@ constexpr const char* kRtxDirectory = "RTX";
 /// Far beyond a part's flash, and within the four bytes that tell the size.
 constexpr int64_t kMaxImageBytes = 64 * 1024 * 1024;
 
-std::string ImagePath(const UpgPp::PpFw_t& firmware) {
-  const bool endsInSlash = !firmware.m_strFwPath.empty() && firmware.m_strFwPath.back() == '/';
-  return firmware.m_strFwPath + (endsInSlash ? "" : "/") + firmware.m_strFileName;
-}
-
 }  // namespace
 
 bool Pp7308Sequence::Init() {
@@ -80,13 +75,13 @@ UpgradeStateType Pp7308Sequence::_Upg7308(UpgPp::PpType type, const UpgPp::PpFw_
 }
 
 bool Pp7308Sequence::_StartUpg() {
-  const Answer answer = m_link.Request(EM_NEW_CMD_REQ_START_UPG, EM_FLAG_START_UPG_ACK, PpLink::m_iWaitTime);
-  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [NOTIFY_UPG] timeout");
-  return answer == Answer::Came && CThread::Pause(kEraseMs);
+  return _Ask(EM_NEW_CMD_REQ_START_UPG, EM_FLAG_START_UPG_ACK, PpLink::m_iWaitTime,
+              "Waiting for ACK of [NOTIFY_UPG] timeout") &&
+         CThread::Pause(kEraseMs);
 }
 
 Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(UpgPp::PpType type, const UpgPp::PpFw_t& firmware) {
-  const std::string file = ImagePath(firmware);
+  const std::string file = firmware.ImagePath();
   const int64_t size = firmware.m_strFileName.empty() ? -1 : XGetFileSize(file);
   if (size < 0) {
     LOGE("Get file size error!file:%s, iFileSize:%zu", file.c_str(), static_cast<size_t>(size));
@@ -105,18 +100,18 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwInfo(UpgPp::PpType type, co
     LOGE("Firmware %s of %lld bytes cannot be announced", file.c_str(), static_cast<long long>(size));
     return EM_RET_BAD_PARAMER;
   }
-  // A 7204 asks its user first.
+  // A 7204, none of which comes this way yet, asks its user first.
   const milliseconds time = is7204 ? milliseconds(PpLink::m_i7204UpgTime) : PpLink::m_iWaitTime;
   const Answer answer =
       m_link.Request(EM_NEW_CMD_REQ_SEND_FW_INFO, EM_FLAG_SEND_FW_INFO_ACK | EM_FLAG_DO_NOT_UPG, time, data);
-  if (answer == Answer::Came) return m_signals.Has(EM_FLAG_DO_NOT_UPG) ? EM_RET_ERROR : EM_RET_SUCESS;
+  if (answer == Answer::Came) return m_flags.Has(EM_FLAG_DO_NOT_UPG) ? EM_RET_ERROR : EM_RET_SUCESS;
   if (answer == Answer::GivenUp) return EM_RET_ERROR;
   LOGE("Waiting for ACK of [SEND_FW_INFO] timeout");
   return EM_RET_TIMEOUT;
 }
 
 Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwDataPack(const UpgPp::PpFw_t& firmware) {
-  const std::string file = ImagePath(firmware);
+  const std::string file = firmware.ImagePath();
   std::string image;
   if (!ReadFileToString(file, kMaxImageBytes, image)) {
     LOGE("Failed to open the [%s] file.", file.c_str());
@@ -145,10 +140,9 @@ Pp7308Sequence::RetValType Pp7308Sequence::_RrepareFwDataPack(const UpgPp::PpFw_
 }
 
 bool Pp7308Sequence::_FinishTransfer() {
-  const Answer answer =
-      m_link.Request(EM_NEW_CMD_REQ_SEND_FW_DONE, EM_FLAG_SEND_PACK_DONE_ACK, PpLink::m_iWaitTime);
-  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [SEND_PACK_DONE] timeout");
-  return answer == Answer::Came && CThread::Pause(kRestartMs);
+  return _Ask(EM_NEW_CMD_REQ_SEND_FW_DONE, EM_FLAG_SEND_PACK_DONE_ACK, PpLink::m_iWaitTime,
+              "Waiting for ACK of [SEND_PACK_DONE] timeout") &&
+         CThread::Pause(kRestartMs);
 }
 
 bool Pp7308Sequence::_ReCheckVersion(const UpgPp::PpFw_t& firmware) {
@@ -163,9 +157,10 @@ bool Pp7308Sequence::_ReCheckVersion(const UpgPp::PpFw_t& firmware) {
 }
 
 bool Pp7308Sequence::_UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::string& device) {
-  const Answer answer = m_link.Request(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, kRtxConsentTime);
-  if (answer == Answer::TimedOut) LOGE("Waiting for ACK of [REQ_UPG_RTX] timeout");
-  if (answer != Answer::Came) return false;
+  if (!_Ask(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, kRtxConsentTime,
+            "Waiting for ACK of [REQ_UPG_RTX] timeout")) {
+    return false;
+  }
   const size_t slash = firmware.m_strFwPath.rfind('/');
   if (slash == std::string::npos) {
     std::fputs("Invalid path format.\n", stderr);
@@ -176,7 +171,7 @@ bool Pp7308Sequence::_UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::strin
   // The module's exchange has a port of its own on the same device.
   m_link.CloseUart(EM_PROT_72_NEW);
   if (!_RunRtx(directory, device)) {
-    if (!m_signals.Stopping()) LOGE("Upg rtx failed!");
+    if (!m_flags.Ending()) LOGE("Upg rtx failed!");
     return false;
   }
   return _NotifyRtxResult(device);
@@ -184,37 +179,43 @@ bool Pp7308Sequence::_UpgradeRtx(const UpgPp::PpFw_t& firmware, const std::strin
 
 bool Pp7308Sequence::_RunRtx(const std::string& directory, const std::string& device) {
   // Before the start: the result may come at once.
-  m_signals.Clear(EM_FLAG_UPG_PP_RTX_SUCCESS | EM_FLAG_UPG_RTX_RESULT);
-  m_signals.Set(EM_FLAG_START_UPG_RTX);
+  m_flags.Clear(EM_FLAG_UPG_PP_RTX_SUCCESS | EM_FLAG_UPG_RTX_RESULT);
+  m_flags.Set(EM_FLAG_START_UPG_RTX);
   if (!m_upgPpRtx.StartUpgrade(directory, device)) {
-    m_signals.Clear(EM_FLAG_START_UPG_RTX);
+    m_flags.Clear(EM_FLAG_START_UPG_RTX);
     LOGE("RTX upgrade of %s is refused", device.c_str());
     return false;
   }
   // A plug-out just before found nothing to stop.
-  if (!m_signals.Has(EM_FLAG_PLUG_IN)) m_upgPpRtx.StopUpgrad();
-  if (!m_signals.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxUpgradeTime)) {
-    if (!m_signals.Stopping()) {
-      LOGE("Waiting for [UPG_RTX_RESULT] timeout.m_iFlags:%d, Val:%d", m_signals.Flags(),
-           m_signals.Has(EM_FLAG_UPG_RTX_RESULT));
+  if (!m_flags.Has(EM_FLAG_PLUG_IN)) m_upgPpRtx.StopUpgrad();
+  if (!m_flags.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxUpgradeTime)) {
+    if (!m_flags.Ending()) {
+      LOGE("Waiting for [UPG_RTX_RESULT] timeout.m_iFlags:%d, Val:%d", m_flags.Flags(),
+           m_flags.Has(EM_FLAG_UPG_RTX_RESULT));
     }
     m_upgPpRtx.StopUpgrad();
     // Its report must not be taken for the next part's.
-    m_signals.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxStopTime);
+    m_flags.WaitFor(EM_FLAG_UPG_RTX_RESULT, kRtxStopTime);
     return false;
   }
-  return m_signals.Has(EM_FLAG_UPG_PP_RTX_SUCCESS);
+  return m_flags.Has(EM_FLAG_UPG_PP_RTX_SUCCESS);
 }
 
 void Pp7308Sequence::_UpgRtxResultCb(bool success, const std::string& message) {
   LOGI("Get result of RTX upgrading!");
   if (!success) LOGE("Upg Rtx failed!ErrMsg:%s", message.c_str());
-  m_signals.Clear(EM_FLAG_START_UPG_RTX);
-  m_signals.Set(EM_FLAG_UPG_RTX_RESULT | (success ? EM_FLAG_UPG_PP_RTX_SUCCESS : 0U));
+  m_flags.Clear(EM_FLAG_START_UPG_RTX);
+  m_flags.Set(EM_FLAG_UPG_RTX_RESULT | (success ? EM_FLAG_UPG_PP_RTX_SUCCESS : 0U));
 }
 
 void Pp7308Sequence::OnPlugOut() {
-  if (m_signals.Has(EM_FLAG_START_UPG_RTX)) m_upgPpRtx.StopUpgrad();
+  if (m_flags.Has(EM_FLAG_START_UPG_RTX)) m_upgPpRtx.StopUpgrad();
+}
+
+bool Pp7308Sequence::_Ask(uint16_t cmd, uint32_t ack, milliseconds time, const char* onTimeout) {
+  const Answer answer = m_link.Request(cmd, ack, time);
+  if (answer == Answer::TimedOut) LOGE("%s", onTimeout);
+  return answer == Answer::Came;
 }
 
 bool Pp7308Sequence::_NotifyRtxResult(const std::string& device) {
@@ -222,13 +223,13 @@ bool Pp7308Sequence::_NotifyRtxResult(const std::string& device) {
     LOGE("_OpenUart error");
     return false;
   }
-  m_signals.Clear(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK);
-  if (!m_link.SendBuiltFrame(PpMessages::RtxResultFrame(m_signals.Has(EM_FLAG_UPG_PP_RTX_SUCCESS)))) {
+  m_flags.Clear(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK);
+  if (!m_link.SendBuiltFrame(PpMessages::RtxResultFrame(m_flags.Has(EM_FLAG_UPG_PP_RTX_SUCCESS)))) {
     LOGE("Failed to send cmd [EM_NEW_CMD_NOTIFY_PP_RTX_RESULT]!");
     return false;
   }
-  if (!m_signals.WaitFor(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK, PpLink::m_iWaitTime)) {
-    if (!m_signals.Stopping()) LOGE("Waiting for ACK of [NOTIFY_PP] timeout");
+  if (!m_flags.WaitFor(EM_FLAG_NOTIFY_PP_RTX_RESULT_ACK, PpLink::m_iWaitTime)) {
+    if (!m_flags.Ending()) LOGE("Waiting for ACK of [NOTIFY_PP] timeout");
     return false;
   }
   if (!m_link.CloseUart(EM_PROT_72_NEW)) LOGE("_CloseUart error");

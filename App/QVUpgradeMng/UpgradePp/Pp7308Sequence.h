@@ -2,28 +2,29 @@
 /// module through UpgPpRtx. UpgradePp owns the one object and runs it on its state thread.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 
+#include "BSW/MultiTask/CFlags.h"
 #include "UpgradePp/PpLink.h"
-#include "UpgradePp/PpSignals.h"
-#include "UpgradePp/PpState.h"
 #include "UpgradePp/PpTypes.h"
 #include "UpgradePp/UpgPpRtx/UpgPpRtx.h"
 
 class Pp7308Sequence {
  public:
   /// The arguments outlive this.
-  Pp7308Sequence(PpSignals& signals, PpLink& link) : m_signals(signals), m_link(link) {}
+  Pp7308Sequence(CFlags& flags, PpLink& link) : m_flags(flags), m_link(link) {}
 
   /// Starts the threads of the radio module's upgrader; false, logged, when one cannot start.
   bool Init();
-  /// Ends a run of the radio module's upgrader, for good. While _Upg7308 is under way only after
-  /// EM_FLAG_CLEAN_UP was set: no result comes any more.
+  /// Ends a run of the radio module's upgrader, for good. While _Upg7308 is under way only once the flags are
+  /// ending: no result comes any more.
   void CleanUp();
 
   /// Upgrades the part behind `device`, whose newer port is open, to `firmware`, that of its `type`: success
-  /// or failure. Ends as failed when any answer is missing, and at once on EM_FLAG_CLEAN_UP. State thread, no
-  /// lock held.
+  /// or failure. Ends as failed when any answer is missing, and at once when the flags are ending. State
+  /// thread, no lock held.
   UpgPp::UpgradeStateType _Upg7308(UpgPp::PpType type, const UpgPp::PpFw_t& firmware,
                                    const std::string& device);
 
@@ -38,6 +39,8 @@ class Pp7308Sequence {
     EM_RET_BAD_PARAMER = 3,
   };
 
+  /// Sends a command without data and waits for its acknowledgement; `onTimeout` is logged when none came.
+  bool _Ask(uint16_t cmd, uint32_t ack, std::chrono::milliseconds time, const char* onTimeout);
   bool _StartUpg();
   RetValType _RrepareFwInfo(UpgPp::PpType type, const UpgPp::PpFw_t& firmware);
   RetValType _RrepareFwDataPack(const UpgPp::PpFw_t& firmware);
@@ -49,7 +52,7 @@ class Pp7308Sequence {
   /// Called by the radio module's upgrader, on its thread.
   void _UpgRtxResultCb(bool success, const std::string& message);
 
-  PpSignals& m_signals;
+  CFlags& m_flags;
   PpLink& m_link;
   UpgPpRtx m_upgPpRtx;
 };

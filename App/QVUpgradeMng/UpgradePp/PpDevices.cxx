@@ -4,7 +4,8 @@
 
 #include <algorithm>
 #include <regex>
-#include <utility>
+
+#include "BSW/BasicFun/BlockNodes.h"
 
 namespace {
 
@@ -14,10 +15,6 @@ constexpr const char* m_str7204DeviceFile = "/dev/ttyACM[0-9]";
 /// the hot-plug monitor syncs the disks before it tells of each; where that takes longer than this the part
 /// is left without a storage, and asked again at its next plug-in.
 constexpr std::chrono::seconds kTogether(10);
-
-std::string DiskOf(const std::string& node) {
-  return node.substr(0, node.find_last_not_of("0123456789") + 1);
-}
 
 }  // namespace
 
@@ -89,7 +86,7 @@ bool PpDevices::_CameWithCurrent(Time since) const {
 std::set<std::string> PpDevices::_CurrentDisks() const {
   std::set<std::string> disks;
   for (const Storage& storage : m_vecStorage) {
-    if (_CameWithCurrent(storage.since)) disks.insert(DiskOf(storage.node));
+    if (_CameWithCurrent(storage.since)) disks.insert(BlockNodes::DiskOf(storage.node));
   }
   return disks;
 }
@@ -114,10 +111,8 @@ std::string PpDevices::CurrentStorage() const {
   std::string first;
   for (const Storage& storage : m_vecStorage) {
     const std::string& node = storage.node;
-    if (DiskOf(node) != disk || IsWholeDisk(node)) continue;
-    // Shorter names first: "sda2" comes before "sda10".
-    if (first.empty() || std::make_pair(node.size(), node) < std::make_pair(first.size(), first))
-      first = node;
+    if (BlockNodes::DiskOf(node) != disk || BlockNodes::IsWholeDisk(node)) continue;
+    if (first.empty() || BlockNodes::ComesBefore(node, first)) first = node;
   }
   return first.empty() ? disk : first;
 }
@@ -125,10 +120,6 @@ std::string PpDevices::CurrentStorage() const {
 bool PpDevices::MayHaveStorage(const std::string& device) {
   static const std::regex pattern(m_str7204DeviceFile);
   return std::regex_match(device, pattern);
-}
-
-bool PpDevices::IsWholeDisk(const std::string& node) {
-  return DiskOf(node) == node;
 }
 
 PpDevices::Record* PpDevices::_Find(const std::string& device) {

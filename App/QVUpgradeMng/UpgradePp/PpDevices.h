@@ -1,6 +1,6 @@
 /// The devices of portable parts: which serial devices are plugged in, which of them is under way, which wait
-/// for their turn, and which storage nodes there are. Knows no port and no thread; UpgradePp asks it with the
-/// lock of PpSignals held.
+/// for their turn, and which storage nodes there are. Knows no port and no thread: its owner, UpgradePp, says
+/// with which lock it is asked.
 ///
 /// A part has one serial device; a 7204 brings a storage as well, whose nodes come one by one (disk, then
 /// partitions) and about when its serial device does. USB sticks bring such nodes too.
@@ -62,8 +62,6 @@ class PpDevices {
 
   /// True for a serial device of the kind that a 7204 has.
   static bool MayHaveStorage(const std::string& device);
-  /// True for the node of a whole disk, "/dev/sda".
-  static bool IsWholeDisk(const std::string& node);
 
  private:
   struct Record {

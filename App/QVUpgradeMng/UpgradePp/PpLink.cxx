@@ -1,5 +1,5 @@
-/// Ports and frames of portable parts: opening and closing, sending, then the answers. What a command carries
-/// is told in PpMessages.h. Texts are read by service.
+/// Ports and frames of portable parts: opening and closing, sending, then the answers. PpMessages
+/// knows what a command carries.
 #include "UpgradePp/PpLink.h"
 
 #include <algorithm>
@@ -43,8 +43,8 @@ constexpr std::array<Ack, 5> kAcks = {{
 
 }  // namespace
 
-PpLink::PpLink(PpSignals& signals, std::function<void()> onReady)
-    : m_signals(signals),
+PpLink::PpLink(CFlags& flags, std::function<void()> onReady)
+    : m_flags(flags),
       m_onReady(std::move(onReady)),
       m_pOldProtocol(std::make_shared<OldProtocol>(
           [this](const OldProtocol::Frame_t& frame) { return _OldProtocolRecvCb(frame); })),
@@ -62,7 +62,7 @@ PpLink::~PpLink() {
 }
 
 void PpLink::SetStationName(const std::string& name) {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const CLock lock(m_portMutex);
   m_UartInfo.strMasterType = name;
 }
 
@@ -74,43 +74,45 @@ void PpLink::CleanUp() {
 // ------------------------------------------------------------------------------------------------- ports
 
 bool PpLink::OpenUart(ProtocolType type, const std::string& device) {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const CLock lock(m_portMutex);
   _PrintPorts("try to open uart! New:");
-  if (m_signals.Has(_OpenFlag(type))) {
+  if (m_flags.Has(_OpenFlag(type))) {
     LOGI("Uart has been open!");
     return true;
   }
   // Whoever clears the flag closes the ports afterwards, so that none stays open on a device that went.
-  if (m_signals.Stopping() || !m_signals.Has(EM_FLAG_PLUG_IN)) return false;
+  if (m_flags.Ending() || !m_flags.Has(EM_FLAG_PLUG_IN)) return false;
   LOGI(type == EM_PROT_73_OLD ? "_OpenOldUart=========" : "_OpenUart=========");
   if (!m_UartInfo.SetDevName(device) || !_Port(type).CreateSerial(&m_UartInfo)) return false;
-  m_signals.Set(_OpenFlag(type));
+  m_flags.Set(_OpenFlag(type));
   return true;
 }
 
 bool PpLink::CloseUart(ProtocolType type) {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const CLock lock(m_portMutex);
   return _CloseUart(type);
 }
 
 bool PpLink::CloseUarts() {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const CLock lock(m_portMutex);
+  return _CloseBoth();
+}
+
+void PpLink::CloseUartsOf(const std::string& device) {
+  const CLock lock(m_portMutex);
+  if (device == m_UartInfo.szDevName) _CloseBoth();
+}
+
+bool PpLink::_CloseBoth() {
   const bool newClosed = _CloseUart(EM_PROT_72_NEW);
   return _CloseUart(EM_PROT_73_OLD) && newClosed;
 }
 
-void PpLink::CloseUartsOf(const std::string& device) {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
-  if (device != m_UartInfo.szDevName) return;
-  _CloseUart(EM_PROT_72_NEW);
-  _CloseUart(EM_PROT_73_OLD);
-}
-
 bool PpLink::_CloseUart(ProtocolType type) {
   _PrintPorts("try to close uart! New:");
-  if (!m_signals.Has(_OpenFlag(type))) return true;
+  if (!m_flags.Has(_OpenFlag(type))) return true;
   LOGI(type == EM_PROT_73_OLD ? "_CloseOldUart=========" : "_CloseUart=========");
-  m_signals.Clear(_OpenFlag(type));
+  m_flags.Clear(_OpenFlag(type));
   return _Port(type).DestroySerial();
 }
 
@@ -124,8 +126,8 @@ uint32_t PpLink::_OpenFlag(ProtocolType type) {
 }
 
 void PpLink::_PrintPorts(const char* action) const {
-  std::printf("%s%d, Old:%d, m_iFlags:%d\n", action, m_signals.Has(EM_FLAG_NEW_UART_OPEN),
-              m_signals.Has(EM_FLAG_OLD_UART_OPEN), m_signals.Flags());
+  std::printf("%s%d, Old:%d, m_iFlags:%d\n", action, m_flags.Has(EM_FLAG_NEW_UART_OPEN),
+              m_flags.Has(EM_FLAG_OLD_UART_OPEN), m_flags.Flags());
 }
 
 const char* PpLink::TraceProtocolType(ProtocolType type) {
@@ -156,11 +158,9 @@ bool PpLink::SendCmd(uint16_t cmd, const Bytes& data) {
 }
 
 bool PpLink::SendBuiltFrame(const Bytes& frame) {
-  std::string station;
-  {
-    const std::lock_guard<std::mutex> lock(m_portMutex);
-    station = m_UartInfo.strMasterType;
-  }
+  CLock lock(m_portMutex);
+  const std::string station = m_UartInfo.strMasterType;
+  lock.Unlock();
   LOGI("%s -> %s, L:%zu, %s", station.c_str(), kPartLabel, frame.size(),
        HexText(frame.data(), frame.size()).c_str());
   const auto size = static_cast<int>(frame.size());
@@ -169,10 +169,10 @@ bool PpLink::SendBuiltFrame(const Bytes& frame) {
 
 PpLink::Answer PpLink::Request(uint16_t cmd, uint32_t flags, std::chrono::milliseconds time,
                                const Bytes& data) {
-  m_signals.Clear(flags);
+  m_flags.Clear(flags);
   if (!SendCmd(cmd, data)) return Answer::GivenUp;
-  if (m_signals.WaitFor(flags, time)) return Answer::Came;
-  return m_signals.Stopping() ? Answer::GivenUp : Answer::TimedOut;
+  if (m_flags.WaitFor(flags, time)) return Answer::Came;
+  return m_flags.Ending() ? Answer::GivenUp : Answer::TimedOut;
 }
 
 PpLink::Answer PpLink::RequestVersion(std::chrono::milliseconds time) {
@@ -185,20 +185,20 @@ PpLink::Answer PpLink::RequestVersion(std::chrono::milliseconds time) {
 // --------------------------------------------------------------------------------------------- receiving
 
 PpInfo_t PpLink::Info() {
-  const PpSignals::Lock lock = m_signals.Hold();
+  const CLock lock(m_flags.Mutex());
   return m_stPpInfo;
 }
 
 std::optional<PpInfo_t> PpLink::Reported() {
-  const PpSignals::Lock lock = m_signals.Hold();
-  if (!m_signals.Has(EM_FLAG_GET_VER)) return std::nullopt;
+  const CLock lock(m_flags.Mutex());
+  if (!m_flags.Has(EM_FLAG_GET_VER)) return std::nullopt;
   return m_stPpInfo;
 }
 
 void PpLink::CleanInfo(UpgPp::PpType type) {
   // In one step: a report in between would be taken for another type's.
-  const PpSignals::Lock lock = m_signals.Hold();
-  m_signals.Clear(EM_FLAG_GET_VER);
+  const CLock lock(m_flags.Mutex());
+  m_flags.Clear(EM_FLAG_GET_VER);
   m_stPpInfo.CleanInfo();
   m_stPpInfo.m_emPpType = type;
 }
@@ -242,7 +242,7 @@ bool PpLink::_ProcSendFwInfoAck(const Bytes& data) {
     return _ProcAck(data, EM_FLAG_SEND_FW_INFO_ACK, "_ProcSendFwInfoAck");
   }
   LOGI("User don't want to upg!Value:%d", data.front());
-  m_signals.Set(EM_FLAG_DO_NOT_UPG);
+  m_flags.Set(EM_FLAG_DO_NOT_UPG);
   return true;
 }
 
@@ -256,21 +256,17 @@ bool PpLink::_ProcAck(const Bytes& data, uint32_t flag, const char* handler) {
     LOGE("%s Failed!", handler);
     return false;
   }
-  m_signals.Set(flag);
+  m_flags.Set(flag);
   return true;
 }
 
 bool PpLink::_OldProtocolRecvCb(const OldProtocol::Frame_t& frame) {
-  return _UnpackOldFrame(frame);
-}
-
-bool PpLink::_UnpackOldFrame(const OldProtocol::Frame_t& frame) {
-  if (frame.m_iCmd == EM_OLD_CMD_GET_PP_VERSION_INFO) return _ProcVerInfo(frame);
+  if (frame.m_iCmd == EM_OLD_CMD_GET_PP_VERSION_INFO) return _UnpackOldFrame(frame);
   LOGE("error resopne cmd %02x ", frame.m_iCmd);
   return false;
 }
 
-bool PpLink::_ProcVerInfo(const OldProtocol::Frame_t& frame) {
+bool PpLink::_UnpackOldFrame(const OldProtocol::Frame_t& frame) {
   const std::optional<PpMessages::LegacyVersion> version = PpMessages::ReadLegacyVersion(frame.m_vecPayload);
   if (!version) {
     LOGE("Error len of version info!ErrVal:%ld", static_cast<long>(frame.m_vecPayload.size()));
@@ -291,8 +287,8 @@ bool PpLink::_TakeVersion(ProtocolType protocol, const PpInfo_t& info) {
   LOGI("PpType:%d, ModuleNum:%s, SwVersion:%s, HwVersion:%s, RtxVersion:%s", info.m_emPpType,
        info.strProductModuleNum.c_str(), info.strVerison.c_str(), info.strHwVerison.c_str(),
        info.strRtxVerison.c_str());
-  const PpSignals::Lock lock = m_signals.Hold();
+  const CLock lock(m_flags.Mutex());
   m_stPpInfo = info;
-  m_signals.Set(lock, EM_FLAG_GET_VER);
+  m_flags.SetHeld(EM_FLAG_GET_VER);
   return true;
 }

@@ -1,4 +1,4 @@
-/// The bytes of both protocols of portable parts. Fixed by the parts.
+/// The bytes of both protocols of portable parts. Parts in the field speak them.
 #include "UpgradePp/PpMessages.h"
 
 #include <algorithm>
@@ -18,7 +18,6 @@ namespace {
 using UpgPp::PpType;
 
 constexpr unsigned kFamily7204 = 0x7204;
-constexpr std::string_view kEvtHardware = "H000";
 constexpr std::string_view kModule7308 = "7308";
 
 constexpr size_t kVersionNumbers = 4;
@@ -67,7 +66,7 @@ class Reader {
 
 PpType TypeOf(unsigned family, const std::string& hardware) {
   if (family != kFamily7204) return UpgPp::EM_PP_7308;
-  const bool isEvt = hardware.compare(0, kEvtHardware.size(), kEvtHardware) == 0;
+  const bool isEvt = hardware.rfind(UpgPp::k7204EvtHardware, 0) == 0;
   return isEvt ? UpgPp::EM_PP_7204_EVT : UpgPp::EM_PP_7204;
 }
 

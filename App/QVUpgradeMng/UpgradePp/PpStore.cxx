@@ -1,39 +1,38 @@
-/// The families and how a package is exchanged. Directories and patterns are those that portable-part
-/// handling reads.
+/// The families, and the exchange of their packages.
 #include "UpgradePp/PpStore.h"
-
-#include <sys/types.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
+#include <utility>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "UpgradePackage/PackageName.h"
+#include "UpgradePackage/Parts.h"
 
 namespace PpStore {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr mode_t kDirectoryMode = 0755;
+/// What is no matter of names stands in the part's row, whose texts are literals.
+constexpr Family FamilyOf(UPGRADETYPE type, const char* namePattern) {
+  const Parts::Part& part = *Parts::Find(type);
+  return {part.page.data(), type, part.target[Parts::kSideA], namePattern};
+}
 
 constexpr std::array<Family, 3> kFamilies = {{
-    {"7204", UP_7204, "/firmware/pp/7204/", R"(QVD_K7204_H100_S\d+\.\d+\.\d+\.\d+.*.ota)"},
-    {"7204_EVT", UP_7204_EVT, "/firmware/pp/7204/", R"(QVD_K7204_H000_S\d+\.\d+\.\d+\.\d+.*.ota)"},
-    {"7308", UP_7308, "/firmware/pp/7308/", R"(QVD_K7308_H\d{3}_S\d+\.\d+\.\d+\.\d+_OTA_Common_\d+\.zip)"},
+    FamilyOf(UP_7204, R"(QVD_K7204_H100_S\d+\.\d+\.\d+\.\d+.*.ota)"),
+    FamilyOf(UP_7204_EVT, R"(QVD_K7204_H000_S\d+\.\d+\.\d+\.\d+.*.ota)"),
+    FamilyOf(UP_7308, R"(QVD_K7308_H\d{3}_S\d+\.\d+\.\d+\.\d+_OTA_Common_\d+\.zip)"),
 }};
 
 }  // namespace
 
-std::unique_lock<std::mutex> Hold() {
-  static std::mutex storeMutex;
-  return std::unique_lock<std::mutex>(storeMutex);
+CMutex& Mutex() {
+  static CMutex storeMutex;
+  return storeMutex;
 }
 
 const Family* Find(const std::string& pageType) {
@@ -44,27 +43,24 @@ const Family* Find(const std::string& pageType) {
 }
 
 bool IsPackage(const Family& family, const std::string& path) {
-  return PackageName::Matches(std::string(BaseName(path)), family.namePattern) &&
-         IsRegularFileItself(path);
+  return PackageName::Matches(std::string(BaseName(path)), family.namePattern) && IsRegularFileItself(path);
 }
 
-std::vector<std::string> PackageNames(const std::string& directory, const Family& family) {
+std::vector<std::string> PackageNames(const Family& family, const std::string& root) {
+  const std::string directory = root + family.directory;
   std::vector<std::string> names;
-  std::error_code error;
-  for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
-       entry.increment(error)) {
-    if (IsPackage(family, entry->path().string())) names.push_back(entry->path().filename().string());
+  for (std::string& name : NamesIn(directory)) {
+    if (IsPackage(family, directory + name)) names.push_back(std::move(name));
   }
   return names;
 }
 
-bool Replace(const Family& family, const std::string& source, std::string& error) {
+Failure Replace(const Family& family, const std::string& source) {
   if (!XCreateFullPathDir(family.directory, kDirectoryMode)) {
-    error = "cannot create " + std::string(family.directory) + ": " + std::strerror(errno);
-    return false;
+    return Fail(Reason::PortableStore, "cannot create %s: %s", family.directory, std::strerror(errno));
   }
-  const auto held = Hold();
-  for (const std::string& oldName : PackageNames(family.directory, family)) {
+  const CLock lock(Mutex());
+  for (const std::string& oldName : PackageNames(family)) {
     const std::string old = family.directory + oldName;
     LOGI("Delete old package:%s", old.c_str());
     if (!XDeleteFile(old)) LOGE("cannot delete %s: %s", old.c_str(), std::strerror(errno));
@@ -72,15 +68,14 @@ bool Replace(const Family& family, const std::string& source, std::string& error
   const std::string destination = family.directory + std::string(BaseName(source));
   LOGI("Move SrcPath:%s -> DestPath:%s", source.c_str(), destination.c_str());
   if (!XRenameFile(source, destination)) {
-    error = "cannot move " + source + " to " + destination + ": " + std::strerror(errno);
-    return false;
+    return Fail(Reason::PortableStore, "cannot move %s to %s: %s", source.c_str(), destination.c_str(),
+                std::strerror(errno));
   }
   // The version record is written next, on another file system: it must not outlive the package.
   if (!SyncFile(destination) || !SyncParentDirectory(destination)) {
-    error = "cannot sync " + destination + ": " + std::strerror(errno);
-    return false;
+    return Fail(Reason::PortableStore, "cannot sync %s: %s", destination.c_str(), std::strerror(errno));
   }
-  return true;
+  return {};
 }
 
 }  // namespace PpStore

@@ -1,14 +1,18 @@
-/// The store of portable-part packages: one package per family, in which portable-part handling looks for
-/// newer firmware. Filled by the common path of a package, on a source's thread; read when the firmware of
-/// portable parts is loaded.
+/// The store of portable-part packages: which families there are, where the package of each is kept, and how
+/// an imported one takes its place. What is kept there is read by PpFirmware.
 #pragma once
 
-#include <mutex>
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
 #include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradePackage/Reasons.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
+/// Any thread.
 namespace PpStore {
 
 /// One family of portable parts.
@@ -19,22 +23,23 @@ struct Family {
   const char* namePattern;  ///< which files there are its packages: ECMAScript, whole match
 };
 
+inline constexpr mode_t kDirectoryMode = 0755;  ///< of the families' directories
+
 /// The family of a page type; null for an unknown one.
 const Family* Find(const std::string& pageType);
 
-/// Whoever reads the store and acts on what is there holds it meanwhile: Replace waits, as long as an
-/// unpacking takes. Any thread; not taken twice, and with no lock held that Replace's caller may want.
-std::unique_lock<std::mutex> Hold();
+/// Whoever acts on what the store holds keeps this meanwhile, as long as an unpacking takes. Hold no lock
+/// that Replace's caller may want.
+CMutex& Mutex();
 
 /// True for a regular file that is named as a package of `family`; links are none.
 bool IsPackage(const Family& family, const std::string& path);
 
-/// The names of the regular files in `directory` that are packages of `family`, in no order; links are none.
-std::vector<std::string> PackageNames(const std::string& directory, const Family& family);
+/// The names of the family's packages, in no order. `root` stands before its directory.
+std::vector<std::string> PackageNames(const Family& family, const std::string& root = "") REQUIRES(Mutex());
 
-/// Deletes the family's old package and moves the package `source` in its place, under its own name: when
-/// this gives true, a power cut does not take it back. False with the reason in `error`: the store may then
-/// hold neither. Holds the store.
-bool Replace(const Family& family, const std::string& source, std::string& error);
+/// Deletes the family's old package and moves the package `source` in its place, under its own name: without
+/// a failure, a power cut does not take it back. After one the store may hold neither.
+Failure Replace(const Family& family, const std::string& source) EXCLUDES(Mutex());
 
 }  // namespace PpStore

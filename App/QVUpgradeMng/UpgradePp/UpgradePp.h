@@ -4,26 +4,26 @@
 /// turn.
 ///
 /// Threads: the state thread (this CThread) walks the states, sends every request and waits for the answers.
-/// The hot-plug monitor's and the clock report's threads tell of devices, the threads of the ports and of the
-/// radio module's upgrade set flags. Main starts and stops it.
+/// The hot-plug monitor's and the clock report's threads tell of devices (PpHotPlug), the threads of the
+/// ports (PpLink) and of the radio module's upgrade set flags. Main starts and stops it.
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 
+#include "BSW/MultiTask/CFlags.h"
 #include "BSW/MultiTask/CSingleton.h"
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradePp/Pp7204Sequence.h"
 #include "UpgradePp/Pp7308Sequence.h"
+#include "UpgradePp/PpCheck.h"
 #include "UpgradePp/PpDevices.h"
+#include "UpgradePp/PpHotPlug.h"
 #include "UpgradePp/PpLink.h"
-#include "UpgradePp/PpSignals.h"
-#include "UpgradePp/PpState.h"
 #include "UpgradePp/PpTypes.h"
+#include "common/ThreadAnnotations.h"
 
 /// Any thread may call the public members.
 class UpgradePp : public CThread, public CSingleton<UpgradePp> {
@@ -44,16 +44,16 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   void CleanUp();
 
   /// Loads the firmware information anew as soon as no part is under way; returns at once.
-  void ReloadVeriosn();
+  void ReloadVeriosn() EXCLUDES(m_flags.Mutex());
   /// For the package sources, after Init.
   ImportCallback GetImportCallback() const { return m_importCallback; }
 
   /// The controller's report whether the cascade clock is in sync. While it is not, devices are recorded but
   /// not handled; once it is again, they are.
-  void SetClockStatus(bool bStatus);
+  void SetClockStatus(bool bStatus) { m_hotPlug.SetClockStatus(bStatus); }
 
-  /// The firmware held, per family: always of one load.
-  UpgPp::PpFwMap GetPpPackageInfo();
+  /// The firmware held, per family: always of one load. No caller yet.
+  UpgPp::PpFwMap GetPpPackageInfo() EXCLUDES(m_flags.Mutex());
 
   /// The debug command: asks the part whose port is open for its versions, and logs state and flags. False
   /// when nothing could be sent.
@@ -88,64 +88,54 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   UpgradeStateType _HandleIdleState();
   UpgradeStateType _HandleIdentifyState();
   UpgradeStateType _HandleCheckVerState();
-  UpgradeStateType _Check7308(const PpInfo_t& info, const UpgPp::PpFw_t& firmware);
-  UpgradeStateType _Check7204(const PpInfo_t& info, const UpgPp::PpFw_t& firmware);
   UpgradeStateType _HandleUpgPpState();
   UpgradeStateType _HandleReqPairState();
   UpgradeStateType _HandleInterruptState();
   UpgradeStateType _HandleUpgSuccessState();
   UpgradeStateType _HandleFailedState();
   UpgradeStateType _HandleUnknownState();
-  /// The lock is held, as in the two below. A part that reports again and again comes after everything else.
-  Task _NextTask() const;
+  /// A part that reports again and again comes after everything else.
+  Task _NextTask() REQUIRES(m_flags.Mutex());
   /// Until something changes, or the next device is due.
-  void _WaitForTask(PpSignals::Lock& lock);
+  void _WaitForTask() REQUIRES(m_flags.Mutex());
   /// Begins the turn of the next device.
-  void _TakeTurn(const PpSignals::Lock& lock);
+  void _TakeTurn() REQUIRES(m_flags.Mutex());
   /// True when the port of the part that had its turn last is still open.
   bool _IsListening() const;
+  /// Closes the part's ports and forgets it.
+  UpgradeStateType _EndAttempt();
   /// Forgets the part and what it answered.
   void _CleanCache();
   UpgradeStateType _State();
   std::string _CurrentDevice();
-  /// Replaces the firmware information. State thread, or Init before it runs; no lock held.
-  bool _LoadFwInfo();
+  /// Replaces the firmware information; false when there is none. State thread, or Init before it runs.
+  bool _LoadFwInfo() EXCLUDES(m_flags.Mutex());
 
-  /// Changes the state, unless a rule refuses it. The lock is held.
-  void _ToggleState(const PpSignals::Lock& lock, UpgradeStateType state);
-
-  // The threads of the hot-plug monitor and of the clock report.
-  int _UsbHotPlugProcessCallback(const std::string& device, bool plugged);
-  /// m_plugMutex is held, as in the two below.
-  void _HandleHotPlug(const PpDevices::UsbHotPlugInfo& info);
-  void _PlugIn(const std::string& device);
-  void _PlugOut(const std::string& device);
-  /// The device went: if it is the one under way, its turn is over, though not yet its state. True if it was.
-  bool _EndTurn(const std::string& device);
-  int _LoadStorageDevCallback(const std::string& node, bool present);
+  /// Changes the state, unless a rule refuses it.
+  void _ToggleState(UpgradeStateType state) REQUIRES(m_flags.Mutex());
 
   /// A part reported that it is ready. On a receive thread.
-  void _ProcPpReady();
+  void _ProcPpReady() EXCLUDES(m_flags.Mutex());
 
   static const std::array<State, UpgPp::EM_STATE_MAX> m_States;
 
-  /// Serialises hot-plug events and their replay; taken before every other lock here.
-  std::mutex m_plugMutex;
-  std::atomic<bool> m_bCascadeClockSync{true};
-  std::atomic<bool> m_bUsbInsert{false};  ///< a serial device of a part is present
-  ImportCallback m_importCallback;        ///< built by Init
+  ImportCallback m_importCallback;  ///< built by Init
 
-  PpSignals m_signals;
-  // Guarded by the lock of m_signals:
-  UpgradeStateType m_emState = UpgPp::EM_STATE_IDLE;
-  PpDevices m_devices;
-  UpgPp::PpFwMap m_mapPpFwInfo;    ///< changed by the state thread alone
-  bool m_bReload = false;          ///< the firmware information is to be loaded anew
-  bool m_bReadyMeanwhile = false;  ///< the part reported that it is ready since its identification began
+  CFlags m_flags{UpgPp::kLongTermFlags};
+  UpgradeStateType m_emState GUARDED_BY(m_flags.Mutex()) = UpgPp::EM_STATE_IDLE;
+  PpDevices m_devices GUARDED_BY(m_flags.Mutex());
+  UpgPp::PpFwMap m_mapPpFwInfo GUARDED_BY(m_flags.Mutex());
+  bool m_bReload GUARDED_BY(m_flags.Mutex()) = false;  ///< the firmware information is to be loaded anew
+  /// The part reported that it is ready since its identification began.
+  bool m_bReadyMeanwhile GUARDED_BY(m_flags.Mutex()) = false;
 
-  UpgPp::PpType m_emCheckedType = UpgPp::EM_PP_MAX;  ///< of the part under way; state thread only
+  // Of the part under way; state thread only:
+  UpgPp::PpType m_emCheckedType = UpgPp::EM_PP_MAX;
+  UpgPp::PpFw_t m_firmware;  ///< held for its type when it was checked
 
   PpLink m_link;
+  PpCheck m_check;
   Pp7308Sequence m_7308;
   Pp7204Sequence m_7204;
+  PpHotPlug m_hotPlug;
 };

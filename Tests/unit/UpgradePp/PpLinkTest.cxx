@@ -18,7 +18,7 @@ constexpr milliseconds kShort(100);
 
 class PpLinkTest : public ::testing::Test {
  protected:
-  PpLinkTest() { signals.Set(EM_FLAG_PLUG_IN); }
+  PpLinkTest() { flags.Set(EM_FLAG_PLUG_IN); }
 
   using Answer = PpLink::Answer;
 
@@ -41,9 +41,9 @@ class PpLinkTest : public ::testing::Test {
   }
 
   PtyPeer part;
-  PpSignals signals;
+  CFlags flags{kLongTermFlags};
   std::atomic<int> ready{0};
-  PpLink link{signals, [this] { ++ready; }};
+  PpLink link{flags, [this] { ++ready; }};
 };
 
 }  // namespace
@@ -52,36 +52,37 @@ TEST_F(PpLinkTest, DeviceThatWentIsNotOpenedAndStaysClosed) {
   ASSERT_TRUE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
   EXPECT_TRUE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
   link.CloseUartsOf("/dev/ttyUSB8");
-  EXPECT_TRUE(signals.Has(EM_FLAG_NEW_UART_OPEN));
-  signals.Clear(EM_FLAG_PLUG_IN);
+  EXPECT_TRUE(flags.Has(EM_FLAG_NEW_UART_OPEN));
+  flags.Clear(EM_FLAG_PLUG_IN);
   link.CloseUartsOf(part.Device());
-  EXPECT_FALSE(signals.Has(EM_FLAG_NEW_UART_OPEN));
+  EXPECT_FALSE(flags.Has(EM_FLAG_NEW_UART_OPEN));
   EXPECT_FALSE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
   EXPECT_FALSE(link.SendCmd(EM_NEW_CMD_REQ_PP_VERSION));
 
-  signals.Set(EM_FLAG_PLUG_IN | EM_FLAG_CLEAN_UP);
+  flags.Set(EM_FLAG_PLUG_IN);
+  flags.End();
   EXPECT_FALSE(link.OpenUart(EM_PROT_73_OLD, part.Device()));
 }
 
 TEST_F(PpLinkTest, RefusedEmptyAndEarlierAnswersCountLikeNone) {
   ASSERT_TRUE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
   Say(Reply(EM_NEW_CMD_REQ_SEND_DATA_PACK, {0}));
-  EXPECT_TRUE(signals.Has(EM_FLAG_SEND_PACK_ACK));
+  EXPECT_TRUE(flags.Has(EM_FLAG_SEND_PACK_ACK));
   EXPECT_EQ(link.Request(EM_NEW_CMD_REQ_SEND_DATA_PACK, EM_FLAG_SEND_PACK_ACK, kShort), Answer::TimedOut);
   Say(Reply(EM_NEW_CMD_REQ_SEND_DATA_PACK, {1}) + Reply(EM_NEW_CMD_REQ_SEND_DATA_PACK, {}));
-  EXPECT_FALSE(signals.Has(EM_FLAG_SEND_PACK_ACK));
+  EXPECT_FALSE(flags.Has(EM_FLAG_SEND_PACK_ACK));
   // A no to the firmware is an answer.
   Say(Reply(EM_NEW_CMD_REQ_SEND_FW_INFO, {1}));
-  EXPECT_TRUE(signals.Has(EM_FLAG_DO_NOT_UPG));
-  EXPECT_FALSE(signals.Has(EM_FLAG_SEND_FW_INFO_ACK));
+  EXPECT_TRUE(flags.Has(EM_FLAG_DO_NOT_UPG));
+  EXPECT_FALSE(flags.Has(EM_FLAG_SEND_FW_INFO_ACK));
 }
 
 TEST_F(PpLinkTest, VersionReplyOfFiveBytesIsRejectedAndOneOfSixIsKept) {
   ASSERT_TRUE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
   Say(Reply(EM_NEW_CMD_REQ_PP_VERSION, {1, 0, 2, 5, 0}));
-  EXPECT_FALSE(signals.Has(EM_FLAG_GET_VER));
+  EXPECT_FALSE(flags.Has(EM_FLAG_GET_VER));
   Say(Reply(EM_NEW_CMD_REQ_PP_VERSION, {1, 0, 2, 5, 0, 0}));
-  EXPECT_TRUE(signals.Has(EM_FLAG_GET_VER));
+  EXPECT_TRUE(flags.Has(EM_FLAG_GET_VER));
   EXPECT_EQ(link.Info().m_emPpType, UpgPp::EM_PP_7308);
   EXPECT_EQ(link.Info().strVerison, "S1.0.2.05");
   EXPECT_EQ(link.Info().strHwVerison + link.Info().strRtxVerison, "");
@@ -99,7 +100,7 @@ TEST_F(PpLinkTest, StopEndsAWaitAtOnce) {
   ASSERT_TRUE(link.OpenUart(EM_PROT_72_NEW, part.Device()));
   std::thread stopper([this] {
     part.Receive(McuFrame::EM_MIN_UART_FRAME_LENGTH);
-    signals.Set(EM_FLAG_CLEAN_UP);
+    flags.End();
   });
   const double seconds = SecondsOf([this] {
     EXPECT_EQ(link.Request(EM_NEW_CMD_REQ_UPG_RTX, EM_FLAG_REQ_UPG_RTX_ACK, 2 * kPatience), Answer::GivenUp);
@@ -108,12 +109,12 @@ TEST_F(PpLinkTest, StopEndsAWaitAtOnce) {
   EXPECT_LT(seconds, std::chrono::duration<double>(kPatience).count());
 }
 
-TEST(PpSignals, FlagsOfAnAttemptEndWithItAndOthersStay) {
-  PpSignals signals;
-  signals.Set(EM_FLAG_GET_VER | EM_FLAG_START_UPG_RTX | EM_FLAG_7204_RE_INSERT | EM_FLAG_NEW_UART_OPEN |
+TEST(PpFlags, FlagsOfAnAttemptEndWithItAndOthersStay) {
+  CFlags flags{kLongTermFlags};
+  flags.Set(EM_FLAG_GET_VER | EM_FLAG_START_UPG_RTX | EM_FLAG_7204_RE_INSERT | EM_FLAG_NEW_UART_OPEN |
               EM_FLAG_PLUG_IN | EM_FLAG_LOAD_STORAGE | EM_FLAG_7308_VER_INFO_LOADED);
-  signals.ClearAttempt();
-  EXPECT_EQ(signals.Flags(), static_cast<int>(EM_FLAG_NEW_UART_OPEN));
-  EXPECT_EQ(signals.LongTermFlags(),
+  flags.ClearAttempt(kPortFlags);
+  EXPECT_EQ(flags.Flags(), static_cast<int>(EM_FLAG_NEW_UART_OPEN));
+  EXPECT_EQ(flags.LongTermFlags(),
             static_cast<int>(EM_FLAG_PLUG_IN | EM_FLAG_LOAD_STORAGE | EM_FLAG_7308_VER_INFO_LOADED));
 }

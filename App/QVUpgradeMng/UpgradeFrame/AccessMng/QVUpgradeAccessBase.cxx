@@ -448,8 +448,7 @@ bool QVUpgradeAccessBase::_ImportPpFamily(AllVersion& versions, const Json::Valu
   // While the packages are exchanged the store may hold none, and stays so after a power cut or a failed
   // move: neither package may then be taken for the one that is there already.
   storeVersion(kNoVersion);
-  std::string error;
-  if (!PpStore::Replace(*family, source, error)) throw PpPackError(error);
+  if (const Failure failure = PpStore::Replace(*family, source)) throw PpPackError(failure.context);
   storeVersion(version);
   return true;
 }

@@ -1,6 +1,6 @@
 // The firmware of portable parts on a disk: which package counts, what is unpacked and what is never left
 // behind.
-#include "UpgradePp/PpFirmwareStore.h"
+#include "UpgradePp/PpFirmware.h"
 
 #include <gtest/gtest.h>
 
@@ -20,11 +20,12 @@ using namespace UpgPp;
 const std::string kOlder = "QVD_K7308_H100_S1.0.2.9_OTA_Common_1.zip";
 const std::string kNewer = "QVD_K7308_H100_S1.0.10.5_OTA_Common_1.zip";  // not newer as a text
 
-class PpFirmwareStoreTest : public testing::Test {
+class PpFirmwareTest : public testing::Test {
  protected:
-  PpFirmwareStoreTest() {
+  PpFirmwareTest() {
     fs::create_directories(m_7308);
     fs::create_directories(m_7204);
+    fs::create_directory(m_root / "config");
     WriteText(m_versions, R"({"PpVer":[{"PpType":7308,"HwVersion":"H100","RtxVersion":"2.7.1"}]})");
   }
 
@@ -45,7 +46,12 @@ class PpFirmwareStoreTest : public testing::Test {
     WriteText(Part("RTX/rtx.spihex"), "radio of " + image);
     Pack(name);
   }
-  bool Load() { return PpFirmwareStore::Load(m_found, m_root / "pp", m_versions); }
+  // True when there is a package of any family.
+  bool Load() {
+    m_found = PpFirmware::Load(m_root.Path());
+    return Has(EM_PP_7308) || Has(EM_PP_7204) || Has(EM_PP_7204_EVT);
+  }
+  bool Has(PpType type) const { return HasPackage(m_found, type); }
   std::vector<std::string> NamesIn7308() const {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(m_7308)) names.push_back(entry.path().filename());
@@ -54,23 +60,23 @@ class PpFirmwareStoreTest : public testing::Test {
 
   // With these it is paired.
   void ExpectOnlyRecordsOfA7204() const {
-    ASSERT_EQ(m_found.firmware.size(), 2U);
-    const PpFw_t& dvt = m_found.firmware.at(EM_PP_7204);
+    ASSERT_EQ(m_found.size(), 2U);
+    const PpFw_t& dvt = m_found.at(EM_PP_7204);
     EXPECT_EQ(dvt.m_strFileName, "");
     EXPECT_EQ(dvt.m_strVerison + dvt.m_strHwVerison + dvt.m_strRtxVerison, "V0.0.0.00H100V0.0.0.0");
-    EXPECT_EQ(m_found.firmware.at(EM_PP_7204_EVT).m_strHwVerison, "H000");
-    EXPECT_FALSE(m_found.has7204Dvt || m_found.has7204Evt);
+    EXPECT_EQ(m_found.at(EM_PP_7204_EVT).m_strHwVerison, "H000");
+    EXPECT_FALSE(Has(EM_PP_7204) || Has(EM_PP_7204_EVT));
   }
 
   TempDirectory m_root;
-  const std::string m_7308 = m_root / "pp/7308/";
-  const std::string m_7204 = m_root / "pp/7204/";
+  const std::string m_7308 = m_root / "firmware/pp/7308/";
+  const std::string m_7204 = m_root / "firmware/pp/7204/";
   const std::string m_parts = m_root / "parts/";
-  const std::string m_versions = m_root / "pp_ver.json";
-  PpFirmwareStore::Found m_found;
+  const std::string m_versions = m_root / "config/pp_ver.json";
+  PpFwMap m_found;
 };
 
-TEST_F(PpFirmwareStoreTest, HighestPackageOfEachFamilyCounts) {
+TEST_F(PpFirmwareTest, HighestPackageOfEachFamilyCounts) {
   PackImage(kOlder, "old");
   PackImage(kNewer, "new");
   for (const char* name :
@@ -81,9 +87,9 @@ TEST_F(PpFirmwareStoreTest, HighestPackageOfEachFamilyCounts) {
   }
   fs::create_symlink("/etc/passwd", m_7204 + "QVD_K7204_H100_S8.0.0.0.ota");
   ASSERT_TRUE(Load());
-  EXPECT_TRUE(m_found.has7308 && m_found.has7204Dvt && m_found.has7204Evt);
+  EXPECT_TRUE(Has(EM_PP_7308) && Has(EM_PP_7204) && Has(EM_PP_7204_EVT));
 
-  const PpFw_t& part7308 = m_found.firmware.at(EM_PP_7308);
+  const PpFw_t& part7308 = m_found.at(EM_PP_7308);
   EXPECT_EQ(part7308.m_strVerison, "S1.0.10.05");
   EXPECT_EQ(part7308.m_vecVerNum, std::vector<uint8_t>({1, 0, 10, 5}));
   EXPECT_EQ(part7308.m_strHwVerison, "H100");
@@ -92,24 +98,24 @@ TEST_F(PpFirmwareStoreTest, HighestPackageOfEachFamilyCounts) {
   EXPECT_EQ(ReadText(m_7308 + part7308.m_strFileName), "new");
   EXPECT_EQ(ReadText(m_7308 + "RTX/rtx.spihex"), "radio of new");
 
-  const PpFw_t& dvt = m_found.firmware.at(EM_PP_7204);
+  const PpFw_t& dvt = m_found.at(EM_PP_7204);
   EXPECT_EQ(dvt.m_strVerison, "S2.0.0.03");
   EXPECT_EQ(dvt.m_strHwVerison, "H100");
   EXPECT_EQ(dvt.m_strRtxVerison, "V0.0.0.0");
   EXPECT_EQ(dvt.m_strFwPath, m_7204);
   EXPECT_EQ(dvt.m_strFileName, "QVD_K7204_H100_S2.0.0.3_a.ota");
-  EXPECT_EQ(m_found.firmware.at(EM_PP_7204_EVT).m_strHwVerison, "H000");
+  EXPECT_EQ(m_found.at(EM_PP_7204_EVT).m_strHwVerison, "H000");
 }
 
-TEST_F(PpFirmwareStoreTest, NothingOfAnOlderArchiveStays) {
+TEST_F(PpFirmwareTest, NothingOfAnOlderArchiveStays) {
   PackImage(kOlder, "old");
   ASSERT_TRUE(Load()) << "one family is enough";
-  ASSERT_TRUE(m_found.has7308);
+  ASSERT_TRUE(Has(EM_PP_7308));
   WriteText(Part("readme"), "an archive without an image");
   Pack(kNewer);
   EXPECT_FALSE(Load());
-  EXPECT_FALSE(m_found.has7308);
-  EXPECT_EQ(m_found.firmware.at(EM_PP_7308).m_strFileName, "");
+  EXPECT_FALSE(Has(EM_PP_7308));
+  EXPECT_EQ(m_found.at(EM_PP_7308).m_strFileName, "");
   const std::vector<std::string> left = NamesIn7308();
   EXPECT_EQ(std::set<std::string>(left.begin(), left.end()), std::set<std::string>({kOlder, kNewer}));
 
@@ -121,11 +127,11 @@ TEST_F(PpFirmwareStoreTest, NothingOfAnOlderArchiveStays) {
   EXPECT_EQ(ReadText(m_7308 + "K7308_PP_APP.bin"), "old");
 }
 
-TEST_F(PpFirmwareStoreTest, HostileArchiveLeavesNothingAnywhere) {
+TEST_F(PpFirmwareTest, HostileArchiveLeavesNothingAnywhere) {
   const std::string outside = m_root / "outside";
   const auto refused = [&](const char* what) {
     EXPECT_FALSE(Load()) << what;
-    EXPECT_FALSE(m_found.has7308) << what;
+    EXPECT_FALSE(Has(EM_PP_7308)) << what;
     EXPECT_EQ(NamesIn7308(), std::vector<std::string>({kNewer})) << what;
     EXPECT_FALSE(fs::exists(outside)) << what;
     fs::remove(m_7308 + kNewer);
@@ -141,7 +147,7 @@ TEST_F(PpFirmwareStoreTest, HostileArchiveLeavesNothingAnywhere) {
 
   WriteText(Part("K7308_PP_APP.bin"), "image");
   WriteText(Part("file"), "escaped");
-  Pack(kNewer, "file", "../../outside");
+  Pack(kNewer, "file", "../../../outside");
   refused("leaves the directory");
 
   WriteText(Part("K7308_PP_APP.bin"), "image");
@@ -158,28 +164,28 @@ TEST_F(PpFirmwareStoreTest, HostileArchiveLeavesNothingAnywhere) {
   refused("torn");
 }
 
-TEST_F(PpFirmwareStoreTest, VersionFileFillsInWhatPackagesLack) {
+TEST_F(PpFirmwareTest, VersionFileFillsInWhatPackagesLack) {
   WriteText(m_7204 + "QVD_K7204_H000_S1.0.0.0.ota", "image");
   WriteText(m_versions, R"({"PpVer":[7303, {"PpType":"7303"}, {"PpType":7310,"SwVersion":"S1.0.0.0"},
     {"PpType":7205,"SwVersion":"S9.9.9.9","HwVersion":7,"RtxVersion":"3.1"},
     {"PpType":7303,"SwVersion":"S1.2.3.4","HwVersion":"H2"}, {"PpType":7308}]})");
   Load();
-  EXPECT_EQ(m_found.firmware.size(), 4U);
-  const PpFw_t& evt = m_found.firmware.at(EM_PP_7204_EVT);
+  EXPECT_EQ(m_found.size(), 4U);
+  const PpFw_t& evt = m_found.at(EM_PP_7204_EVT);
   EXPECT_EQ(evt.m_strVerison, "S1.0.0.00") << "the package's";
   EXPECT_EQ(evt.m_strHwVerison, "H000");
   EXPECT_EQ(evt.m_strRtxVerison, "3.1");
-  const PpFw_t& legacy = m_found.firmware.at(EM_PP_7302_03);
+  const PpFw_t& legacy = m_found.at(EM_PP_7302_03);
   EXPECT_EQ(legacy.m_strVerison, "S1.2.3.04");
   EXPECT_EQ(legacy.m_strHwVerison, "H2");
   EXPECT_EQ(legacy.m_strRtxVerison, "V0.0.0.0");
   EXPECT_EQ(legacy.m_strFileName, "");
   EXPECT_TRUE(legacy.m_vecVerNum.empty());
-  EXPECT_EQ(m_found.firmware.at(EM_PP_7308).m_strVerison, "V0.0.0.00");
+  EXPECT_EQ(m_found.at(EM_PP_7308).m_strVerison, "V0.0.0.00");
 }
 
-TEST_F(PpFirmwareStoreTest, UnusableStoreLeavesWhatThereIs) {
-  fs::remove_all(m_root / "pp");
+TEST_F(PpFirmwareTest, UnusableStoreLeavesWhatThereIs) {
+  fs::remove_all(m_root / "firmware");
   for (const char* text : {"", "[]", R"({"PpVer":7})", R"({"PpVer":[)"}) {
     WriteText(m_versions, text);
     EXPECT_FALSE(Load()) << text;
