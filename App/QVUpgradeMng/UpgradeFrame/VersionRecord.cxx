@@ -1,30 +1,11 @@
-/// The ten version fields and the file that holds them. A new part gets a line in the table and a member in
-/// QVUpgradeVersionInfo; keys and defaults are shared with the panel and with installed units.
+/// The version file. Its keys and defaults are shared with the panel and with installed units.
 #include "UpgradeFrame/VersionRecord.h"
 
 #include "BSW/BasicFun/JsonUtils.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradePackage/Parts.h"
 
 namespace {
-
-struct VersionField {
-  const char* key;
-  std::string QVUpgradeVersionInfo::*member;
-  UPGRADETYPE type;
-};
-
-constexpr VersionField kFields[] = {
-    {"fpgaVersion", &QVUpgradeVersionInfo::m_fpgaVersion, UP_FPGA},
-    {"rtxVersion", &QVUpgradeVersionInfo::m_rtxVersion, UP_RTX},
-    {"mcuVersion", &QVUpgradeVersionInfo::m_mcuVersion, UP_MCU},
-    {"7204Version", &QVUpgradeVersionInfo::m_7204Version, UP_7204},
-    {"7204EvtVersion", &QVUpgradeVersionInfo::m_7204EvtVersion, UP_7204_EVT},
-    {"7308Version", &QVUpgradeVersionInfo::m_7308Version, UP_7308},
-    {"appVersion", &QVUpgradeVersionInfo::m_appVersion, UP_APP},
-    {"systemVersion", &QVUpgradeVersionInfo::m_systemVersion, UP_SYSTEM},
-    {"rootfsVersion", &QVUpgradeVersionInfo::m_rootfsVersion, UP_ROOTFS},
-    {"uacVersion", &QVUpgradeVersionInfo::m_uacVersion, UP_UAC},
-};
 
 constexpr const char* kTotalKey = "totalVersion";
 constexpr const char* kSoftKey = "softVersion";
@@ -39,17 +20,17 @@ Json::Value MemberOrNull(const Json::Value& object, const char* key) {
 }  // namespace
 
 std::string* VersionRecord::Field(QVUpgradeVersionInfo& versions, UPGRADETYPE type) {
-  for (const VersionField& field : kFields) {
-    if (field.type == type) return &(versions.*field.member);
-  }
-  return nullptr;
+  const Parts::Part* const part = Parts::Find(type);
+  return part == nullptr ? nullptr : &(versions.*part->version);
 }
 
 Json::Value VersionRecord::ToJson(const OTAVersion& overall, const QVUpgradeVersionInfo& versions) {
   Json::Value root(Json::objectValue);
   root[kTotalKey][kSoftKey] = overall.m_softVersion;
   root[kTotalKey][kHardKey] = overall.m_hardVersion;
-  for (const VersionField& field : kFields) root[kSubModulesKey][field.key] = versions.*field.member;
+  for (const Parts::Part& part : Parts::kAll) {
+    root[kSubModulesKey][part.versionKey] = versions.*part.version;
+  }
   return root;
 }
 
@@ -62,8 +43,8 @@ bool VersionRecord::Read(const std::string& path, AllVersion& versions, Json::Va
   versions.m_oldOverallVer.m_softVersion = JsonUtils::StringOr(total, kSoftKey, kDefaultSoftVersion);
   versions.m_oldOverallVer.m_hardVersion = JsonUtils::StringOr(total, kHardKey, kDefaultHardVersion);
   const Json::Value subModules = MemberOrNull(root, kSubModulesKey);
-  for (const VersionField& field : kFields) {
-    versions.m_SubmodulesVer.*field.member = JsonUtils::StringOr(subModules, field.key, kNoVersion);
+  for (const Parts::Part& part : Parts::kAll) {
+    versions.m_SubmodulesVer.*part.version = JsonUtils::StringOr(subModules, part.versionKey, kNoVersion);
   }
   if (otaList != nullptr) *otaList = MemberOrNull(root, "otaList");
   return readable;

@@ -1,6 +1,5 @@
-/// The installed-version file "quorvalen/version.json" and the version report to the panel: one table of the
-/// ten version fields, used by the frame, which writes the next partition's file, and by the access frame,
-/// which owns the running partition's. Stateless; any thread.
+/// The installed-version file "quorvalen/version.json" and the version report to the panel: the frame writes
+/// the next partition's file, DeviceVersions the running partition's. Stateless; any thread.
 #pragma once
 
 #include <json/json.h>
