@@ -12,26 +12,22 @@
 
 namespace {
 
-using Chip = ISysCtrlReports::Chip;
-
 bool GetVersion(const Json::Value& data, const char* key, std::string& version) {
   return JsonUtils::GetString(data, key, version) && IsVersionText(version);
 }
 
 /// A chip, and what the log says of it.
 struct ChipTexts {
-  Chip chip;
+  UPGRADETYPE chip;
   const char* firstVersion;  ///< none was known before
   const char* completed;
 };
-constexpr ChipTexts kFpga = {Chip::Fpga,
+constexpr ChipTexts kFpga = {UP_FPGA,
                              "########## Uart of FPGA might have except during last starup! ##########",
                              "FPGA version update completed"};
-constexpr ChipTexts kRtx = {Chip::Rtx,
-                            "########## Uart of RTX might have except during last starup! ##########",
+constexpr ChipTexts kRtx = {UP_RTX, "########## Uart of RTX might have except during last starup! ##########",
                             "RTX version update completed"};
-constexpr ChipTexts kUac = {Chip::Uac,
-                            "########## Uart of UAC might have except during last starup! ##########",
+constexpr ChipTexts kUac = {UP_UAC, "########## Uart of UAC might have except during last starup! ##########",
                             "UAC version update completed"};
 
 /// `fault` begins the text of the fault message; the two versions follow.
