@@ -11,7 +11,6 @@
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "UpgradeFrame/BootLoader.h"
-#include "UpgradeFrame/InstalledRecord.h"
 #include "UpgradeFrame/PackageEnd.h"
 #include "UpgradeFrame/PackageKeeper.h"
 #include "UpgradeFrame/PartsManifest.h"
@@ -254,8 +253,8 @@ std::string QVUpgradeFrameBase::_UpgradFail() {
 /// upgrade also fails before its parts are known, or after all of them succeeded.
 Failure QVUpgradeFrameBase::_RecordVersions(bool succeeded) {
   const bool partsComplete = m_submodules.CollectVersions(m_frameVersion.m_SubmodulesVer);
-  return InstalledRecord::_WirteNewVersion(m_nextPart, m_frameVersion, partsComplete && succeeded,
-                                           m_upgradeType);
+  return VersionRecord::_WirteNewVersion(m_nextPart, m_frameVersion, partsComplete && succeeded,
+                                         m_upgradeType);
 }
 
 /// Reboots. After a stop it runs nothing more: whoever stopped the daemon decides what happens to the unit.

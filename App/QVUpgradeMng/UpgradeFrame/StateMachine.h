@@ -29,15 +29,18 @@ class StateMachine : public CThread {
 
   /// Runs the current state's handler; the state it names, or one queued meanwhile, becomes the current one.
   void ThreadProc() override {
+    CLock lock(m_queueNextMutex);
     while (IsRunning()) {
-      const auto handler = m_table.find(_CurrentState());
+      const auto handler = m_table.find(m_StateMachine);
+      lock.Unlock();
       if (handler == m_table.end()) {
         Pause(kUnknownStatePauseMs);
+        lock.Lock();
         continue;
       }
       std::string next = (static_cast<Owner*>(this)->*handler->second)();
+      lock.Lock();
       if (!IsRunning()) break;
-      const CLock lock(m_queueNextMutex);
       if (!m_queueNextStateMachine.empty()) {
         next = std::move(m_queueNextStateMachine.front());
         m_queueNextStateMachine.pop();
@@ -100,10 +103,6 @@ class StateMachine : public CThread {
   std::queue<std::string> m_queueNextStateMachine GUARDED_BY(m_queueNextMutex);
 
  private:
-  std::string _CurrentState() EXCLUDES(m_queueNextMutex) {
-    const CLock lock(m_queueNextMutex);
-    return m_StateMachine;
-  }
   bool _IsAtRest(const char* idle) const REQUIRES(m_queueNextMutex) {
     return m_StateMachine == idle && m_queueNextStateMachine.empty();
   }

@@ -28,32 +28,24 @@ constexpr const Part* PartAt(StartOrder order, int place) {
   return nullptr;
 }
 
-/// True when each part in the order has a place of its own, and no place is left out.
-constexpr bool HasNoGap(StartOrder order) {
-  int placed = 0;
-  for (const Part& part : Parts::kAll) placed += part.*order != Parts::kNoPlace ? 1 : 0;
-  int place = 1;
-  while (PartAt(order, place) != nullptr) ++place;
-  return placed == place - 1;
-}
-
-constexpr bool IsInBothOrders(const Part& part) {
-  return part.placeWithoutRadio != Parts::kNoPlace && part.placeAfterRadio != Parts::kNoPlace;
-}
-
 /// A part that never started would hold up the upgrade until its time is over.
-constexpr bool EveryPartStarts() {
+constexpr bool EveryPartStarts(StartOrder order) {
+  int placed = 0;
   for (const Part& part : Parts::kAll) {
     const Part* const leader = Parts::Find(part.startsBehind);
-    const bool starts = IsInBothOrders(part) || (leader != nullptr && IsInBothOrders(*leader));
-    if (part.isStation && part.type != UP_RTX && !starts) return false;
+    const bool isLed = leader != nullptr && leader->*order != Parts::kNoPlace;
+    if (part.*order != Parts::kNoPlace) {
+      ++placed;
+    } else if (part.isStation && part.type != UP_RTX && !isLed) {
+      return false;
+    }
   }
-  return true;
+  while (placed > 0 && PartAt(order, placed) != nullptr) --placed;
+  return placed == 0;
 }
-
-static_assert(HasNoGap(&Part::placeWithoutRadio) && HasNoGap(&Part::placeAfterRadio),
-              "the places of a start order are numbered from 1, each once");
-static_assert(EveryPartStarts(), "a part of the station stands in both start orders or behind one that does");
+static_assert(
+    EveryPartStarts(&Part::placeWithoutRadio) && EveryPartStarts(&Part::placeAfterRadio),
+    "each part of the station has a place of its own, counted from 1, or starts behind one that has");
 
 bool IsFinal(UPGRADESTATUS status) {
   return status == UPG_UPGRAD_SUCCESS || status == UPG_UPGRAD_ERROR;
@@ -213,13 +205,10 @@ int SubmoduleRunner::Percent() const {
 void SubmoduleRunner::QueryProgress() {
   for (const auto& [type, record] : _Records()) {
     if (type == UP_RTX || _HasEnded(type)) continue;
-    if (_QueryStatus(type) < 0) {
-      LOGE("upgrade faild subType:%d", type);
-      _MarkRecord(type, UPG_UPGRAD_ERROR);
-    } else {
-      LOGI("upgrade succeed subType:%d", type);
-      _MarkRecord(type, UPG_UPGRAD_SUCCESS);
-    }
+    const bool failed = _QueryStatus(type) < 0;
+    if (failed) LOGE("upgrade faild subType:%d", type);
+    if (!failed) LOGI("upgrade succeed subType:%d", type);
+    _MarkRecord(type, failed ? UPG_UPGRAD_ERROR : UPG_UPGRAD_SUCCESS);
   }
   if (_HasEnded(UP_RTX)) return;
   const int status = _QueryStatus(UP_RTX);

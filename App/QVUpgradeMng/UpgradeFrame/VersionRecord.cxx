@@ -1,8 +1,15 @@
 /// The version file. Its keys and defaults are shared with the panel and with installed units.
 #include "UpgradeFrame/VersionRecord.h"
 
+#include <sys/types.h>
+
+#include <utility>
+
+#include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/Log/CLog.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/UpgradePaths.h"
 #include "UpgradePackage/Parts.h"
 
 namespace {
@@ -11,10 +18,21 @@ constexpr const char* kTotalKey = "totalVersion";
 constexpr const char* kSoftKey = "softVersion";
 constexpr const char* kHardKey = "hardVersion";
 constexpr const char* kSubModulesKey = "subModulesVersion";
+constexpr const char* kOtaListKey = "otaList";
+
+constexpr mode_t kVersionDirMode = 0755;
 
 /// Member `key` of `object`, or null when it is missing or `object` is no object.
 Json::Value MemberOrNull(const Json::Value& object, const char* key) {
   return object.isObject() ? object.get(key, Json::Value()) : Json::Value();
+}
+
+/// What the cloud said of the package, as its manifest has it; null for a package from elsewhere.
+Json::Value _ReadOTAPackMsg(UPGRADEACCESSTYPE source) {
+  const std::string path = std::string(UpgradePaths::kPage) + "/" + UpgradePaths::kManifestName;
+  Json::Value manifest;
+  if (source != UP_OTA || !QVUpgradeTool::readFileToJson(path.c_str(), manifest)) return {};
+  return MemberOrNull(manifest, kOtaListKey);
 }
 
 }  // namespace
@@ -46,6 +64,22 @@ bool VersionRecord::Read(const std::string& path, AllVersion& versions, Json::Va
   for (const Parts::Part& part : Parts::kAll) {
     versions.m_SubmodulesVer.*part.version = JsonUtils::StringOr(subModules, part.versionKey, kNoVersion);
   }
-  if (otaList != nullptr) *otaList = MemberOrNull(root, "otaList");
+  if (otaList != nullptr) *otaList = MemberOrNull(root, kOtaListKey);
   return readable;
+}
+
+Failure VersionRecord::_WirteNewVersion(const std::string& partition, const AllVersion& versions,
+                                        bool complete, UPGRADEACCESSTYPE source) {
+  const OTAVersion& overall = complete ? versions.m_newOverallVer : versions.m_oldOverallVer;
+  LOGI("softVersion:%s  hardVersion:%s", overall.m_softVersion.c_str(), overall.m_hardVersion.c_str());
+  Json::Value record = ToJson(overall, versions.m_SubmodulesVer);
+  Json::Value otaList = complete ? _ReadOTAPackMsg(source) : Json::Value();
+  if (otaList.isArray() && !otaList.empty()) record[kOtaListKey] = std::move(otaList);
+  const std::string path = partition + UpgradePaths::kVersionFile;
+  if (!IsMountPoint(partition) || !XCreateFullPathDir(path.substr(0, path.rfind('/')), kVersionDirMode) ||
+      !JsonUtils::WriteFileToJson(path, record, true)) {
+    return Fail(Reason::RecordWrite, "%s cannot be written", path.c_str());
+  }
+  LOGI("write version:%s", path.c_str());
+  return {};
 }
