@@ -27,6 +27,9 @@
 #include "DebugCommands.h"
 #include "SysCtrlReports.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/BatteryLevel.h"
+#include "UpgradeFrame/DeviceVersions.h"
+#include "UpgradeFrame/PackageClaim.h"
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
@@ -103,12 +106,9 @@ void signalHandler(int sig) {
 void InitSignals() {
   struct sigaction action {};
   sigemptyset(&action.sa_mask);
-  sigaddset(&action.sa_mask, SIGTERM);
-  sigaddset(&action.sa_mask, SIGINT);
-  sigaddset(&action.sa_mask, SIGPIPE);
+  for (const int sig : {SIGTERM, SIGINT, SIGPIPE}) sigaddset(&action.sa_mask, sig);
   action.sa_handler = SigProc;
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGINT, &action, nullptr);
+  for (const int sig : {SIGTERM, SIGINT}) sigaction(sig, &action, nullptr);
   action.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &action, nullptr);
   for (const int sig : {SIGABRT, SIGSEGV, SIGILL, SIGFPE}) std::signal(sig, signalHandler);
@@ -185,20 +185,28 @@ namespace {
 
 constexpr const char* kErrorRecordDirectory = "/firmware/log/";
 
+/// What several parts share. Never freed: after a crash other threads still use it.
+struct Shared {
+  DeviceVersions versions;
+  PackageClaim claim;
+  BatteryLevel battery;
+  SysCtrlReports reports{versions, battery};
+};
+
 void AppInit() {
+  static Shared& shared = *new Shared();
   // After a crash other threads still run inside the frame: it is not freed then.
-  tempFrame = std::shared_ptr<QVUpgradeFrameBase>(new QVUpgradeFrameBase(), [](QVUpgradeFrameBase* frame) {
+  tempFrame.reset(new QVUpgradeFrameBase(shared.versions, shared.claim), [](QVUpgradeFrameBase* frame) {
     if (!CThread::HasCrashed()) delete frame;
   });
   tempFrame->Init();
-  QVUpgradeAccessFrame::getAccessFrame()->Init(tempFrame.get());
-  // Never freed: after a crash other threads still report.
-  static auto* const reports = new SysCtrlReports();
-  SysCtrlIpc::instance()->SetReports(reports);
-  DebugCommands::Register();
+  QVUpgradeAccessFrame* const access = QVUpgradeAccessFrame::getAccessFrame();
+  access->Init(tempFrame.get(), shared.versions, shared.claim, shared.battery);
+  SysCtrlIpc::instance()->SetReports(&shared.reports);
+  DebugCommands::Register(shared.battery);
   UpgradeIpcMsg::GetUpgradeIpc()->Init();
   if (UpgradePp::instance()->Init(DeviceIdentity::kDeviceId)) {
-    QVUpgradeAccessFrame::getAccessFrame()->SetPpImportCallback(UpgradePp::instance()->GetImportCallback());
+    access->SetPpImportCallback(UpgradePp::instance()->GetImportCallback());
   }
   ErrorNum::instance()->Init(DeviceIdentity::kProductCode, kErrorRecordDirectory);
 }

@@ -2,48 +2,26 @@
 /// upgrades both.
 #include "SysCtrlReports.h"
 
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeFrame/VersionRecord.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 #include "UpgradePp/UpgradePp.h"
 
-namespace {
-
-UPGRADETYPE TypeOf(ISysCtrlReports::Chip chip) {
-  switch (chip) {
-    case ISysCtrlReports::Chip::Fpga:
-      return UP_FPGA;
-    case ISysCtrlReports::Chip::Rtx:
-      return UP_RTX;
-    case ISysCtrlReports::Chip::Uac:
-      return UP_UAC;
-  }
-  return UP_NO_TYPE;
-}
-
-/// The chip's field of the record.
-std::string& VersionField(AllVersion& record, ISysCtrlReports::Chip chip) {
-  return *VersionRecord::Field(record.m_SubmodulesVer, TypeOf(chip));
-}
-
-}  // namespace
-
 void SysCtrlReports::OnBattery(int level) {
-  QVUpgradeAccessFrame::getAccessFrame()->SetBattery(level);
+  m_battery.SetBattery(level);
 }
 
 void SysCtrlReports::OnClockStatus(bool inSync) {
   UpgradePp::instance()->SetClockStatus(inSync);
 }
 
-std::string SysCtrlReports::StoredVersion(Chip chip) {
-  AllVersion record = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion();
-  return VersionField(record, chip);
+std::string SysCtrlReports::StoredVersion(UPGRADETYPE chip) {
+  AllVersion record = m_versions.getAllVersion();
+  return *VersionRecord::Field(record.m_SubmodulesVer, chip);
 }
 
-void SysCtrlReports::StoreVersion(Chip chip, const std::string& version) {
-  QVUpgradeAccessFrame::getAccessFrame()->SetVersion(
-      [&](AllVersion& record) { VersionField(record, chip) = version; });
+void SysCtrlReports::StoreVersion(UPGRADETYPE chip, const std::string& version) {
+  m_versions.SetVersion(
+      [&](AllVersion& record) { *VersionRecord::Field(record.m_SubmodulesVer, chip) = version; });
 }
 
 void SysCtrlReports::ReportFault(const std::string& faultMsg) {
@@ -53,5 +31,5 @@ void SysCtrlReports::ReportFault(const std::string& faultMsg) {
 }
 
 void SysCtrlReports::SendVersionReport() {
-  QVUpgradeAccessFrame::getAccessFrame()->SendVersionUI();
+  m_versions.SendVersionUI();
 }

@@ -14,8 +14,8 @@ class Device : public ISysCtrlReports {
  public:
   void OnBattery(int /*level*/) override {}
   void OnClockStatus(bool /*inSync*/) override {}
-  std::string StoredVersion(Chip /*chip*/) override { return "V1.0.0.01"; }
-  void StoreVersion(Chip /*chip*/, const std::string& version) override {
+  std::string StoredVersion(UPGRADETYPE /*chip*/) override { return "V1.0.0.01"; }
+  void StoreVersion(UPGRADETYPE /*chip*/, const std::string& version) override {
     if (version.size() > 255) std::abort();
   }
   void ReportFault(const std::string& faultMsg) override {

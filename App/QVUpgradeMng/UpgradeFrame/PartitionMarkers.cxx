@@ -36,7 +36,8 @@ std::string PartitionMarkers::RunningPartition() const {
     return UpgradePaths::kAppA;
   }
   LOGI("No partition files found. Defaulting to A partition and writing to: %s", m_markerA.c_str());
-  _WirtePattenFile(m_markerA.c_str(), kChooseA);
+  if (const Failure failure = _WirtePattenFile(m_markerA.c_str(), kChooseA))
+    LOGE("%s", failure.Text().c_str());
   return UpgradePaths::kAppA;
 }
 
@@ -52,31 +53,32 @@ std::string PartitionMarkers::RunningPartition() const {
 /// At every instant there is one choice, the old partition or the new one, and both are whole: the new one
 /// was finished and synced before the first step. A step that fails ends the switch in one of the same
 /// states, B to A with B's marker put back.
-bool PartitionMarkers::SwitchFrom(const std::string& currentPart) const {
+Failure PartitionMarkers::SwitchFrom(const std::string& currentPart) const {
   if (currentPart == UpgradePaths::kAppA) {
-    return _DeleteMarker(m_markerA) && _WirtePattenFile(m_markerB.c_str(), kChooseB);
+    if (Failure failure = _DeleteMarker(m_markerA)) return failure;
+    return _WirtePattenFile(m_markerB.c_str(), kChooseB);
   }
-  if (!_DeleteMarker(m_markerB)) return false;
+  if (Failure failure = _DeleteMarker(m_markerB)) return failure;
   const bool toAFromB = currentPart == UpgradePaths::kAppB;
-  if ((toAFromB || _DeleteMarker(m_markerA)) && _WirtePattenFile(m_markerA.c_str(), kChooseA)) return true;
+  Failure failure = toAFromB ? Failure() : _DeleteMarker(m_markerA);
+  if (!failure) failure = _WirtePattenFile(m_markerA.c_str(), kChooseA);
+  if (!failure || !toAFromB) return failure;
   // Without any marker A would be booted although the switch has failed.
-  if (toAFromB) _WirtePattenFile(m_markerB.c_str(), kChooseB);
-  return false;
+  if (const Failure lost = _WirtePattenFile(m_markerB.c_str(), kChooseB)) LOGE("%s", lost.Text().c_str());
+  return failure;
 }
 
 /// Replaces the content of `path` by `text` so that it survives a power cut.
-bool PartitionMarkers::_WirtePattenFile(const char* path, const char* text) {
+Failure PartitionMarkers::_WirtePattenFile(const char* path, const char* text) {
   if (path == nullptr || text == nullptr) {
     LOGE("part or upgrade flasg null");
-    return false;
+    return Fail(Reason::MarkerWrite, "no path or no text");
   }
-  if (WriteFileAtomic(path, text)) return true;
-  LOGE("%s cannot be written: %s", path, std::strerror(errno));
-  return false;
+  if (WriteFileAtomic(path, text)) return {};
+  return Fail(Reason::MarkerWrite, "%s cannot be written: %s", path, std::strerror(errno));
 }
 
-bool PartitionMarkers::_DeleteMarker(const std::string& path) {
-  if (XDeleteFile(path) && SyncParentDirectory(path)) return true;
-  LOGE("%s cannot be deleted: %s", path.c_str(), std::strerror(errno));
-  return false;
+Failure PartitionMarkers::_DeleteMarker(const std::string& path) {
+  if (XDeleteFile(path) && SyncParentDirectory(path)) return {};
+  return Fail(Reason::MarkerWrite, "%s cannot be deleted: %s", path.c_str(), std::strerror(errno));
 }

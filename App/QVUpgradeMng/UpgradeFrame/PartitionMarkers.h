@@ -8,6 +8,8 @@
 
 #include <string>
 
+#include "UpgradePackage/Reasons.h"
+
 /// Frame's constructor and frame thread only.
 class PartitionMarkers {
  public:
@@ -20,13 +22,12 @@ class PartitionMarkers {
   std::string RunningPartition() const;
 
   /// Makes the other partition than `currentPart` the next boot's and leaves its marker alone; for an unknown
-  /// `currentPart` that is A. False, logged, when a file system call failed: the choice is then the old or
-  /// the new one.
-  bool SwitchFrom(const std::string& currentPart) const;
+  /// `currentPart` that is A. When a file system call fails the choice is the old or the new one.
+  Failure SwitchFrom(const std::string& currentPart) const;
 
  private:
-  static bool _WirtePattenFile(const char* path, const char* text);
-  static bool _DeleteMarker(const std::string& path);
+  static Failure _WirtePattenFile(const char* path, const char* text);
+  static Failure _DeleteMarker(const std::string& path);
 
   const std::string m_markerA;
   const std::string m_markerB;

@@ -3,26 +3,28 @@
 /// the partition marker and reboots. Created and initialised by main; the access frame starts it.
 #pragma once
 
-#include <json/json.h>
-
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
 #include "BSW/MultiTask/CTaskQue.h"
+#include "UpgradeFrame/DeviceVersions.h"
 #include "UpgradeFrame/IQVUpgrade.h"
-#include "UpgradeFrame/IUpgradeAccess.h"
 #include "UpgradeFrame/McuSubmodules/McuStartup.h"
+#include "UpgradeFrame/PackageClaim.h"
 #include "UpgradeFrame/PartitionMarkers.h"
 #include "UpgradeFrame/StateMachine.h"
 #include "UpgradeFrame/SubmoduleRunner.h"
 #include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradePackage/Reasons.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
  public:
-  /// Removes what an interrupted run left in the page root and reads the partition markers.
-  QVUpgradeFrameBase();
+  /// Removes what an interrupted run left in the page root and reads the partition markers. Both objects
+  /// outlive the frame. Until `versions` is loaded the idle broadcast waits and no package is taken.
+  QVUpgradeFrameBase(DeviceVersions& versions, PackageClaim& claim);
   ~QVUpgradeFrameBase() override;
 
   /// Starts the frame thread.
@@ -33,11 +35,7 @@ class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
   /// that run.
   bool CleanUp();
 
-  /// The access side; until it is set the idle broadcast waits. Called once, from main, before the first
-  /// start.
-  void setAccess(IUpgradeAccess* access) { m_pAccess = access; }
-
-  /// Takes a prepared package: accepted only in "Idle" with nothing queued, and once the access side is set;
+  /// Takes a prepared package: accepted only in "Idle" with nothing queued, and once the versions are loaded;
   /// else false and nothing changes. Any thread.
   bool startUpgrade(int accessType, AllVersion newVersion);
   /// The source of the package that is being prepared. Any thread.
@@ -46,15 +44,15 @@ class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
   std::string getCurrentPatten() const { return m_currentPart; }
   /// Reads the running partition's version record into the frame's, while no upgrade runs. False when one
   /// runs or the file cannot be read; then the frame's record stays as it was. Then asks the MCU for its
-  /// version, which goes into both the frame's record and the access side's, and continues an upgrade of it
+  /// version, which goes into both the frame's record and the device's, and continues an upgrade of it
   /// that was interrupted; RequestStop ends that. Once, on a thread that may wait.
   bool LoadVersion();
 
   /// The callback given to every upgrader; `ctx` is the frame. Runs on the upgrader's thread. Always 0.
   static int UpgradePrecentCallback(int progress, UPGRADETYPE type, void* ctx);
 
-  /// Registers an upgrader under a name, not owned; no upgrade uses it. False when the name is taken. Any
-  /// thread.
+  /// Registers an upgrader under a name, not owned; no upgrade uses it, and nobody calls it yet. False when
+  /// the name is taken. Any thread.
   bool registerSubModule(const std::string& name, const IQVUpgrade& upgrader);
 
  protected:
@@ -72,32 +70,28 @@ class QVUpgradeFrameBase : public StateMachine<QVUpgradeFrameBase> {
   void _ReadPartitionFile();
   void _LoadMcuVersion();
   void _BroadcastVersion();
-  void _AddManifestEntry(const Json::Value& entry, const UpgradeTypeNames& names,
-                         QVUpgradeVersionInfo& installed);
-  void _WarnOfSkippedSocParts() const;
   static void _StopQuorvalen();
   std::string _JudgePass();
-  bool _WirteNewVersion();
-  Json::Value _ReadOTAPackMsg() const;
-  void _SaveUpgradePack() const;
-  static bool _UpgradeUboot();
+  Failure _RecordVersions(bool succeeded);
   static void _SendPanel(int status, int percent, const std::string& version);
 
   static const Table m_MapStateMachineFunc;
 
+  DeviceVersions& m_versions;
+  PackageClaim& m_claim;
   SubmoduleRunner m_submodules;
   McuStartup m_mcuStartup;
   const PartitionMarkers m_markers;
   std::string m_currentPart;  ///< the running partition's root; like m_nextPart fixed at construction
   std::string m_nextPart;     ///< the other one's, the target of the upgrade
 
-  std::atomic<IUpgradeAccess*> m_pAccess{nullptr};
   std::atomic<UPGRADEACCESSTYPE> m_upgradeType{UP_NO_ACCESSTYPE};
   AllVersion m_frameVersion;  ///< written in "Idle" under m_queueNextMutex, else the frame thread's alone
   int m_upgradeTime = 0;      ///< passes spent in "Upgrading"; frame thread
+  Failure m_failure;          ///< why the upgrade fails; frame thread
 
-  std::mutex m_registryMutex;  ///< guards m_pUpgradeModels
-  std::unordered_map<std::string, const IQVUpgrade*> m_pUpgradeModels;
+  CMutex m_registryMutex;
+  std::unordered_map<std::string, const IQVUpgrade*> m_pUpgradeModels GUARDED_BY(m_registryMutex);
 
   int m_sendUIVersionNum = 0;  ///< version broadcasts so far; used by m_versionBroadcast's thread alone
   CTaskQue m_versionBroadcast;

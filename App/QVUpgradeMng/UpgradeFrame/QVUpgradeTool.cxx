@@ -2,16 +2,14 @@
 /// work itself is done by the platform's shell runner and file helpers.
 #include "UpgradeFrame/QVUpgradeTool.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
+#include <filesystem>
 #include <regex>
+#include <system_error>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
@@ -26,21 +24,17 @@ namespace {
 /// The first regular file of `dir` whose name contains `part` and for which `accept` holds; empty when none.
 template <class Accept>
 std::string FindFile(const char* dir, const char* part, Accept accept) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(dir), closedir);
-  if (!directory) {
+  std::error_code error;
+  if (!std::filesystem::is_directory(dir, error)) {
     LOGE("Failed to open directory");
     return {};
   }
-  while (const dirent* entry = readdir(directory.get())) {
-    std::string name = entry->d_name;
-    if (name == "." || name == ".." || name.find(part) == std::string::npos) continue;
-    struct stat status {};
+  for (const std::string& name : NamesIn(dir)) {
+    if (name.find(part) == std::string::npos) continue;
     // A link is no package: it would lead out of the directory.
-    if (fstatat(dirfd(directory.get()), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-      LOGE("Failed to get file status");
-      continue;
-    }
-    if (!S_ISREG(status.st_mode) || !accept(name)) continue;
+    const auto status = std::filesystem::symlink_status(std::filesystem::path(dir) / name, error);
+    if (error) LOGE("Failed to get file status");
+    if (!std::filesystem::is_regular_file(status) || !accept(name)) continue;
     std::printf("%s/%s\n", dir, name.c_str());
     LOGI("%s/%s\n", dir, name.c_str());
     return name;

@@ -37,7 +37,7 @@ class QVUpgradeTool {
   /// The first four dot-separated decimal numbers of `fileName`.
   static bool ParseVerNum(const std::string& fileName, std::string& version);
 
-  /// The name up to its last ".".
+  /// The name up to its last "."; no caller yet.
   static std::string RemoveExtension(const std::string& name);
 
   /// The file's MD5 as 32 lower-case hex digits; empty when it cannot be read or the calling thread is

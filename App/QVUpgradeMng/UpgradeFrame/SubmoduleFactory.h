@@ -1,4 +1,5 @@
-/// Creates the upgrader of a part. Used by the frame alone; a new kind of part is added here.
+/// Which class upgrades which part: the one file that names them all. The frame has its upgraders made here;
+/// a new part of the station gets its case.
 #pragma once
 
 #include <memory>
@@ -7,6 +8,9 @@
 
 class SubmoduleFactory {
  public:
-  /// A new upgrader, or an empty pointer for a type that has none.
+  /// A new upgrader; an empty pointer for the radio modules, which have a creator of their own, and for what
+  /// is no part of the station.
   static std::shared_ptr<IQVUpgrade> Create(UPGRADETYPE type);
+  /// A new upgrader of both radio modules, which the frame holds apart from the others.
+  static std::shared_ptr<IQVUpgrade> CreateRtx();
 };

@@ -1,5 +1,5 @@
-/// Upgraders and their reports, as the frame sees them. The start orders and the arithmetic are fixed; a part
-/// that is to wait for another one is chained in ProgressSum.
+/// Upgraders and their reports, as the frame sees them. In which order parts start, and what waits for what,
+/// is told by their rows; the radio modules alone are held apart, since they start before all.
 #include "UpgradeFrame/SubmoduleRunner.h"
 
 #include <algorithm>
@@ -7,16 +7,45 @@
 
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/VersionRecord.h"
+#include "UpgradePackage/Parts.h"
 
 namespace {
+
+using Parts::Part;
 
 constexpr int kPointsPerPart = 100;
 constexpr int kQuerySeconds = 100;
 constexpr int kRtxQuerySuccess = 100;
 
-/// The orders in which the parts start. The FPGA starts behind the USB audio chip, or in its place.
-constexpr UPGRADETYPE kOrderWithoutRtx[] = {UP_UAC, UP_APP, UP_SYSTEM, UP_ROOTFS, UP_MCU};
-constexpr UPGRADETYPE kOrderAfterRtx[] = {UP_UAC, UP_MCU, UP_APP, UP_SYSTEM, UP_ROOTFS};
+/// One of the two start orders, as the rows of the parts tell it.
+using StartOrder = int Part::*;
+
+/// The part at a place of a start order, from 1; null behind the last.
+constexpr const Part* PartAt(StartOrder order, int place) {
+  for (const Part& part : Parts::kAll) {
+    if (part.*order == place) return &part;
+  }
+  return nullptr;
+}
+
+/// A part that never started would hold up the upgrade until its time is over.
+constexpr bool EveryPartStarts(StartOrder order) {
+  int placed = 0;
+  for (const Part& part : Parts::kAll) {
+    const Part* const leader = Parts::Find(part.startsBehind);
+    const bool isLed = leader != nullptr && leader->*order != Parts::kNoPlace;
+    if (part.*order != Parts::kNoPlace) {
+      ++placed;
+    } else if (part.isStation && part.type != UP_RTX && !isLed) {
+      return false;
+    }
+  }
+  while (placed > 0 && PartAt(order, placed) != nullptr) --placed;
+  return placed == 0;
+}
+static_assert(
+    EveryPartStarts(&Part::placeWithoutRadio) && EveryPartStarts(&Part::placeAfterRadio),
+    "each part of the station has a place of its own, counted from 1, or starts behind one that has");
 
 bool IsFinal(UPGRADESTATUS status) {
   return status == UPG_UPGRAD_SUCCESS || status == UPG_UPGRAD_ERROR;
@@ -28,17 +57,12 @@ SubmoduleRunner::SubmoduleRunner(Factory factory, UPGRADE_UPLOADPROCESS_CALLBACK
     : m_factory(std::move(factory)), m_callback(callback), m_ctx(ctx) {}
 
 bool SubmoduleRunner::AddRecord(const QVUpgradingInfo& record) {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   return m_upgradingInfo.emplace(record.m_modeulesType, record).second;
 }
 
-bool SubmoduleRunner::HasRecord(UPGRADETYPE type) const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
-  return m_upgradingInfo.count(type) != 0;
-}
-
 void SubmoduleRunner::BeginProgress() {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   m_upgradeProgressAll = kPointsPerPart * static_cast<int>(m_upgradingInfo.size());
 }
 
@@ -46,84 +70,84 @@ void SubmoduleRunner::BeginProgress() {
 /// other parts, on another thread perhaps.
 void SubmoduleRunner::Start() {
   const std::map<UPGRADETYPE, QVUpgradingInfo> records = _Records();
-  std::vector<UPGRADETYPE> failed;
+  std::vector<std::pair<UPGRADETYPE, Failure>> failed;
   for (const auto& [type, record] : records) {
     if (m_bStopped) return;
-    if (type != UP_RTX && !_Prepare(record)) failed.push_back(type);
+    if (type == UP_RTX) continue;
+    if (Failure failure = _Prepare(record)) failed.emplace_back(type, std::move(failure));
   }
-  for (const UPGRADETYPE type : failed) ProgressSum(kReportFailure, type);
+  for (const auto& [type, failure] : failed) _TakeReport(kReportFailure, type, failure);
 
   const auto rtx = records.find(UP_RTX);
   if (rtx == records.end()) {
-    for (const UPGRADETYPE type : kOrderWithoutRtx) _RunOneSub(type);
-  } else if (!_StartRtx(rtx->second)) {
-    ProgressSum(kReportFailure, UP_RTX);
+    for (int place = 1; const Part* part = PartAt(&Part::placeWithoutRadio, place); ++place)
+      _RunOneSub(part->type);
+  } else if (const Failure failure = _Prepare(rtx->second)) {
+    _TakeReport(kReportFailure, UP_RTX, failure);
+  } else {
+    _RunOneSub(UP_RTX);
   }
 }
 
-bool SubmoduleRunner::_Prepare(const QVUpgradingInfo& record) {
-  const std::shared_ptr<IQVUpgrade> upgrader = _RegisterSubmodules(record.m_modeulesType);
-  if (!upgrader) return false;
-  upgrader->setUpgradeInfo(record);
-  return _InitUpgrader(*upgrader, record.m_modeulesType);
-}
-
-bool SubmoduleRunner::_StartRtx(const QVUpgradingInfo& record) {
-  const std::shared_ptr<IQVUpgrade> rtx = _RegisterSubmodules(UP_RTX);
-  if (!rtx || !_InitUpgrader(*rtx, UP_RTX)) return false;
-  rtx->setUpgradeInfo(record);
-  if (m_bStopped || rtx->StartUpgrade()) return true;
-  LOGE("upgrade cannot be started type:%d", UP_RTX);
-  return false;
-}
-
-/// The type's upgrader: the one there is, else a new one. Null, logged, for a part that has none.
-std::shared_ptr<IQVUpgrade> SubmoduleRunner::_RegisterSubmodules(UPGRADETYPE type) {
-  if (std::shared_ptr<IQVUpgrade> existing = _FindUpgrader(type)) return existing;
-  std::shared_ptr<IQVUpgrade> created = m_factory(type);
-  if (!created) {
-    LOGE("no upgrader for type:%d", type);
-    return nullptr;
-  }
-  const std::lock_guard<std::mutex> lock(m_upgraderMutex);
-  (type == UP_RTX ? m_pIQVUpgradeRtx : m_pIQVUpgradeMap[type]) = created;
-  return created;
-}
-
-bool SubmoduleRunner::_InitUpgrader(IQVUpgrade& upgrader, UPGRADETYPE type) {
-  const bool ready = upgrader.Init() && upgrader.RegisterUploadPrecentCallback(m_callback, m_ctx);
+Failure SubmoduleRunner::_Prepare(const QVUpgradingInfo& record) {
+  const UPGRADETYPE type = record.m_modeulesType;
+  const std::shared_ptr<IQVUpgrade> upgrader = _RegisterSubmodules(type);
+  if (!upgrader) return Fail(Reason::PartNoUpgrader, "no upgrader for type:%d", type);
+  // The radio modules' upgrader gets its record when it is ready, any other one before.
+  if (type != UP_RTX) upgrader->setUpgradeInfo(record);
+  const bool ready = upgrader->Init() && upgrader->RegisterUploadPrecentCallback(m_callback, m_ctx);
   // A stop may have asked this upgrader before its thread ran.
-  if (m_bStopped) upgrader.RequestStop();
-  if (ready) return true;
-  LOGE("upgrader cannot be initialised type:%d", type);
-  _Release(type);
-  return false;
+  if (m_bStopped) upgrader->RequestStop();
+  if (!ready) {
+    _Release(type);
+    return Fail(Reason::PartInit, "upgrader cannot be initialised type:%d", type);
+  }
+  if (type == UP_RTX) upgrader->setUpgradeInfo(record);
+  return {};
 }
 
-void SubmoduleRunner::_RunOneSub(UPGRADETYPE type) {
+/// The type's upgrader: the one there is, else a new one. Null for a part that has none.
+std::shared_ptr<IQVUpgrade> SubmoduleRunner::_RegisterSubmodules(UPGRADETYPE type) {
   std::shared_ptr<IQVUpgrade> upgrader = _FindUpgrader(type);
-  if (!upgrader && type == UP_UAC) {
-    type = UP_FPGA;
-    upgrader = _FindUpgrader(type);
+  if (upgrader) return upgrader;
+  upgrader = m_factory(type);
+  const CLock lock(m_upgraderMutex);
+  return _Slot(type) = upgrader;
+}
+
+/// A part that has ended is left alone: started again, it would still be writing when the unit reboots.
+void SubmoduleRunner::_RunOneSub(UPGRADETYPE type) {
+  const std::shared_ptr<IQVUpgrade> upgrader = _FindUpgrader(type);
+  if (!upgrader) {
+    _RunBehind(type);
+  } else if (!m_bStopped && !_HasEnded(type) && !upgrader->StartUpgrade()) {
+    _TakeReport(kReportFailure, type, Fail(Reason::PartStart, "upgrade cannot be started type:%d", type));
   }
-  // A part that has ended is left alone: started again, it would still be writing when the unit reboots.
-  if (!upgrader || m_bStopped || _HasEnded(type)) return;
-  if (upgrader->StartUpgrade()) return;
-  LOGE("upgrade cannot be started type:%d", type);
-  ProgressSum(kReportFailure, type);
+}
+
+void SubmoduleRunner::_RunBehind(UPGRADETYPE type) {
+  for (const Part& part : Parts::kAll) {
+    if (part.startsBehind == type && type != Parts::kBehindNothing) _RunOneSub(part.type);
+  }
 }
 
 void SubmoduleRunner::ProgressSum(int progress, UPGRADETYPE type) {
-  _AddReport(progress, type);
-  if (type == UP_RTX && (progress == kReportSuccess || progress == kReportFailure)) {
-    for (const UPGRADETYPE next : kOrderAfterRtx) _RunOneSub(next);
-  }
-  // Before the radio modules have ended nothing else starts, not even in place of a UAC that cannot run.
-  if (type == UP_UAC && _HasEndedOrIsAbsent(UP_RTX)) _RunOneSub(UP_FPGA);
+  const std::shared_ptr<IQVUpgrade> failed = progress < 0 ? _FindUpgrader(type) : nullptr;
+  _TakeReport(progress, type, failed ? failed->GetFailure() : Failure());
 }
 
-void SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type) {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+void SubmoduleRunner::_TakeReport(int progress, UPGRADETYPE type, const Failure& failure) {
+  _AddReport(progress, type, failure);
+  if (type == UP_RTX && (progress == kReportSuccess || progress == kReportFailure)) {
+    for (int place = 1; const Part* part = PartAt(&Part::placeAfterRadio, place); ++place)
+      _RunOneSub(part->type);
+  }
+  // Before the radio modules have ended nothing else starts, not even in place of a part that cannot run.
+  if (_HasEnded(UP_RTX)) _RunBehind(type);
+}
+
+void SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type, const Failure& failure) {
+  const CLock lock(m_upgradeinfoMutex);
   if (progress < 1 || progress == kReportSuccess) LOGI("_ProgressSum upgradeType:%d", type);
   const auto found = m_upgradingInfo.find(type);
   if (found == m_upgradingInfo.end() || IsFinal(found->second.m_upgradeStatus)) {
@@ -136,6 +160,7 @@ void SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type) {
     LOGE("upgrade error type:%d", type);
     record.m_upgradeStatus = UPG_UPGRAD_ERROR;
     ++m_subModuelsFinish;
+    _NoteFailure(type, failure);
   } else if (progress == kReportSuccess) {
     LOGI("upgrade succed type:%d", type);
     record.m_upgradeStatus = UPG_UPGRAD_SUCCESS;
@@ -146,8 +171,16 @@ void SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type) {
   }
 }
 
+/// Tells why a part failed; the upgrade fails for the part that failed first.
+void SubmoduleRunner::_NoteFailure(UPGRADETYPE type, Failure failure) {
+  if (!failure) return;
+  failure.part = type;
+  LOGE("%s", failure.Text().c_str());
+  if (!m_firstFailure) m_firstFailure = std::move(failure);
+}
+
 void SubmoduleRunner::LogProgress(int useTime) const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   for (const auto& [type, record] : m_upgradingInfo) {
     LOGI("upgrade Type:%d upgrade status:%d", type, record.m_upgradeStatus);
   }
@@ -158,12 +191,12 @@ void SubmoduleRunner::LogProgress(int useTime) const {
 }
 
 bool SubmoduleRunner::AllFinished() const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   return m_subModuelsFinish >= m_upgradeProgressAll / kPointsPerPart;
 }
 
 int SubmoduleRunner::Percent() const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   const int parts = m_upgradeProgressAll / kPointsPerPart;
   return parts == 0 ? 0 : m_upgradeProgress / parts;
 }
@@ -172,15 +205,12 @@ int SubmoduleRunner::Percent() const {
 void SubmoduleRunner::QueryProgress() {
   for (const auto& [type, record] : _Records()) {
     if (type == UP_RTX || _HasEnded(type)) continue;
-    if (_QueryStatus(type) < 0) {
-      LOGE("upgrade faild subType:%d", type);
-      _MarkRecord(type, UPG_UPGRAD_ERROR);
-    } else {
-      LOGI("upgrade succeed subType:%d", type);
-      _MarkRecord(type, UPG_UPGRAD_SUCCESS);
-    }
+    const bool failed = _QueryStatus(type) < 0;
+    if (failed) LOGE("upgrade faild subType:%d", type);
+    if (!failed) LOGI("upgrade succeed subType:%d", type);
+    _MarkRecord(type, failed ? UPG_UPGRAD_ERROR : UPG_UPGRAD_SUCCESS);
   }
-  if (!HasRecord(UP_RTX) || _HasEnded(UP_RTX)) return;
+  if (_HasEnded(UP_RTX)) return;
   const int status = _QueryStatus(UP_RTX);
   if (status < 0) {
     LOGE("UP_SYSTEM  upgrade error");
@@ -201,13 +231,15 @@ int SubmoduleRunner::_QueryStatus(UPGRADETYPE type) {
 }
 
 void SubmoduleRunner::_MarkRecord(UPGRADETYPE type, UPGRADESTATUS status) {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   QVUpgradingInfo& record = m_upgradingInfo.at(type);
-  if (!IsFinal(record.m_upgradeStatus)) record.m_upgradeStatus = status;
+  if (IsFinal(record.m_upgradeStatus)) return;
+  record.m_upgradeStatus = status;
+  if (status == UPG_UPGRAD_ERROR) _NoteFailure(type, Fail(Reason::PartTimeout, "not done in its time"));
 }
 
 bool SubmoduleRunner::CheckModeUpgrade() const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   for (const auto& [type, record] : m_upgradingInfo) {
     if (record.m_upgradeStatus != UPG_UPGRAD_SUCCESS) {
       LOGE("upgrade Status error mode:%d", type);
@@ -217,8 +249,13 @@ bool SubmoduleRunner::CheckModeUpgrade() const {
   return true;
 }
 
+Failure SubmoduleRunner::FirstFailure() const {
+  const CLock lock(m_upgradeinfoMutex);
+  return m_firstFailure;
+}
+
 bool SubmoduleRunner::CollectVersions(QVUpgradeVersionInfo& versions) const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   bool complete = true;
   for (const auto& [type, record] : m_upgradingInfo) {
     if (record.m_upgradeStatus != UPG_UPGRAD_SUCCESS) {
@@ -239,8 +276,8 @@ void SubmoduleRunner::RequestStop() {
 }
 
 void SubmoduleRunner::CleanUpQVupgrade() {
-  for (const auto& [type, record] : _Records()) {
-    if (type != UP_RTX && type != UP_UAC) _Release(type);
+  for (const Part& part : Parts::kAll) {
+    if (part.type != UP_RTX && part.type != UP_UAC) _Release(part.type);
   }
   LOGD("%s Clean done.", "CleanUpQVupgrade");
 }
@@ -248,51 +285,46 @@ void SubmoduleRunner::CleanUpQVupgrade() {
 bool SubmoduleRunner::CleanUp() {
   RequestStop();
   bool clean = true;
-  for (const auto& [type, record] : _Records()) clean = _Release(type) && clean;
+  for (const Part& part : Parts::kAll) clean = _Release(part.type) && clean;
   return clean;
 }
 
+/// True for a part that has ended, and for one that the package does not have.
 bool SubmoduleRunner::_HasEnded(UPGRADETYPE type) const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   const auto record = m_upgradingInfo.find(type);
-  return record != m_upgradingInfo.end() && IsFinal(record->second.m_upgradeStatus);
-}
-
-bool SubmoduleRunner::_HasEndedOrIsAbsent(UPGRADETYPE type) const {
-  return !HasRecord(type) || _HasEnded(type);
+  return record == m_upgradingInfo.end() || IsFinal(record->second.m_upgradeStatus);
 }
 
 std::map<UPGRADETYPE, QVUpgradingInfo> SubmoduleRunner::_Records() const {
-  const std::lock_guard<std::mutex> lock(m_upgradeinfoMutex);
+  const CLock lock(m_upgradeinfoMutex);
   return m_upgradingInfo;
 }
 
-std::shared_ptr<IQVUpgrade> SubmoduleRunner::_FindUpgrader(UPGRADETYPE type) const {
-  const std::lock_guard<std::mutex> lock(m_upgraderMutex);
-  if (type == UP_RTX) return m_pIQVUpgradeRtx;
-  const auto found = m_pIQVUpgradeMap.find(type);
-  return found == m_pIQVUpgradeMap.end() ? nullptr : found->second;
+std::shared_ptr<IQVUpgrade>& SubmoduleRunner::_Slot(UPGRADETYPE type) {
+  return type == UP_RTX ? m_pIQVUpgradeRtx : m_pIQVUpgradeMap[type];
 }
 
-std::vector<std::shared_ptr<IQVUpgrade>> SubmoduleRunner::_AllUpgraders() const {
-  const std::lock_guard<std::mutex> lock(m_upgraderMutex);
+std::shared_ptr<IQVUpgrade> SubmoduleRunner::_FindUpgrader(UPGRADETYPE type) {
+  const CLock lock(m_upgraderMutex);
+  return _Slot(type);
+}
+
+std::vector<std::shared_ptr<IQVUpgrade>> SubmoduleRunner::_AllUpgraders() {
+  const CLock lock(m_upgraderMutex);
   std::vector<std::shared_ptr<IQVUpgrade>> all;
-  if (m_pIQVUpgradeRtx) all.push_back(m_pIQVUpgradeRtx);
-  for (const auto& [type, upgrader] : m_pIQVUpgradeMap) all.push_back(upgrader);
+  for (const Part& part : Parts::kAll) {
+    if (const std::shared_ptr<IQVUpgrade>& upgrader = _Slot(part.type)) all.push_back(upgrader);
+  }
   return all;
 }
 
 /// Stops the type's upgrader and forgets it. True also when there is none.
 bool SubmoduleRunner::_Release(UPGRADETYPE type) {
-  const std::shared_ptr<IQVUpgrade> upgrader = _FindUpgrader(type);
-  if (!upgrader) return true;
+  std::shared_ptr<IQVUpgrade> upgrader;
   {
-    const std::lock_guard<std::mutex> lock(m_upgraderMutex);
-    if (type == UP_RTX) {
-      m_pIQVUpgradeRtx.reset();
-    } else {
-      m_pIQVUpgradeMap.erase(type);
-    }
+    const CLock lock(m_upgraderMutex);
+    upgrader.swap(_Slot(type));
   }
-  return upgrader->CleanUp();
+  return !upgrader || upgrader->CleanUp();
 }

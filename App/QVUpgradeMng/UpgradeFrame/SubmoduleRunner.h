@@ -7,11 +7,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 #include <vector>
 
 #include "UpgradeFrame/IQVUpgrade.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// Any thread may call any member, unless said otherwise. No lock is held while an upgrader is called.
 class SubmoduleRunner {
@@ -28,7 +29,6 @@ class SubmoduleRunner {
 
   /// Adds a part to upgrade, before Start. False when there is one of its type already.
   bool AddRecord(const QVUpgradingInfo& record);
-  bool HasRecord(UPGRADETYPE type) const;
 
   /// Counts the parts; the percentage is of them from now on. Frame thread, once, before Start.
   void BeginProgress();
@@ -37,8 +37,9 @@ class SubmoduleRunner {
   /// thread, once.
   void Start();
 
-  /// Takes a report: a part's increment of 1 to 99, its success, or its failure (any negative value). Reports
-  /// of a part that has ended are ignored. Then starts what waits for this part.
+  /// Takes a report: a part's increment of 1 to 99, its success, or its failure (any negative value), whose
+  /// reason is asked of the upgrader and logged. Reports of a part that has ended are ignored. Then starts
+  /// what waits for this part.
   void ProgressSum(int progress, UPGRADETYPE type);
 
   /// Logs every part and the sums; `useTime` is the number of passes so far.
@@ -51,6 +52,8 @@ class SubmoduleRunner {
   void QueryProgress();
   /// True when every part succeeded; also when there is none.
   bool CheckModeUpgrade() const;
+  /// Why the part failed that failed first.
+  Failure FirstFailure() const;
   /// Enters the version of every part that succeeded into `versions`. False when one did not.
   bool CollectVersions(QVUpgradeVersionInfo& versions) const;
 
@@ -62,20 +65,23 @@ class SubmoduleRunner {
   bool CleanUp();
 
  private:
-  bool _Prepare(const QVUpgradingInfo& record);
-  bool _StartRtx(const QVUpgradingInfo& record);
+  Failure _Prepare(const QVUpgradingInfo& record);
   std::shared_ptr<IQVUpgrade> _RegisterSubmodules(UPGRADETYPE type);
-  bool _InitUpgrader(IQVUpgrade& upgrader, UPGRADETYPE type);
+  /// Starts a part; what starts behind it starts in its place when it has no upgrader.
   void _RunOneSub(UPGRADETYPE type);
-  void _AddReport(int progress, UPGRADETYPE type);
+  void _RunBehind(UPGRADETYPE type);
+  void _TakeReport(int progress, UPGRADETYPE type, const Failure& failure);
+  void _AddReport(int progress, UPGRADETYPE type, const Failure& failure);
+  void _NoteFailure(UPGRADETYPE type, Failure failure) REQUIRES(m_upgradeinfoMutex);
   int _QueryStatus(UPGRADETYPE type);
   void _MarkRecord(UPGRADETYPE type, UPGRADESTATUS status);
   bool _HasEnded(UPGRADETYPE type) const;
-  bool _HasEndedOrIsAbsent(UPGRADETYPE type) const;
   std::map<UPGRADETYPE, QVUpgradingInfo> _Records() const;
 
-  std::shared_ptr<IQVUpgrade> _FindUpgrader(UPGRADETYPE type) const;
-  std::vector<std::shared_ptr<IQVUpgrade>> _AllUpgraders() const;
+  /// Where the type's upgrader is kept; an empty pointer when there is none.
+  std::shared_ptr<IQVUpgrade>& _Slot(UPGRADETYPE type) REQUIRES(m_upgraderMutex);
+  std::shared_ptr<IQVUpgrade> _FindUpgrader(UPGRADETYPE type);
+  std::vector<std::shared_ptr<IQVUpgrade>> _AllUpgraders();
   bool _Release(UPGRADETYPE type);
 
   const Factory m_factory;
@@ -83,13 +89,15 @@ class SubmoduleRunner {
   void* const m_ctx;
   std::atomic<bool> m_bStopped{false};
 
-  mutable std::mutex m_upgraderMutex;  ///< guards the two below, never the upgraders they point to
-  std::shared_ptr<IQVUpgrade> m_pIQVUpgradeRtx;
-  std::unordered_map<UPGRADETYPE, std::shared_ptr<IQVUpgrade>> m_pIQVUpgradeMap;  ///< all the others
+  CMutex m_upgraderMutex;  ///< never held while an upgrader is called
+  std::shared_ptr<IQVUpgrade> m_pIQVUpgradeRtx GUARDED_BY(m_upgraderMutex);
+  std::unordered_map<UPGRADETYPE, std::shared_ptr<IQVUpgrade>> m_pIQVUpgradeMap
+      GUARDED_BY(m_upgraderMutex);  ///< all the others
 
-  mutable std::mutex m_upgradeinfoMutex;  ///< guards the four below
-  std::map<UPGRADETYPE, QVUpgradingInfo> m_upgradingInfo;
-  int m_upgradeProgress = 0;     ///< sum of all points reported
-  int m_upgradeProgressAll = 0;  ///< 100 for each part
-  int m_subModuelsFinish = 0;    ///< parts that have ended
+  mutable CMutex m_upgradeinfoMutex;
+  std::map<UPGRADETYPE, QVUpgradingInfo> m_upgradingInfo GUARDED_BY(m_upgradeinfoMutex);
+  int m_upgradeProgress GUARDED_BY(m_upgradeinfoMutex) = 0;     ///< sum of all points reported
+  int m_upgradeProgressAll GUARDED_BY(m_upgradeinfoMutex) = 0;  ///< 100 for each part
+  int m_subModuelsFinish GUARDED_BY(m_upgradeinfoMutex) = 0;    ///< parts that have ended
+  Failure m_firstFailure GUARDED_BY(m_upgradeinfoMutex);
 };

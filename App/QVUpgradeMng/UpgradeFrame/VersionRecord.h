@@ -1,6 +1,5 @@
-/// The installed-version file "quorvalen/version.json" and the version report to the panel: one table of the
-/// ten version fields, used by the frame, which writes the next partition's file, and by the access frame,
-/// which owns the running partition's. Stateless; any thread.
+/// The installed-version file "quorvalen/version.json" and the version report to the panel: the frame writes
+/// the next partition's file, DeviceVersions the running partition's. Stateless; any thread.
 #pragma once
 
 #include <json/json.h>
@@ -8,6 +7,7 @@
 #include <string>
 
 #include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradePackage/Reasons.h"
 
 namespace VersionRecord {
 
@@ -24,5 +24,11 @@ Json::Value ToJson(const OTAVersion& overall, const QVUpgradeVersionInfo& versio
 /// default. `otaList`, when wanted, gets the file's "otaList" or null. False when the file itself cannot be
 /// read: all are defaults then.
 bool Read(const std::string& path, AllVersion& versions, Json::Value* otaList = nullptr);
+
+/// Writes the file of the partition that an upgrade has written, "/app_A" or "/app_B": the parts' versions of
+/// `versions` and, when the upgrade is `complete`, the new overall version and what the cloud said of a
+/// package from there; else the old overall version. Fails when nothing is mounted there.
+Failure _WirteNewVersion(const std::string& partition, const AllVersion& versions, bool complete,
+                         UPGRADEACCESSTYPE source);
 
 }  // namespace VersionRecord

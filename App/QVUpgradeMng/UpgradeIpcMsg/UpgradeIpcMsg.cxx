@@ -9,11 +9,11 @@ constexpr const char* kDebugName = "adcv";
 
 }  // namespace
 
-std::mutex UpgradeIpcMsg::m_initmutex;
+CMutex UpgradeIpcMsg::m_initmutex;
 UpgradeIpcMsg* UpgradeIpcMsg::m_pUpgradeIpc = nullptr;
 
 UpgradeIpcMsg* UpgradeIpcMsg::GetUpgradeIpc() {
-  const std::lock_guard<std::mutex> lock(m_initmutex);
+  const CLock lock(m_initmutex);
   if (m_pUpgradeIpc == nullptr) m_pUpgradeIpc = new UpgradeIpcMsg();
   return m_pUpgradeIpc;
 }

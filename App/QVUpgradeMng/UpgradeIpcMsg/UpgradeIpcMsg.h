@@ -5,14 +5,15 @@
 #include <json/json.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "UpgradeIpcMsg/DebugIpc/DebugIpc.h"
 #include "UpgradeIpcMsg/PannelIpc/DeviceUpgradeUIIPC.h"
 #include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlIpc.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
-/// Any thread may call any member.
+/// Any thread may call any member. What the messages to the panel are is told by DeviceUpgradeUIIPC.
 class UpgradeIpcMsg {
  public:
   /// Created by the first caller and kept for the life of the process.
@@ -24,16 +25,14 @@ class UpgradeIpcMsg {
   /// In the reverse order; afterwards no report and no command is handled, but the panel still hears.
   bool CleanUp();
 
-  /// Progress to the panel; see DeviceUpgradeUIIPC::SendPrecent.
   bool SendUIPrecent(int status, int percent, const Json::Value& version, DataDef::UpgDisplayType type);
   bool SendUIVsersion(const Json::Value& versions);
   bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code, const Json::Value& payload);
   bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code);
-  /// What a cloud request led to, to the panel and the web server; see DeviceUpgradeUIIPC::SendOta.
   bool SendOtaMsg(DeviceUpgradeUIIPC::DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload);
   /// While on, progress goes to the web server as well.
   void SwitchWebReport(bool on);
-  /// Queues a message to the system controller; false when its queue is full. See SysCtrlIpc::AddMsg.
+  /// Queues a message to the system controller; false when its queue is full.
   bool SendCtrlMsg(const Json::Value& data, const SysCtrlIpc::CmdCodeType& cmd);
 
  private:
@@ -43,6 +42,6 @@ class UpgradeIpcMsg {
   std::string m_strMSID;
   DebugIpc* const m_pDebugIpc;      ///< singleton, not owned
   SysCtrlIpc* const m_pSysCtrlIpc;  ///< singleton, not owned
-  static std::mutex m_initmutex;    ///< guards the creation
-  static UpgradeIpcMsg* m_pUpgradeIpc;
+  static CMutex m_initmutex;
+  static UpgradeIpcMsg* m_pUpgradeIpc GUARDED_BY(m_initmutex);
 };

@@ -73,14 +73,16 @@ TEST_F(PartitionMarkersTest, SwitchLeavesTheOtherPartitionsMarkerAlone) {
   };
   for (const auto& each : cases) {
     Put(each.before);
-    EXPECT_TRUE(markers.SwitchFrom(each.current));
+    EXPECT_FALSE(markers.SwitchFrom(each.current)) << "a failure";
     EXPECT_EQ(Found(), each.after) << each.before << " from " << each.current;
   }
 }
 
 TEST_F(PartitionMarkersTest, FailureIsToldAndChoosesTheOldPartition) {
   const PartitionMarkers markers = Markers(directory / "absent");
-  EXPECT_FALSE(markers.SwitchFrom("/app_A"));
+  EXPECT_EQ(markers.SwitchFrom("/app_A").Text(),
+            "marker.write: " + (directory / "absent/parta.ini").string() +
+                " cannot be deleted: No such file or directory");
   EXPECT_EQ(markers.RunningPartition(), "/app_A");
 }
 

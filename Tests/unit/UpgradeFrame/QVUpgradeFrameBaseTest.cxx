@@ -6,26 +6,13 @@
 
 #include <chrono>
 #include <filesystem>
-#include <future>
+#include <string>
+
+#include "../PlatformSDK/TempDirectory.h"
+#include "BSW/BasicFun/TimeUtils.h"
+#include "BSW/Log/CLog.h"
 
 namespace {
-
-class QuietAccess : public IUpgradeAccess {
- public:
-  UpgradeTypeNames getUpgradeTypeName() override { return {}; }
-  AllVersion getAllVersion() override { return {}; }
-  void SetVersion(const std::function<void(AllVersion&)>& /*change*/) override {}
-  bool SendVersionUI() override {
-    if (!m_bSent.exchange(true)) sent.set_value();
-    return true;
-  }
-  void setmStartUpgrade(bool /*started*/) override {}
-
-  std::promise<void> sent;
-
- private:
-  std::atomic<bool> m_bSent{false};
-};
 
 class QVUpgradeFrameBaseTest : public testing::Test {
  protected:
@@ -35,30 +22,39 @@ class QVUpgradeFrameBaseTest : public testing::Test {
       ASSERT_FALSE(std::filesystem::exists(path)) << "not to be run on a base station: it has " << path;
     }
   }
+
+  const TempDirectory directory;
+  DeviceVersions versions;
+  PackageClaim claim;
 };
 
-TEST_F(QVUpgradeFrameBaseTest, TakesOnePackageAndOnlyWithItsAccessSide) {
-  QVUpgradeFrameBase frame;  // without its thread: a package that is taken stays queued
+TEST_F(QVUpgradeFrameBaseTest, TakesOnePackageAndOnlyWithVersionsLoaded) {
+  QVUpgradeFrameBase frame(versions, claim);  // without its thread: a package that is taken stays queued
   EXPECT_EQ(frame.getCurrentPatten(), "/app_A");
   EXPECT_FALSE(frame.startUpgrade(UP_UDISK, {}));
-  QuietAccess access;
-  frame.setAccess(&access);
+  versions.Load(directory / "version.json");
   EXPECT_TRUE(frame.startUpgrade(UP_UDISK, {}));
   EXPECT_FALSE(frame.startUpgrade(UP_UDISK, {}));
 }
 
-TEST_F(QVUpgradeFrameBaseTest, BroadcastWaitsForTheAccessSideAndEndsAtTheStop) {
-  QuietAccess access;
-  QVUpgradeFrameBase frame;
+TEST_F(QVUpgradeFrameBaseTest, BroadcastWaitsForTheVersionsAndEndsAtTheStop) {
+  using Clock = std::chrono::steady_clock;
+  ASSERT_TRUE(CLog::instance()->Init(directory.Path().c_str(), false));
+  const auto isSent = [this] {
+    return ReadText(directory / "system.log").find("sendUiMsg:") != std::string::npos;
+  };
+  QVUpgradeFrameBase frame(versions, claim);
   ASSERT_TRUE(frame.Init());
-  frame.setAccess(&access);
-  ASSERT_EQ(access.sent.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(isSent());
+  versions.Load(directory / "version.json");
+  for (const auto end = Clock::now() + std::chrono::seconds(20); !isSent() && Clock::now() < end;) XSleep(20);
+  EXPECT_TRUE(isSent());
+  const auto begin = Clock::now();
   frame.RequestStop();
   EXPECT_TRUE(frame.CleanUp());
   EXPECT_TRUE(frame.CleanUp());
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500))
-      << "the pause was not ended";
+  EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(1500)) << "the pause was not ended";
+  CLog::instance()->CleanUp();
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -51,6 +52,7 @@ class ScriptedUpgrader : public IQVUpgrade {
   }
   int UploadPrecent(int percent) override { return m_cb(percent, m_type, m_ctx); }
   void RequestStop() override {}
+  Failure GetFailure() override { return Fail(Reason::PartAnswer, "silent"); }
 
  private:
   Board& m_board;
@@ -119,7 +121,10 @@ TEST_F(SubmoduleRunnerTest, FinishedPartIsNotStartedAgain) {
 // A part that cannot run counts as failed once, and what waits for it starts all the same.
 TEST_F(SubmoduleRunnerTest, PartThatCannotRunFailsAtOnceAndHoldsUpNobody) {
   using Defect = std::set<UPGRADETYPE> Board::*;
-  for (const Defect defect : {&Board::absent, &Board::initFails, &Board::startFails}) {
+  const std::pair<Defect, const char*> defects[] = {{&Board::absent, "part.uac.no-upgrader"},
+                                                    {&Board::initFails, "part.uac.init"},
+                                                    {&Board::startFails, "part.rtx.start"}};
+  for (const auto& [defect, reason] : defects) {
     Board scripted;
     (scripted.*defect) = {UP_RTX, UP_UAC};
     SubmoduleRunner own(
@@ -145,6 +150,7 @@ TEST_F(SubmoduleRunnerTest, PartThatCannotRunFailsAtOnceAndHoldsUpNobody) {
     EXPECT_TRUE(own.AllFinished());
     EXPECT_EQ(own.Percent(), 50);
     EXPECT_FALSE(own.CheckModeUpgrade());
+    EXPECT_EQ(own.FirstFailure().Word(), reason);
   }
 }
 
@@ -155,6 +161,7 @@ TEST_F(SubmoduleRunnerTest, FirstEndOfAPartCountsAndLaterReportsAreIgnored) {
   runner.ProgressSum(0, UP_MCU);
   EXPECT_EQ(runner.Percent(), 15);
   runner.ProgressSum(-1, UP_APP);
+  EXPECT_EQ(runner.FirstFailure().Text(), "part.app.answer: silent");
   runner.ProgressSum(-1, UP_APP);
   runner.ProgressSum(100, UP_APP);
   runner.ProgressSum(100, UP_SYSTEM);
@@ -181,6 +188,7 @@ TEST_F(SubmoduleRunnerTest, OnlyPartsKnownToBeDoneSurviveTheTimeOut) {
   runner.QueryProgress();
   EXPECT_EQ(board.asked, Types({UP_APP, UP_SYSTEM}));
   EXPECT_FALSE(runner.CheckModeUpgrade());
+  EXPECT_EQ(runner.FirstFailure().Word(), "part.system.timeout");
   runner.ProgressSum(100, UP_SYSTEM);  // too late
 
   QVUpgradeVersionInfo versions;

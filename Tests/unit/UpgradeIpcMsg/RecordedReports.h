@@ -19,11 +19,11 @@ class RecordedReports : public ISysCtrlReports {
     m_changed.wait(lock, [this] { return !m_held; });
   }
   void OnClockStatus(bool inSync) override { Add(inSync ? "clock in sync" : "clock lost"); }
-  std::string StoredVersion(Chip chip) override {
+  std::string StoredVersion(UPGRADETYPE chip) override {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_versions[chip];
   }
-  void StoreVersion(Chip chip, const std::string& version) override {
+  void StoreVersion(UPGRADETYPE chip, const std::string& version) override {
     {
       const std::lock_guard<std::mutex> lock(m_mutex);
       m_versions[chip] = version;
@@ -59,6 +59,6 @@ class RecordedReports : public ISysCtrlReports {
   std::mutex m_mutex;
   std::condition_variable m_changed;
   bool m_held = false;
-  std::map<Chip, std::string> m_versions;
+  std::map<UPGRADETYPE, std::string> m_versions;
   std::vector<std::string> m_effects;
 };

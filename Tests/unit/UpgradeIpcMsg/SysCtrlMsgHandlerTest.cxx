@@ -13,7 +13,6 @@
 
 namespace {
 
-using Chip = ISysCtrlReports::Chip;
 using Effects = std::vector<std::string>;
 
 // A handler whose log can be read.
@@ -46,35 +45,35 @@ class SysCtrlMsgHandlerTest : public ::testing::Test {
 TEST_F(SysCtrlMsgHandlerTest, ComparesAReportedVersionWithTheStoredOne) {
   const struct {
     const char* message;
-    Chip chip;
+    UPGRADETYPE chip;
     const char* stored;
     Effects effects;
     const char* log;
   } rows[] = {
-      {R"({"Cmd":100,"Data":{"FpgaVer":"V1"}})", Chip::Fpga, "V1", {}, "Same version, no need update."},
+      {R"({"Cmd":100,"Data":{"FpgaVer":"V1"}})", UP_FPGA, "V1", {}, "Same version, no need update."},
       {R"({"Cmd":100,"Data":{"FpgaVer":"V2"}})",
-       Chip::Fpga,
+       UP_FPGA,
        "V1",
        {"fault Different FPGA version!Strored:V1, read:V2", "store V2", "report"},
        "FPGA version update completed"},
       {R"({"Cmd":100,"Data":{"FpgaVer":"V2"}})",
-       Chip::Fpga,
+       UP_FPGA,
        "",
        {"store V2", "report"},
        "########## Uart of FPGA might have except during last starup! ##########"},
       {R"({"Cmd":101,"Data":{"RtxVer":"V2","RtxIndex":2}})",
-       Chip::Rtx,
+       UP_RTX,
        "V1",
        {"fault Different RTX2 version!Strored:V1, read:V2", "store V2", "report"},
        "RTX version update completed"},
       {R"({"Cmd":105,"Data":{"UacVer":""}})",
-       Chip::Uac,
+       UP_UAC,
        "V1",
        {"fault Different UAC version!Strored:V1, read:", "store ", "report"},
        "UAC version update completed"},
       // What stands for no version elsewhere is a stored version here like any other.
       {R"({"Cmd":105,"Data":{"UacVer":"V2"}})",
-       Chip::Uac,
+       UP_UAC,
        "V0.0.0.00",
        {"fault Different UAC version!Strored:V0.0.0.00, read:V2", "store V2", "report"},
        "UAC version update completed"},

@@ -4,13 +4,17 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "BSW/MultiTask/CTaskQue.h"
-#include "UpgradeFrame/IUpgradeAccess.h"
+#include "UpgradeFrame/BatteryLevel.h"
+#include "UpgradeFrame/DeviceVersions.h"
+#include "UpgradeFrame/PackageClaim.h"
 #include "UpgradeFrame/UpgradeTypes.h"
 
 class QVUpgradeAccessSource;
@@ -19,22 +23,20 @@ class QVUpgradeFrameBase;
 /// The version record after portable-part packages were imported.
 using PpImportCallback = std::function<void(const AllVersion&)>;
 
-/// Any thread may call any member, unless said otherwise.
-class QVUpgradeAccessFrame : public IUpgradeAccess {
- public:
-  enum CfgType {
-    EM_CFG_MIN_BATTERY_VAL = 5,  ///< percent; the highest level that still counts as low
-  };
+/// Page type name to (sub-directory of the page root, type).
+using UpgradeTypeNames = std::map<std::string, std::pair<std::string, UPGRADETYPE>>;
 
-  /// Battery level before the first report.
-  static constexpr int kBatteryUnknown = 255;
+/// Any thread may call any member, unless said otherwise.
+class QVUpgradeAccessFrame {
+ public:
+  static constexpr int kBatteryUnknown = BatteryLevel::kUnknown;
 
   /// The singleton; it lives as long as the process.
   static QVUpgradeAccessFrame* getAccessFrame();
 
   /// Main, once: takes the frame (not owned), reads the version record, creates and starts the sources.
   /// Always 0.
-  int Init(QVUpgradeFrameBase* frame);
+  int Init(QVUpgradeFrameBase* frame, DeviceVersions& versions, PackageClaim& claim, BatteryLevel& battery);
   /// Main, at shutdown: asks all sources to stop and returns at once; CleanUp then joins their threads.
   void RequestStop();
   void CleanUp();
@@ -44,29 +46,22 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
 
   /// The claim on the one package under way. A source takes it before it touches the page, and gives it back
   /// when it ends without a start; after a start it is kept until the reboot.
-  bool TryClaim();
-  void ReleaseClaim();
-  bool IsClaimed() const { return m_bClaimed; }
+  bool TryClaim() { return m_pClaim->TryClaim(); }
+  void ReleaseClaim() { m_pClaim->ReleaseClaim(); }
+  bool IsClaimed() const { return m_pClaim->IsClaimed(); }
+  bool GetStartUpgrade() const { return m_pClaim->GetStartUpgrade(); }
+  void setmStartUpgrade(bool started) { m_pClaim->setmStartUpgrade(started); }
+  int GetBattery() { return m_pBattery->GetBattery(); }
+  void SetBattery(int level) { m_pBattery->SetBattery(level); }
+  bool IsBatteryLow() { return m_pBattery->IsBatteryLow(); }
+  void SwitchBatteryLimited(bool on) { m_pBattery->SwitchBatteryLimited(on); }
+  AllVersion getAllVersion() { return m_pVersions->getAllVersion(); }
+  void setAllVersion(const AllVersion& versions) { m_pVersions->setAllVersion(versions); }
+  void SetVersion(const std::function<void(AllVersion&)>& change) { m_pVersions->SetVersion(change); }
+  void SetNewOverallVersion(const OTAVersion& overall) { m_pVersions->SetNewOverallVersion(overall); }
+  bool SendVersionUI() { return m_pVersions->SendVersionUI(); }
 
-  bool GetStartUpgrade() const { return m_startUpgrade; }
-  void setmStartUpgrade(bool started) override { m_startUpgrade = started; }
-  std::string getCurrentPart() const { return m_currptten; }
-  UpgradeTypeNames getUpgradeTypeName() override;
-
-  /// Battery level in percent; 255 when never reported.
-  int GetBattery();
-  void SetBattery(int level);
-  /// True when the limit is on and the level is 0 to 5.
-  bool IsBatteryLow();
-  void SwitchBatteryLimited(bool on);
-  bool IsBatteryLimited() const { return m_bLimited; }
-
-  AllVersion getAllVersion() override;
-  /// Replaces the record and writes the running partition's version file.
-  void setAllVersion(const AllVersion& versions);
-  void SetVersion(const std::function<void(AllVersion&)>& change) override;
-  /// Notes the overall versions of the package being prepared, without writing the file.
-  void SetNewOverallVersion(const OTAVersion& overall);
+  static UpgradeTypeNames getUpgradeTypeName();
 
   /// Main, once: whom imports of portable-part packages are told to. `callback` runs on the source's thread
   /// with no lock held; for an import before this call at once, on the caller's.
@@ -74,7 +69,6 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   /// A source imported portable-part packages into their store.
   void NotifyPpImported();
 
-  bool SendVersionUI() override;
   /// Tells the frame which source prepared the page.
   void setUpgradeType(UPGRADEACCESSTYPE type);
 
@@ -87,26 +81,17 @@ class QVUpgradeAccessFrame : public IUpgradeAccess {
   static bool _StartAccess(QVUpgradeAccessSource* source);
   /// The sources that were created, in the order in which they start and stop.
   std::vector<QVUpgradeAccessSource*> _Sources() const;
-  /// Writes the installed versions into the running partition's file and keeps its "otaList". m_versionMutex
-  /// is held.
-  bool _WriteVersionToFile(const AllVersion& versions);
-  /// Reads the running partition's file; what it lacks takes its default.
-  bool _ReadVersionToFile();
-
-  std::atomic<bool> m_startUpgrade{false};
-  int m_iBattery = kBatteryUnknown;
-  std::atomic<bool> m_bLimited{true};
+  DeviceVersions m_ownVersions;  // of a unit test that calls no Init
+  PackageClaim m_ownClaim;
+  BatteryLevel m_ownBattery;
+  DeviceVersions* m_pVersions = &m_ownVersions;
+  PackageClaim* m_pClaim = &m_ownClaim;
+  BatteryLevel* m_pBattery = &m_ownBattery;
   std::unique_ptr<QVUpgradeAccessSource> m_pUdiskAccess;
   std::unique_ptr<QVUpgradeAccessSource> m_pWebsAccess;
   std::unique_ptr<QVUpgradeAccessSource> m_pOTAAccess;
-  std::mutex m_upgradeTypeNameMutx;  ///< guards m_iBattery and m_upgradeTypeName
-  UpgradeTypeNames m_upgradeTypeName;
-  std::mutex m_versionMutex;  ///< guards m_allVersion and the version file
-  AllVersion m_allVersion;
-  std::string m_currptten;  ///< running partition's version file; set by Init alone
   std::string m_fpgaVersion;
   QVUpgradeFrameBase* m_pUpgradeFrame = nullptr;  ///< not owned; set by Init alone
-  std::atomic<bool> m_bClaimed{false};            ///< a package is under way
   CTaskQue m_taskQue{"AccessTask"};
   std::mutex m_ppImportMutex;  ///< guards the two below
   PpImportCallback m_ppImportCallback;

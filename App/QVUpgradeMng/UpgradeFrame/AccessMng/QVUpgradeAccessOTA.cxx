@@ -108,14 +108,14 @@ RequestedSource::Answer QVUpgradeAccessOTA::_AcceptQuery() {
 
 RequestedSource::Answer QVUpgradeAccessOTA::_AcceptStart() {
   const auto hasOffer = [this] {
-    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+    const CLock lock(m_queueNextMutex);
     return m_answer && m_answer->package;
   };
   return _AcceptPackage([&] { return hasOffer() ? Answer() : _AskBackend(true); },
                         [this] {
-                          const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+                          const CLock lock(m_queueNextMutex);
                           m_bStartWanted = true;
-                          m_stateCond.notify_all();
+                          m_stateCond.NotifyAll();
                         });
 }
 
@@ -126,7 +126,7 @@ RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend(bool orJoin) {
   const Quorvalen::QueryRequest query = {DeviceIdentity::kProductCode, DeviceIdentity::kDeviceId,
                                          installed.m_hardVersion, installed.m_softVersion};
 
-  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  const CLock lock(m_queueNextMutex);
   const auto take = [this, number = m_query + 1](const QueryResult& answer) { _OnAnswer(number, answer); };
   if (m_backend.Query(host, query, take)) {
     ++m_query;
@@ -140,28 +140,28 @@ RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend(bool orJoin) {
 void QVUpgradeAccessOTA::_OnAnswer(uint64_t query, const QueryResult& answer) {
   const AllVersion versions = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion();
   QueryResult judged = OtaOffer::Judge(answer, versions.m_oldOverallVer.m_softVersion);
-  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  const CLock lock(m_queueNextMutex);
   // A query that was started meanwhile gets its own answer.
   if (query != m_query) return;
   m_reports.push(OtaOffer::Report(judged));
   m_answer = std::move(judged);
-  m_stateCond.notify_all();
+  m_stateCond.NotifyAll();
 }
 
 template <class Condition>
 bool QVUpgradeAccessOTA::_WaitAndTell(Condition isReached) {
-  std::unique_lock<std::mutex> lock(m_queueNextMutex);
+  CLock lock(m_queueNextMutex);
   while (IsRunning()) {
     if (!m_reports.empty()) {
       const Json::Value report = std::move(m_reports.front());
       m_reports.pop();
-      lock.unlock();
+      lock.Unlock();
       UpgradeIpcMsg::GetUpgradeIpc()->SendOtaMsg(DeviceUpgradeUIIPC::UPGRADE_OTA_QUERY, report);
-      lock.lock();
+      lock.Lock();
     } else if (isReached()) {
       return true;
     } else {
-      m_stateCond.wait(lock);
+      m_stateCond.Wait(m_queueNextMutex);
     }
   }
   return false;
@@ -210,7 +210,7 @@ bool QVUpgradeAccessOTA::_Download(const PackageInfo& package, std::string& erro
   if (!error.empty()) return false;
 
   {
-    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+    const CLock lock(m_queueNextMutex);
     m_download = {};
   }
   // A file that is complete already, because the daemon was stopped or the battery ran low before it was
@@ -232,28 +232,28 @@ bool QVUpgradeAccessOTA::_Download(const PackageInfo& package, std::string& erro
 }
 
 void QVUpgradeAccessOTA::_OnDownload(const DownloadTask::Status& status) {
-  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  const CLock lock(m_queueNextMutex);
   m_download = status;
-  m_stateCond.notify_all();
+  m_stateCond.NotifyAll();
 }
 
 bool QVUpgradeAccessOTA::_AwaitDownload(std::string& error) {
   using Clock = std::chrono::steady_clock;
   int reported = 0;
   Clock::time_point nextReport = Clock::now() + kProgressInterval;
-  std::unique_lock<std::mutex> lock(m_queueNextMutex);
+  CLock lock(m_queueNextMutex);
   while (IsRunning() && !HasEnded(m_download)) {
     const int percent = OtaOffer::Percent(m_download.received, m_download.total);
     if (percent == reported) {
-      m_stateCond.wait(lock);
+      m_stateCond.Wait(m_queueNextMutex);
     } else if (Clock::now() < nextReport) {
-      m_stateCond.wait_until(lock, nextReport);
+      m_stateCond.WaitUntil(m_queueNextMutex, nextReport);
     } else {
-      lock.unlock();
+      lock.Unlock();
       _ReportProgress(percent);
       reported = percent;
       nextReport = Clock::now() + kProgressInterval;
-      lock.lock();
+      lock.Lock();
     }
   }
   error = m_download.message;

@@ -50,7 +50,7 @@ bool QVUpgradeAccessUdisk::_Listen() {
   });
   // Under the lock, so that a portable part that goes right now is forgotten by its event, which waits for
   // the lock.
-  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  const CLock lock(m_queueNextMutex);
   for (int i = 0; i < kPpNodeCount; ++i) {
     const std::string node = kPpNode + std::to_string(i);
     if (XFilePathExists(node)) m_ppNodes.insert(node);
@@ -64,28 +64,29 @@ void QVUpgradeAccessUdisk::_Unlisten() {
 }
 
 void QVUpgradeAccessUdisk::_OnNode(Nodes& nodes, const std::string& path, bool plugged) {
-  const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+  const CLock lock(m_queueNextMutex);
   if (plugged) {
     nodes.insert(path);
   } else {
     nodes.erase(path);
   }
   m_lastNodeEvent = std::chrono::steady_clock::now();
-  m_stateCond.notify_all();
+  m_stateCond.NotifyAll();
 }
 
 bool QVUpgradeAccessUdisk::_WaitForPackage() {
-  std::unique_lock<std::mutex> lock(m_queueNextMutex);
-  m_stateCond.wait(lock, [this] { return !m_newStickNodes.empty() || !IsRunning(); });
+  CLock lock(m_queueNextMutex);
+  m_stateCond.Wait(m_queueNextMutex,
+                   [this]() REQUIRES(m_queueNextMutex) { return !m_newStickNodes.empty() || !IsRunning(); });
   while (IsRunning() && std::chrono::steady_clock::now() < m_lastNodeEvent + kNodesQuiet) {
-    m_stateCond.wait_until(lock, m_lastNodeEvent + kNodesQuiet);
+    m_stateCond.WaitUntil(m_queueNextMutex, m_lastNodeEvent + kNodesQuiet);
   }
   if (!IsRunning() || m_newStickNodes.empty()) return false;  // asked to stop, or pulled again
 
   m_vecStick = SearchOrder(m_newStickNodes);
   m_newStickNodes.clear();
   const bool isPpStorage = !m_ppNodes.empty();
-  lock.unlock();
+  lock.Unlock();
   if (isPpStorage) {
     LOGI("%s belongs to a PP, left alone", m_vecStick.front().c_str());
     return false;

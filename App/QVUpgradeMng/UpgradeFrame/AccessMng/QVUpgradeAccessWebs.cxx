@@ -47,9 +47,9 @@ RequestedSource::Answer QVUpgradeAccessWebs::_Accept(const IpcEnvelope::Request&
     return {REPLY_REFUSED, "no such package file"};
   };
   return _AcceptPackage(check, [&] {
-    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+    const CLock lock(m_queueNextMutex);
     m_newUpload = std::move(upload);
-    m_stateCond.notify_all();
+    m_stateCond.NotifyAll();
   });
 }
 
@@ -65,8 +65,9 @@ bool QVUpgradeAccessWebs::_ParseUpload(const Json::Value& propertyData, Upload& 
 }
 
 bool QVUpgradeAccessWebs::_WaitForPackage() {
-  std::unique_lock<std::mutex> lock(m_queueNextMutex);
-  m_stateCond.wait(lock, [this] { return m_newUpload.has_value() || !IsRunning(); });
+  CLock lock(m_queueNextMutex);
+  m_stateCond.Wait(m_queueNextMutex,
+                   [this]() REQUIRES(m_queueNextMutex) { return m_newUpload.has_value() || !IsRunning(); });
   if (!IsRunning()) return false;
   m_upload = std::move(*m_newUpload);
   m_newUpload.reset();

@@ -31,13 +31,13 @@ bool DebugIpc::Init(const char* name) {
 
 bool DebugIpc::CleanUp() {
   CDbusHandler::instance()->UnRegisteredServices(kObject, kInterface, kMethod);
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_mapCommand.clear();
   return true;
 }
 
 void DebugIpc::RegisterCommand(const std::string& name, const std::string& help, const Command& command) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_mapCommand[name] = {help, command};
 }
 
@@ -50,7 +50,7 @@ std::string DebugIpc::ProcDebugMsg(const std::string& line) {
   std::vector<std::string> words = Words(line);
   Command command;
   if (!words.empty()) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     const auto entry = m_mapCommand.find(words.front());
     if (entry != m_mapCommand.end()) command = entry->second.command;
     words.erase(words.begin());
@@ -61,7 +61,7 @@ std::string DebugIpc::ProcDebugMsg(const std::string& line) {
 
 std::string DebugIpc::_Help() {
   std::string list = "help: lists the commands\n";
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   for (const auto& [name, entry] : m_mapCommand) list += name + ": " + entry.help + "\n";
   return list;
 }

@@ -4,12 +4,13 @@
 
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "BSW/MultiTask/CSingleton.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// Any thread may call any member.
 class DebugIpc : public CSingleton<DebugIpc> {
@@ -44,6 +45,6 @@ class DebugIpc : public CSingleton<DebugIpc> {
   static std::string _ProcDebugMsgStatic(const std::string& line);
   std::string _Help();
 
-  std::mutex m_mutex;  ///< guards m_mapCommand
-  std::map<std::string, Entry> m_mapCommand;
+  CMutex m_mutex;
+  std::map<std::string, Entry> m_mapCommand GUARDED_BY(m_mutex);
 };

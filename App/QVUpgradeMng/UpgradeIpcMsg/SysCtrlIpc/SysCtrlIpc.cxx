@@ -53,7 +53,7 @@ bool SysCtrlIpc::CleanUp() {
   m_MsgRecver.DestroyThread(true, false);
   const bool senderStopped = DestroyThread(true, true);
   if (!m_MsgRecver.DestroyThread(true, true) || !senderStopped || HasCrashed()) return false;
-  const std::lock_guard<std::mutex> lock(m_DataLock);
+  const CLock lock(m_DataLock);
   m_vecRecvMsg.clear();
   m_deqMsg.clear();
   return true;
@@ -74,10 +74,10 @@ std::string SysCtrlIpc::ProcRecvMsg(const std::string& text) {
   }
   if (!_SendAck(message)) return "Err ACK json";
   {
-    const std::lock_guard<std::mutex> lock(m_DataLock);
+    const CLock lock(m_DataLock);
     if (m_vecRecvMsg.size() < EM_CFG_MAX_MSG_SIZE) {
       m_vecRecvMsg.push_back(std::move(message));
-      m_cvRecvCtrl.notify_one();
+      m_cvRecvCtrl.NotifyOne();
       return "ProcUpgMsg ACK";
     }
   }
@@ -101,8 +101,10 @@ void SysCtrlIpc::_ProcRecvMsg() {
 void SysCtrlIpc::_HandleMsg() {
   std::vector<Json::Value> batch;
   {
-    std::unique_lock<std::mutex> lock(m_DataLock);
-    m_cvRecvCtrl.wait(lock, [this] { return !m_vecRecvMsg.empty() || !m_MsgRecver.IsRunning(); });
+    const CLock lock(m_DataLock);
+    m_cvRecvCtrl.Wait(m_DataLock, [this]() REQUIRES(m_DataLock) {
+      return !m_vecRecvMsg.empty() || !m_MsgRecver.IsRunning();
+    });
     batch.swap(m_vecRecvMsg);
   }
   for (const Json::Value& message : batch) {
@@ -111,18 +113,18 @@ void SysCtrlIpc::_HandleMsg() {
 }
 
 void SysCtrlIpc::Recver::OnStopRequested() {
-  const std::lock_guard<std::mutex> lock(m_owner.m_DataLock);
-  m_owner.m_cvRecvCtrl.notify_all();
+  const CLock lock(m_owner.m_DataLock);
+  m_owner.m_cvRecvCtrl.NotifyAll();
 }
 
 // Sending.
 
 bool SysCtrlIpc::AddMsg(const Msg_t& message) {
   {
-    const std::lock_guard<std::mutex> lock(m_DataLock);
+    const CLock lock(m_DataLock);
     if (m_deqMsg.size() < EM_CFG_MAX_MSG_SIZE) {
       m_deqMsg.push_back(message);
-      m_cvSenderCtrl.notify_one();
+      m_cvSenderCtrl.NotifyOne();
       return true;
     }
   }
@@ -139,8 +141,9 @@ void SysCtrlIpc::ThreadProc() {
 bool SysCtrlIpc::_PackMsg(std::vector<std::string>& texts) {
   std::deque<Msg_t> messages;
   {
-    std::unique_lock<std::mutex> lock(m_DataLock);
-    m_cvSenderCtrl.wait(lock, [this] { return !m_deqMsg.empty() || !IsRunning(); });
+    const CLock lock(m_DataLock);
+    m_cvSenderCtrl.Wait(m_DataLock,
+                        [this]() REQUIRES(m_DataLock) { return !m_deqMsg.empty() || !IsRunning(); });
     if (!IsRunning()) return false;
     messages.swap(m_deqMsg);
   }
@@ -162,6 +165,6 @@ void SysCtrlIpc::_SendMsg(const std::vector<std::string>& texts) {
 }
 
 void SysCtrlIpc::OnStopRequested() {
-  const std::lock_guard<std::mutex> lock(m_DataLock);
-  m_cvSenderCtrl.notify_all();
+  const CLock lock(m_DataLock);
+  m_cvSenderCtrl.NotifyAll();
 }

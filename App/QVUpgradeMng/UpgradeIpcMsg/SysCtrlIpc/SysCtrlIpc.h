@@ -6,9 +6,7 @@
 
 #include <json/json.h>
 
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -16,6 +14,9 @@
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlMsgHandler.h"
 #include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlProtocol.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// This CThread is the sender. Owned by itself; UpgradeIpcMsg initialises it, sends through it and cleans it
 /// up.
@@ -84,9 +85,9 @@ class SysCtrlIpc : public CThread, public CSingleton<SysCtrlIpc>, public SysCtrl
 
   SysCtrlMsgHandler m_handler;
   Recver m_MsgRecver{*this};
-  std::mutex m_DataLock;  ///< guards both queues; both threads wait with it
-  std::vector<Json::Value> m_vecRecvMsg;
-  std::condition_variable m_cvRecvCtrl;
-  std::deque<Msg_t> m_deqMsg;
-  std::condition_variable m_cvSenderCtrl;
+  CMutex m_DataLock;
+  std::vector<Json::Value> m_vecRecvMsg GUARDED_BY(m_DataLock);
+  CCondition m_cvRecvCtrl;  ///< the receiver waits for messages or its stop
+  std::deque<Msg_t> m_deqMsg GUARDED_BY(m_DataLock);
+  CCondition m_cvSenderCtrl;  ///< the sender likewise
 };

@@ -12,35 +12,30 @@
 
 namespace {
 
-using Chip = ISysCtrlReports::Chip;
-
-bool GetVersion(const Json::Value& data, const char* key, std::string& version) {
-  return JsonUtils::GetString(data, key, version) && IsVersionText(version);
-}
-
 /// A chip, and what the log says of it.
 struct ChipTexts {
-  Chip chip;
+  UPGRADETYPE chip;
   const char* firstVersion;  ///< none was known before
   const char* completed;
 };
-constexpr ChipTexts kFpga = {Chip::Fpga,
+constexpr ChipTexts kFpga = {UP_FPGA,
                              "########## Uart of FPGA might have except during last starup! ##########",
                              "FPGA version update completed"};
-constexpr ChipTexts kRtx = {Chip::Rtx,
-                            "########## Uart of RTX might have except during last starup! ##########",
+constexpr ChipTexts kRtx = {UP_RTX, "########## Uart of RTX might have except during last starup! ##########",
                             "RTX version update completed"};
-constexpr ChipTexts kUac = {Chip::Uac,
-                            "########## Uart of UAC might have except during last starup! ##########",
+constexpr ChipTexts kUac = {UP_UAC, "########## Uart of UAC might have except during last starup! ##########",
                             "UAC version update completed"};
 
-/// `fault` begins the text of the fault message; the two versions follow.
-void CheckVersion(ISysCtrlReports& reports, const ChipTexts& texts, const std::string& fault,
-                  const std::string& version) {
+/// Handles the version under `key`; false when it is none. `fault` begins the text of the fault message, and
+/// the two versions follow.
+bool CheckVersion(ISysCtrlReports& reports, const ChipTexts& texts, const Json::Value& data, const char* key,
+                  const std::string& fault) {
+  std::string version;
+  if (!JsonUtils::GetString(data, key, version) || !IsVersionText(version)) return false;
   const std::string stored = reports.StoredVersion(texts.chip);
   if (version == stored) {
     LOGW("Same version, no need update.");
-    return;
+    return true;
   }
   if (stored.empty()) {
     LOGW("%s", texts.firstVersion);
@@ -50,6 +45,7 @@ void CheckVersion(ISysCtrlReports& reports, const ChipTexts& texts, const std::s
   reports.StoreVersion(texts.chip, version);
   reports.SendVersionReport();
   LOGI("%s", texts.completed);
+  return true;
 }
 
 void LogUnusableData(const Json::Value& data) {
@@ -86,25 +82,18 @@ bool SysCtrlMsgHandler::Handle(const Json::Value& message) const {
 }
 
 bool SysCtrlMsgHandler::_HandleRepFpgaVer(ISysCtrlReports& reports, const Json::Value& data) {
-  std::string version;
-  if (!GetVersion(data, "FpgaVer", version)) return false;
-  CheckVersion(reports, kFpga, "Different FPGA version!Strored:", version);
-  return true;
+  return CheckVersion(reports, kFpga, data, "FpgaVer", "Different FPGA version!Strored:");
 }
 
 bool SysCtrlMsgHandler::_HandleRepRtxVer(ISysCtrlReports& reports, const Json::Value& data) {
-  std::string version;
   int index = 0;
-  if (!GetVersion(data, "RtxVer", version) || !JsonUtils::GetInt(data, "RtxIndex", index)) return false;
-  CheckVersion(reports, kRtx, "Different RTX" + std::to_string(index) + " version!Strored:", version);
-  return true;
+  return JsonUtils::GetInt(data, "RtxIndex", index) &&
+         CheckVersion(reports, kRtx, data, "RtxVer",
+                      "Different RTX" + std::to_string(index) + " version!Strored:");
 }
 
 bool SysCtrlMsgHandler::_HandleRepUacVer(ISysCtrlReports& reports, const Json::Value& data) {
-  std::string version;
-  if (!GetVersion(data, "UacVer", version)) return false;
-  CheckVersion(reports, kUac, "Different UAC version!Strored:", version);
-  return true;
+  return CheckVersion(reports, kUac, data, "UacVer", "Different UAC version!Strored:");
 }
 
 bool SysCtrlMsgHandler::_HandleRepBattery(ISysCtrlReports& reports, const Json::Value& data) {

@@ -18,8 +18,8 @@ class SysCtrlMsgHandler {
   /// the same sender is in doubt. An unknown command or unusable "Data" is logged and true.
   bool Handle(const Json::Value& message) const;
 
-  /// Reads the controller's reply to a request and logs the error that it may tell. Nobody calls it yet:
-  /// the daemon does not wait for the replies to its requests.
+  /// Reads the controller's reply to a request and logs the error that it may tell. No caller yet: the
+  /// daemon does not wait for the replies to its requests.
   static void _ParseReply(const std::string& text);
 
  private:
