@@ -14,6 +14,7 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/RebootCommands.h"
 #include "UpgradeFrame/RtxSubmodules/CQVUpgradeRtx.h"
 #include "UpgradeFrame/SubmoduleFactory.h"
 #include "UpgradeFrame/UpgradePaths.h"

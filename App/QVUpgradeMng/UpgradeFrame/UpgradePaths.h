@@ -30,7 +30,3 @@ inline constexpr const char* kOtaHostKey = "host";
 inline constexpr const char* kOtaHostSetKey = "web_or_oled_set_flag";
 
 }  // namespace UpgradePaths
-
-/// Stops the panel's display watchdog, so that it does not interfere with the reboot that follows.
-inline constexpr const char* kStopDisplayWatchdogCommand = "systemctl stop lcd-esd-check.service";
-inline constexpr const char* kRebootCommand = "reboot -f";

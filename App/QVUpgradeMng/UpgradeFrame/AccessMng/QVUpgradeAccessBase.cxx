@@ -19,6 +19,7 @@
 #include "UpgradeFrame/AccessMng/PackageSteps.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/RebootCommands.h"
 #include "UpgradeFrame/UpgradePaths.h"
 #include "UpgradeFrame/VersionRecord.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
