@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/BatteryLevel.h"
 #include "UpgradeIpcMsg/DebugIpc/DebugIpc.h"
 #include "UpgradePp/UpgradePp.h"
 
@@ -26,22 +26,21 @@ Answer ReloadPpFirmware(const Words& words) {
   return "the PP firmware information is loaded anew";
 }
 
-Answer SwitchLowBatteryLimit(const Words& words) {
-  QVUpgradeAccessFrame* const access = QVUpgradeAccessFrame::getAccessFrame();
+Answer SwitchLowBatteryLimit(BatteryLevel& battery, const Words& words) {
   if (words == Words{"on"} || words == Words{"off"}) {
-    access->SwitchBatteryLimited(words.front() == "on");
+    battery.SwitchBatteryLimited(words.front() == "on");
   } else if (!words.empty()) {
     return std::nullopt;
   }
-  return access->IsBatteryLimited() ? "Low battery limited ON" : "Low battery limited OFF";
+  return battery.IsBatteryLimited() ? "Low battery limited ON" : "Low battery limited OFF";
 }
 
 }  // namespace
 
-void DebugCommands::Register() {
+void DebugCommands::Register(BatteryLevel& battery) {
   DebugIpc* const debug = DebugIpc::instance();
   debug->RegisterCommand("DebugUpgPp", "asks the connected PP for its versions", AskPpVersion);
   debug->RegisterCommand("rpp", "reloads the PP firmware information", ReloadPpFirmware);
   debug->RegisterCommand("sl", "on|off switches the low-battery limit, alone tells it",
-                         SwitchLowBatteryLimit);
+                         [&battery](const Words& words) { return SwitchLowBatteryLimit(battery, words); });
 }

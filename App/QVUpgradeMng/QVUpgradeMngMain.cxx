@@ -30,8 +30,8 @@
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
-#include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
+#include "UpgradePackage/Parts.h"
 #include "UpgradePp/UpgradePp.h"
 
 /// Set by the termination signals; ends the main loop.
@@ -185,17 +185,38 @@ namespace {
 
 constexpr const char* kErrorRecordDirectory = "/firmware/log/";
 
+BatteryLevel battery;
+DeviceVersions versions;
+PackageClaim claim;
+
+class FrameAccess : public IUpgradeAccess {
+ public:
+  UpgradeTypeNames getUpgradeTypeName() override {
+    UpgradeTypeNames names;
+    for (const Parts::Part& part : Parts::kAll) {
+      const std::string page(part.page);
+      if (part.isStation) names[page] = {page, part.type};
+    }
+    return names;
+  }
+  AllVersion getAllVersion() override { return versions.getAllVersion(); }
+  void SetVersion(const std::function<void(AllVersion&)>& change) override { versions.SetVersion(change); }
+  bool SendVersionUI() override { return versions.SendVersionUI(); }
+  void setmStartUpgrade(bool started) override { claim.setmStartUpgrade(started); }
+} frameAccess;
+
 void AppInit() {
   // After a crash other threads still run inside the frame: it is not freed then.
   tempFrame = std::shared_ptr<QVUpgradeFrameBase>(new QVUpgradeFrameBase(), [](QVUpgradeFrameBase* frame) {
     if (!CThread::HasCrashed()) delete frame;
   });
   tempFrame->Init();
-  QVUpgradeAccessFrame::getAccessFrame()->Init(tempFrame.get());
+  tempFrame->setAccess(&frameAccess);
+  QVUpgradeAccessFrame::getAccessFrame()->Init(tempFrame.get(), versions, claim, battery);
   // Never freed: after a crash other threads still report.
-  static auto* const reports = new SysCtrlReports();
+  static auto* const reports = new SysCtrlReports(versions, battery);
   SysCtrlIpc::instance()->SetReports(reports);
-  DebugCommands::Register();
+  DebugCommands::Register(battery);
   UpgradeIpcMsg::GetUpgradeIpc()->Init();
   if (UpgradePp::instance()->Init(DeviceIdentity::kDeviceId)) {
     QVUpgradeAccessFrame::getAccessFrame()->SetPpImportCallback(UpgradePp::instance()->GetImportCallback());

@@ -2,7 +2,8 @@
 /// upgrades both.
 #include "SysCtrlReports.h"
 
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/BatteryLevel.h"
+#include "UpgradeFrame/DeviceVersions.h"
 #include "UpgradeFrame/VersionRecord.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 #include "UpgradePp/UpgradePp.h"
@@ -29,7 +30,7 @@ std::string& VersionField(AllVersion& record, ISysCtrlReports::Chip chip) {
 }  // namespace
 
 void SysCtrlReports::OnBattery(int level) {
-  QVUpgradeAccessFrame::getAccessFrame()->SetBattery(level);
+  m_battery.SetBattery(level);
 }
 
 void SysCtrlReports::OnClockStatus(bool inSync) {
@@ -37,13 +38,12 @@ void SysCtrlReports::OnClockStatus(bool inSync) {
 }
 
 std::string SysCtrlReports::StoredVersion(Chip chip) {
-  AllVersion record = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion();
+  AllVersion record = m_versions.getAllVersion();
   return VersionField(record, chip);
 }
 
 void SysCtrlReports::StoreVersion(Chip chip, const std::string& version) {
-  QVUpgradeAccessFrame::getAccessFrame()->SetVersion(
-      [&](AllVersion& record) { VersionField(record, chip) = version; });
+  m_versions.SetVersion([&](AllVersion& record) { VersionField(record, chip) = version; });
 }
 
 void SysCtrlReports::ReportFault(const std::string& faultMsg) {
@@ -53,5 +53,5 @@ void SysCtrlReports::ReportFault(const std::string& faultMsg) {
 }
 
 void SysCtrlReports::SendVersionReport() {
-  QVUpgradeAccessFrame::getAccessFrame()->SendVersionUI();
+  m_versions.SendVersionUI();
 }

@@ -3,9 +3,7 @@
 /// one handler per state; a handler does the state's work and names the next state.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <queue>
 #include <string>
 #include <unordered_map>
@@ -13,6 +11,9 @@
 
 #include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// `Owner` derives publicly from StateMachine<Owner> and stops the thread in its own destructor.
 template <class Owner>
@@ -29,14 +30,14 @@ class StateMachine : public CThread {
   /// Runs the current state's handler; the state it names, or one queued meanwhile, becomes the current one.
   void ThreadProc() override {
     while (IsRunning()) {
-      const auto handler = m_table.find(m_StateMachine);
+      const auto handler = m_table.find(_CurrentState());
       if (handler == m_table.end()) {
         Pause(kUnknownStatePauseMs);
         continue;
       }
       std::string next = (static_cast<Owner*>(this)->*handler->second)();
       if (!IsRunning()) break;
-      const std::lock_guard<std::mutex> lock(m_queueNextMutex);
+      const CLock lock(m_queueNextMutex);
       if (!m_queueNextStateMachine.empty()) {
         next = std::move(m_queueNextStateMachine.front());
         m_queueNextStateMachine.pop();
@@ -47,13 +48,12 @@ class StateMachine : public CThread {
   }
 
   void OnStopRequested() override {
-    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
-    m_stateCond.notify_all();
+    const CLock lock(m_queueNextMutex);
+    m_stateCond.NotifyAll();
   }
 
-  /// Makes `name` the current state; an unknown one is refused and the current one kept. m_queueNextMutex is
-  /// held.
-  bool _EnterState(const std::string& name) {
+  /// Makes `name` the current state; an unknown one is refused and the current one kept.
+  bool _EnterState(const std::string& name) REQUIRES(m_queueNextMutex) {
     if (m_table.find(name) == m_table.end()) {
       LOGE("not surpport StateMachine : [%s] ", name.c_str());
       return false;
@@ -66,9 +66,9 @@ class StateMachine : public CThread {
   /// running it, when it is not. What only such a change writes, the handlers of the other states may read
   /// without a lock. Any thread.
   template <class Change>
-  bool _ChangeInIdle(const char* idle, Change change) {
-    const std::lock_guard<std::mutex> lock(m_queueNextMutex);
-    if (m_StateMachine != idle || !m_queueNextStateMachine.empty()) return false;
+  bool _ChangeInIdle(const char* idle, Change change) EXCLUDES(m_queueNextMutex) {
+    const CLock lock(m_queueNextMutex);
+    if (!_IsAtRest(idle)) return false;
     change();
     return true;
   }
@@ -76,26 +76,37 @@ class StateMachine : public CThread {
   /// Queues `name` and wakes the machine if it is in `idle` with nothing queued, under one lock. Any thread.
   /// `accept` runs under that lock before the state is queued.
   template <class Accept>
-  bool _QueueFromIdle(const char* idle, const char* name, Accept accept) {
-    return _ChangeInIdle(idle, [&] {
-      accept();
-      m_queueNextStateMachine.push(name);
-      m_stateCond.notify_one();
-    });
+  bool _QueueFromIdle(const char* idle, const char* name, Accept accept) EXCLUDES(m_queueNextMutex) {
+    const CLock lock(m_queueNextMutex);
+    if (!_IsAtRest(idle)) return false;
+    accept();
+    m_queueNextStateMachine.push(name);
+    m_stateCond.NotifyOne();
+    return true;
   }
 
   /// Waits until a state is queued or the thread is asked to stop.
-  void _WaitForQueuedState() {
-    std::unique_lock<std::mutex> lock(m_queueNextMutex);
-    m_stateCond.wait(lock, [this] { return !m_queueNextStateMachine.empty() || !IsRunning(); });
+  void _WaitForQueuedState() EXCLUDES(m_queueNextMutex) {
+    const CLock lock(m_queueNextMutex);
+    m_stateCond.Wait(m_queueNextMutex, [this]() REQUIRES(m_queueNextMutex) {
+      return !m_queueNextStateMachine.empty() || !IsRunning();
+    });
   }
 
   const Table& m_table;
-  std::mutex m_queueNextMutex;  ///< guards m_StateMachine against readers, and m_queueNextStateMachine
-  std::string m_StateMachine;   ///< written by the machine's thread under the mutex
-  std::queue<std::string> m_queueNextStateMachine;
-  std::condition_variable m_stateCond;
+  CMutex m_queueNextMutex;
+  CCondition m_stateCond;
+  std::string m_StateMachine GUARDED_BY(m_queueNextMutex);
+  std::queue<std::string> m_queueNextStateMachine GUARDED_BY(m_queueNextMutex);
 
  private:
+  std::string _CurrentState() EXCLUDES(m_queueNextMutex) {
+    const CLock lock(m_queueNextMutex);
+    return m_StateMachine;
+  }
+  bool _IsAtRest(const char* idle) const REQUIRES(m_queueNextMutex) {
+    return m_StateMachine == idle && m_queueNextStateMachine.empty();
+  }
+
   static constexpr uint32_t kUnknownStatePauseMs = 1000;
 };

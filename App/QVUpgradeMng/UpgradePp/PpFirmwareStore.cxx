@@ -23,7 +23,8 @@
 #include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
 #include "BSW/Serial/HexText.h"
-#include "UpgradeFrame/AccessMng/PackageSteps.h"
+#include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradePackage/PackageManifest.h"
 #include "UpgradePp/PpStore.h"
 #include "UpgradePp/PpVersion.h"
 
@@ -100,10 +101,11 @@ bool Unpack(const std::string& archive, const std::string& directory) {
   const std::vector<std::string> archives = PpStore::PackageNames(directory, *PpStore::Find(k7308));
   if (!RemoveUnpacked(directory, archives)) return false;
   // What `unzip` asks about nobody answers: it fails then.
-  const int code = PackageSteps::Run("unzip " + ShellQuote(archive) + " -d " + ShellQuote(directory));
+  const int code =
+      QVUpgradeTool::ExecUnlessStopped("unzip " + ShellQuote(archive) + " -d " + ShellQuote(directory));
   // An archive in the archive would pass for a package at the next load.
   const bool unpacked = code == 0 && HoldsOnlyFiles(directory) &&
-                        PackageSteps::IsRegularFileItself(directory + k7308Image) &&
+                        IsRegularFileItself(directory + k7308Image) &&
                         PpStore::PackageNames(directory, *PpStore::Find(k7308)).size() == archives.size();
   if (unpacked) return true;
   // A stop ends the command, or keeps it from being run.
@@ -125,7 +127,7 @@ bool PrepareDirectory(const std::string& directory) {
 /// Sets `version` to the text under `key`, if there is a usable one.
 void TakeVersion(const Json::Value& entry, const char* key, std::string& version) {
   std::string text;
-  if (PackageSteps::GetVersion(entry, key, text)) version = std::move(text);
+  if (PackageManifest::GetVersion(entry, key, text)) version = std::move(text);
 }
 
 void SetIfEmpty(std::string& version, const char* fallback) {

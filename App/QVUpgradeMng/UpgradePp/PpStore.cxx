@@ -44,8 +44,7 @@ const Family* Find(const std::string& pageType) {
 }
 
 bool IsPackage(const Family& family, const std::string& path) {
-  return PackageName::Matches(std::string(BaseName(path)), family.namePattern) &&
-         IsRegularFileItself(path);
+  return PackageName::Matches(std::string(BaseName(path)), family.namePattern) && IsRegularFileItself(path);
 }
 
 std::vector<std::string> PackageNames(const std::string& directory, const Family& family) {
@@ -58,10 +57,9 @@ std::vector<std::string> PackageNames(const std::string& directory, const Family
   return names;
 }
 
-bool Replace(const Family& family, const std::string& source, std::string& error) {
+Failure Replace(const Family& family, const std::string& source) {
   if (!XCreateFullPathDir(family.directory, kDirectoryMode)) {
-    error = "cannot create " + std::string(family.directory) + ": " + std::strerror(errno);
-    return false;
+    return Fail(Reason::PortableStore, "cannot create %s: %s", family.directory, std::strerror(errno));
   }
   const auto held = Hold();
   for (const std::string& oldName : PackageNames(family.directory, family)) {
@@ -72,15 +70,14 @@ bool Replace(const Family& family, const std::string& source, std::string& error
   const std::string destination = family.directory + std::string(BaseName(source));
   LOGI("Move SrcPath:%s -> DestPath:%s", source.c_str(), destination.c_str());
   if (!XRenameFile(source, destination)) {
-    error = "cannot move " + source + " to " + destination + ": " + std::strerror(errno);
-    return false;
+    return Fail(Reason::PortableStore, "cannot move %s to %s: %s", source.c_str(), destination.c_str(),
+                std::strerror(errno));
   }
   // The version record is written next, on another file system: it must not outlive the package.
   if (!SyncFile(destination) || !SyncParentDirectory(destination)) {
-    error = "cannot sync " + destination + ": " + std::strerror(errno);
-    return false;
+    return Fail(Reason::PortableStore, "cannot sync %s: %s", destination.c_str(), std::strerror(errno));
   }
-  return true;
+  return {};
 }
 
 }  // namespace PpStore

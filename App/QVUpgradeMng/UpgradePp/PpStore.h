@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradePackage/Reasons.h"
 
 namespace PpStore {
 
@@ -33,8 +34,8 @@ bool IsPackage(const Family& family, const std::string& path);
 std::vector<std::string> PackageNames(const std::string& directory, const Family& family);
 
 /// Deletes the family's old package and moves the package `source` in its place, under its own name: when
-/// this gives true, a power cut does not take it back. False with the reason in `error`: the store may then
-/// hold neither. Holds the store.
-bool Replace(const Family& family, const std::string& source, std::string& error);
+/// this succeeds, a power cut does not take it back. After a failure the store may hold neither. Holds the
+/// store.
+Failure Replace(const Family& family, const std::string& source);
 
 }  // namespace PpStore
