@@ -16,26 +16,27 @@ bool GetFileName(const Json::Value& item, const char* key, std::string& name) {
   return JsonUtils::GetString(item, key, name) && IsPlainFileName(name);
 }
 
-/// What stands under a key, as it may be shown; nothing of what is no object.
-std::string Shown(const Json::Value& item, const char* key) {
-  if (!item.isObject() || !item.isMember(key)) return "nothing";
-  std::string text = JsonUtils::ToCompactText(item[key]);
-  text.erase(text.find_last_not_of('\n') + 1);
-  return Printable(text, kMaxFileNameBytes);
+/// A failure that shows what stands under `key`.
+Failure Unusable(Reason reason, const Json::Value& item, const char* key) {
+  const bool isThere = item.isObject() && item.isMember(key);
+  const std::string found = isThere ? JsonUtils::ToCompactText(item[key]) : "nothing";
+  return Fail(reason, "\"%s\" cannot be used: %s", key, Printable(found, kMaxFileNameBytes).c_str());
 }
 
-Failure Unusable(Reason reason, const Json::Value& item, const char* key) {
-  return Fail(reason, "\"%s\" cannot be used: %s", key, Shown(item, key).c_str());
+Kind KindOf(const std::string& type) {
+  if (type == "RRU") return Kind::Station;
+  return type == "PP" ? Kind::Portable : Kind::Other;
 }
 
 Element ReadElement(const Json::Value& item) {
   Element element;
   element.type = JsonUtils::StringOr(item, "upgradeType", "");
-  if (!element.IsForUnit()) return element;
-  const bool isStation = element.type == kStation;
-  const Reason reason = isStation ? Reason::ManifestElement : Reason::PortableElement;
+  element.kind = KindOf(element.type);
+  if (element.kind == Kind::Other) return element;
+  const bool isStation = element.kind == Kind::Station;
   const auto check = [&](bool isUsable, const char* key) {
-    if (!isUsable && !element.unusable) element.unusable = Unusable(reason, item, key);
+    if (isUsable || element.unusable) return;
+    element.unusable = Unusable(isStation ? Reason::ManifestElement : Reason::PortableElement, item, key);
   };
   if (isStation) {
     check(GetVersion(item, "softVersion", element.version.m_softVersion), "softVersion");
@@ -49,36 +50,25 @@ Element ReadElement(const Json::Value& item) {
   return element;
 }
 
-Failure ReadPage(const Json::Value& entry, Page& page) {
-  const bool isComplete = entry.isObject() && entry.isMember("pageType") && entry.isMember("version") &&
-                          entry.isMember("pageName");
-  if (!isComplete) return {};
-  page.use = Page::Use::Unknown;
-  page.part = Parts::getUpgradeTypeName(JsonUtils::StringOr(entry, "pageType", ""));
-  if (page.part == nullptr) return {};
-  page.use = Page::Use::Wanted;
-  if (!GetFileName(entry, "pageName", page.pageName)) return Unusable(Reason::PagesEntry, entry, "pageName");
-  // The frame makes a path of the version too.
-  if (!GetFileName(entry, "version", page.version) || !IsValidUtf8(page.version)) {
-    return Unusable(Reason::PagesEntry, entry, "version");
+Failure ReadPage(const Json::Value& entry, bool isStation, Page& page) {
+  const Reason reason = isStation ? Reason::PagesEntry : Reason::PortableElement;
+  if (isStation && !(entry.isObject() && entry.isMember("pageType") && entry.isMember("version") &&
+                     entry.isMember("pageName"))) {
+    return {};
   }
-  return {};
-}
-
-Failure ReadPortablePage(const Json::Value& entry, PortablePage& page) {
+  page.use = Page::Use::Unknown;
   if (!JsonUtils::GetString(entry, "pageType", page.pageType)) {
-    return Unusable(Reason::PortableElement, entry, "pageType");
+    return isStation ? Failure() : Unusable(reason, entry, "pageType");
   }
   const Parts::Part* const part = Parts::Find(page.pageType);
-  if (part == nullptr || part->isStation) return {};
+  if (part == nullptr || part->isStation != isStation) return {};
+  page.use = Page::Use::Wanted;
   page.part = part;
-  if (!GetVersion(entry, "version", page.version)) {
-    return Unusable(Reason::PortableElement, entry, "version");
-  }
-  if (!GetFileName(entry, "pageName", page.pageName)) {
-    return Unusable(Reason::PortableElement, entry, "pageName");
-  }
-  return {};
+  if (!GetFileName(entry, "pageName", page.pageName)) return Unusable(reason, entry, "pageName");
+  // The path of a base-station part's files may have the version in it.
+  const bool isUsable =
+      GetVersion(entry, "version", page.version) && (!isStation || IsPlainFileName(page.version));
+  return isUsable ? Failure() : Unusable(reason, entry, "version");
 }
 
 }  // namespace
@@ -95,53 +85,42 @@ Failure ReadElements(const Json::Value& manifest, std::vector<Element>& elements
   return {};
 }
 
-Failure CheckSoftVersion(const std::string& offered, const OTAVersion& installed) {
-  if (offered != installed.m_softVersion) return {};
-  return Fail(Reason::PackageSameVersion, "%s is installed", installed.m_softVersion.c_str());
-}
-
-Failure CheckHardVersion(const Element& element, const OTAVersion& installed) {
-  if (element.version.m_hardVersion == installed.m_hardVersion) return {};
-  return Fail(Reason::PackageHardware, "it is for %s, the unit is %s", element.version.m_hardVersion.c_str(),
-              installed.m_hardVersion.c_str());
-}
-
-Failure CheckDigest(const Element& element, const std::string& digest) {
-  if (!digest.empty() && digest == element.md5) return {};
-  const std::string expected = Printable(element.md5);
-  if (element.type == kPortable) {
-    return Fail(Reason::PortableMd5, "checkFileMd5sum error! File val:%s, calculation val:%s",
-                expected.c_str(), digest.c_str());
+Failure ReadPages(const Json::Value& list, Kind kind, std::vector<Page>& pages) {
+  const bool isStation = kind == Kind::Station;
+  if (!list.isArray()) {
+    const std::string found = Printable(JsonUtils::ToCompactText(list));
+    return isStation ? Fail(Reason::PagesManifest, "no list: %s", found.c_str())
+                     : Fail(Reason::PortableManifest, "jsPpInfo error content!ErrVal:%s", found.c_str());
   }
-  return Fail(Reason::PackageMd5, "%s has \"%s\", expected was \"%s\"", element.fileName.c_str(),
-              digest.c_str(), expected.c_str());
-}
-
-Failure ReadPages(const Json::Value& list, std::vector<Page>& pages) {
-  if (!list.isArray()) return Fail(Reason::PagesManifest, "it is no list");
-  std::set<UPGRADETYPE> seen;
+  std::set<const Parts::Part*> seen;
   for (const Json::Value& entry : list) {
     Page page;
-    if (Failure failure = ReadPage(entry, page)) return failure;
-    if (page.part != nullptr && !seen.insert(page.part->type).second) {
-      return Fail(Reason::PagesEntry, "%s stands there twice", std::string(page.part->page).c_str());
+    if (Failure failure = ReadPage(entry, isStation, page)) return failure;
+    if (isStation && page.part != nullptr && !seen.insert(page.part).second) {
+      return Fail(Reason::PagesEntry, "%s stands there twice", page.pageType.c_str());
     }
     pages.push_back(std::move(page));
   }
   return {};
 }
 
-Failure ReadPortablePages(const Json::Value& list, std::vector<PortablePage>& pages) {
-  if (!list.isArray()) {
-    return Fail(Reason::PortableManifest, "jsPpInfo error content!ErrVal:%s",
-                Printable(JsonUtils::ToCompactText(list)).c_str());
-  }
-  for (const Json::Value& entry : list) {
-    PortablePage page;
-    if (Failure failure = ReadPortablePage(entry, page)) return failure;
-    pages.push_back(std::move(page));
-  }
-  return {};
+Failure CheckSoftVersion(const std::string& offered, const OTAVersion& installed) {
+  if (offered != installed.m_softVersion) return {};
+  return Fail(Reason::PackageSameVersion, "%s is installed", installed.m_softVersion.c_str());
+}
+
+Failure CheckHardVersion(const Element& element, const OTAVersion& installed) {
+  const std::string& wanted = element.version.m_hardVersion;
+  if (wanted == installed.m_hardVersion) return {};
+  return Fail(Reason::PackageHardware, "it is for %s, the unit is %s", wanted.c_str(),
+              installed.m_hardVersion.c_str());
+}
+
+Failure CheckDigest(const Element& element, const std::string& digest) {
+  if (!digest.empty() && digest == element.md5) return {};
+  return Fail(element.kind == Kind::Portable ? Reason::PortableMd5 : Reason::PackageMd5,
+              "checkFileMd5sum error! File val:%s, calculation val:%s", Printable(element.md5).c_str(),
+              digest.c_str());
 }
 
 }  // namespace PackageManifest

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
 #include "../PlatformSDK/TempDirectory.h"
 #include "AccessTestSupport.h"
@@ -34,19 +35,19 @@ TEST(PackageArchive, AcceptsTheDigestOfTheFileAlone) {
   const TempDirectory directory;
   const std::string file = directory / "pack.zip";
   WriteText(file, "abc");
-  const auto reasonOf = [](const std::string& path, const char* md5, const char* type) {
+  const auto reasonOf = [](const std::string& path, const char* md5, PackageManifest::Kind kind) {
     PackageManifest::Element element;
-    element.type = type;
+    element.kind = kind;
     element.md5 = md5;
     return PackageArchive::_CheckFileMd5Sum(path, element).reason;
   };
-  for (const char* type : {PackageManifest::kStation, PackageManifest::kPortable}) {
-    const Reason refusal = type == PackageManifest::kStation ? Reason::PackageMd5 : Reason::PortableMd5;
-    EXPECT_EQ(reasonOf(file, "900150983cd24fb0d6963f7d28e17f72", type), Reason::None);
-    EXPECT_EQ(reasonOf(file, "900150983cd24fb0d6963f7d28e17f73", type), refusal);
-    EXPECT_EQ(reasonOf(file, "", type), refusal);
+  for (const auto& [kind, refusal] : {std::pair(PackageManifest::Kind::Station, Reason::PackageMd5),
+                                      std::pair(PackageManifest::Kind::Portable, Reason::PortableMd5)}) {
+    EXPECT_EQ(reasonOf(file, "900150983cd24fb0d6963f7d28e17f72", kind), Reason::None);
+    EXPECT_EQ(reasonOf(file, "900150983cd24fb0d6963f7d28e17f73", kind), refusal);
+    EXPECT_EQ(reasonOf(file, "", kind), refusal);
     // A file that cannot be read has no digest, and no digest matches nothing.
-    EXPECT_EQ(reasonOf(directory / "missing.zip", "", type), refusal);
+    EXPECT_EQ(reasonOf(directory / "missing.zip", "", kind), refusal);
   }
 }
 

@@ -8,8 +8,8 @@
 namespace {
 
 using PackageManifest::Element;
+using PackageManifest::Kind;
 using PackageManifest::Page;
-using PackageManifest::PortablePage;
 
 Json::Value Parsed(const std::string& text) {
   Json::Value value;
@@ -40,7 +40,7 @@ TEST(PackageManifest, ReadsTheElementsOfAPackage) {
   // Portable parts have their versions elsewhere; what is for another device is not judged.
   EXPECT_FALSE(ElementOf(R"({"upgradeType":"PP","fileName":"a.zip","fileMd5sum":"x"})").unusable);
   for (const char* other : {"7", "[]", "{}", R"({"upgradeType":"TOASTER"})", R"({"upgradeType":{}})"}) {
-    EXPECT_FALSE(ElementOf(other).IsForUnit()) << other;
+    EXPECT_EQ(ElementOf(other).kind, Kind::Other) << other;
   }
 }
 
@@ -89,7 +89,7 @@ TEST(PackageManifest, PassesOverPagesThatAreNotForTheStation) {
   ASSERT_FALSE(PackageManifest::ReadPages(
       Parsed(R"([7, {"pageType":"app","version":"V1"}, {"pageType":"7308","version":"V1","pageName":"x"},
                  {"pageType":"rootfs","version":"V1","pageName":"r.tar.gz"}])"),
-      pages));
+      Kind::Station, pages));
   ASSERT_EQ(pages.size(), 4U);
   EXPECT_EQ(pages[0].use, Page::Use::Incomplete);
   EXPECT_EQ(pages[1].use, Page::Use::Incomplete);
@@ -101,7 +101,8 @@ TEST(PackageManifest, PassesOverPagesThatAreNotForTheStation) {
 TEST(PackageManifest, RefusesPagesThatLeaveTheirDirectoryOrStandTwice) {
   const std::string first = R"({"pageType":"app","version":"V1","pageName":"a.tar"})";
   std::vector<Page> pages;
-  EXPECT_EQ(PackageManifest::ReadPages(Parsed(R"("pages")"), pages).reason, Reason::PagesManifest);
+  EXPECT_EQ(PackageManifest::ReadPages(Parsed(R"("pages")"), Kind::Station, pages).reason,
+            Reason::PagesManifest);
   for (const std::string& second : {
            first,
            std::string(R"({"pageType":"mcu","version":"V1","pageName":"../a.tar"})"),
@@ -109,25 +110,27 @@ TEST(PackageManifest, RefusesPagesThatLeaveTheirDirectoryOrStandTwice) {
            std::string(R"({"pageType":"mcu","version":"../V1","pageName":"a.tar"})"),
        }) {
     pages.clear();
-    const Failure failure = PackageManifest::ReadPages(Parsed("[" + first + "," + second + "]"), pages);
+    const Failure failure =
+        PackageManifest::ReadPages(Parsed("[" + first + "," + second + "]"), Kind::Station, pages);
     EXPECT_EQ(failure.reason, Reason::PagesEntry) << second;
     EXPECT_EQ(pages.size(), 1U) << "those before are told";
   }
 }
 
 TEST(PackageManifest, PassesOverUnknownFamiliesAndRefusesUnusablePackages) {
-  std::vector<PortablePage> pages;
-  ASSERT_FALSE(PackageManifest::ReadPortablePages(Parsed(R"([{"pageType":"9999"}, {"pageType":"app"},
+  std::vector<Page> pages;
+  ASSERT_FALSE(PackageManifest::ReadPages(Parsed(R"([{"pageType":"9999"}, {"pageType":"app"},
                  {"pageType":"7204_EVT","version":"S1.0.2.05","pageName":"a.ota"}])"),
-                                                  pages));
+                                          Kind::Portable, pages));
   ASSERT_EQ(pages.size(), 3U);
   EXPECT_EQ(pages[0].part, nullptr);
   EXPECT_EQ(pages[1].part, nullptr);
   EXPECT_EQ(pages[2].part->type, UP_7204_EVT);
-  EXPECT_EQ(PackageManifest::ReadPortablePages(Parsed("{}"), pages).reason, Reason::PortableManifest);
+  EXPECT_EQ(PackageManifest::ReadPages(Parsed("{}"), Kind::Portable, pages).reason, Reason::PortableManifest);
   for (const char* entry : {"7", "{}", R"({"pageType":"7308","version":"","pageName":"a"})",
                             R"({"pageType":"7308","version":"V","pageName":"a/b"})"}) {
-    EXPECT_EQ(PackageManifest::ReadPortablePages(Parsed("[" + std::string(entry) + "]"), pages).reason,
-              Reason::PortableElement);
+    EXPECT_EQ(
+        PackageManifest::ReadPages(Parsed("[" + std::string(entry) + "]"), Kind::Portable, pages).reason,
+        Reason::PortableElement);
   }
 }

@@ -53,7 +53,7 @@ Failure CheckPack(const AccessContext& access, const AllVersion& current) {
       Fail(Reason::ManifestNoStation, "none of %zu elements is for the base station", elements.size());
   for (const PackageManifest::Element& element : elements) {
     if (!PackagePage::IsForUnit(element)) continue;
-    if (element.type == PackageManifest::kPortable) {
+    if (element.kind == PackageManifest::Kind::Portable) {
       PpImport::_CheckPpPack(access, versions, element);
       continue;
     }

@@ -38,7 +38,7 @@ Failure PackageMove::MovePack() {
     return Fail(Reason::PagesManifest, "%s cannot be read", listFile.c_str());
   }
   std::vector<Page> pages;
-  Failure unusable = PackageManifest::ReadPages(list, pages);
+  Failure unusable = PackageManifest::ReadPages(list, PackageManifest::Kind::Station, pages);
   if (unusable.reason == Reason::PagesManifest) LOGE("upgradeVersion is null");
   for (const Page& page : pages) {
     switch (page.use) {

@@ -58,7 +58,7 @@ Failure ReadManifest(std::vector<PackageManifest::Element>& elements) {
 }
 
 bool IsForUnit(const PackageManifest::Element& element) {
-  if (element.IsForUnit()) return true;
+  if (element.kind != PackageManifest::Kind::Other) return true;
   LOGE("dev type error not RRU or PP!ErrVal:%s", Printable(element.type).c_str());
   return false;
 }

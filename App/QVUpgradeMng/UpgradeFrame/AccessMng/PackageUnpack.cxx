@@ -24,6 +24,7 @@ namespace PackageUnpack {
 namespace {
 
 constexpr const char* kUdiskCopyName = "ota.zip";
+constexpr const char* kWrongSource = "accessType is error not webs udisk ota";
 
 /// Ends the heavy processes whose memory the unpacker needs.
 constexpr const char* kKillCommand =
@@ -32,7 +33,7 @@ constexpr const char* kKillCommand =
     "(ps -ef |grep QVZegoMng|grep -v grep|awk '{print $2}'|xargs kill -9)";
 
 Failure BeginPage(const PackageClaim& claim);
-Failure NoTask(const std::string& why);
+Failure NoTask(const char* line, const std::string& why);
 Failure CopyPack(const std::string& source, const std::string& target);
 Failure UnpackArchive(const std::string& archive, const char* directory);
 void _MoveUpgradePage();
@@ -56,16 +57,12 @@ void DeleteArchive(const std::string& archive) {
 Failure Unpack(const AccessContext& access, UPGRADEACCESSTYPE accessType, const std::string& path) {
   if (Failure failure = BeginPage(access.claim)) return failure;
   if (accessType != UP_UDISK && accessType != UP_WEBS) {
-    LOGE("accessType is error not webs udisk ota");
-    return NoTask("no package comes from source " + std::to_string(accessType));
+    return NoTask(kWrongSource, "nothing comes from source " + std::to_string(accessType));
   }
   const std::string fileName = accessType == UP_UDISK
                                    ? QVUpgradeTool::ReadAllUpgradeFileOTAPack(path.c_str(), ".zip")
                                    : UploadName(path);
-  if (fileName.empty()) {
-    LOGE("get udisk zip file is error");
-    return NoTask("there is none in " + path);
-  }
+  if (fileName.empty()) return NoTask("get udisk zip file is error", "there is none in " + path);
   if (Failure failure = _CheckPackName(access.versions, accessType, fileName, true)) return failure;
   std::string archive = path;
   if (accessType == UP_UDISK) {
@@ -86,8 +83,7 @@ Failure UnpackWebAndOTA(const AccessContext& access, UPGRADEACCESSTYPE accessTyp
   }
   if (Failure failure = BeginPage(access.claim)) return failure;
   if (accessType != UP_WEBS && accessType != UP_OTA) {
-    LOGE("accessType is error not webs udisk ota");
-    return NoTask("no package comes from source " + std::to_string(accessType));
+    return NoTask(kWrongSource, "nothing comes from source " + std::to_string(accessType));
   }
   DownloadDirectory::Clear(path);
   Failure failure = UnpackArchive(path, UpgradePaths::kDownload);
@@ -128,7 +124,8 @@ Failure BeginPage(const PackageClaim& claim) {
   return {};
 }
 
-Failure NoTask(const std::string& why) {
+Failure NoTask(const char* line, const std::string& why) {
+  LOGE("%s", line);
   LOGI("Not have upgrade task");
   return Fail(Reason::PackageNone, "%s", why.c_str());
 }
@@ -190,7 +187,7 @@ void _MoveUpgradePage() {
       continue;
     }
     const std::string copyPack = CopyToPageCommand(element.fileName);
-    if (element.type == PackageManifest::kPortable) {
+    if (element.kind == PackageManifest::Kind::Portable) {
       LOGI("ppPackName:%s", copyPack.c_str());
     } else {
       LOGI("cpRRUPAck:%s", copyPack.c_str());

@@ -21,18 +21,18 @@ namespace PpImport {
 
 namespace {
 
-using PackageManifest::PortablePage;
+using PackageManifest::Page;
 
 Failure UnpackPack(const PackageManifest::Element& item, Json::Value& list);
-Failure ImportFamily(DeviceVersions& record, AllVersion& versions, const PortablePage& page, int& imported);
+Failure ImportFamily(DeviceVersions& record, AllVersion& versions, const Page& page, int& imported);
 
 Failure ImportPack(DeviceVersions& record, AllVersion& versions, const PackageManifest::Element& item,
                    int& imported) {
   Json::Value list;
   if (Failure failure = UnpackPack(item, list)) return failure;
-  std::vector<PortablePage> pages;
-  Failure unusable = PackageManifest::ReadPortablePages(list, pages);
-  for (const PortablePage& page : pages) {
+  std::vector<Page> pages;
+  Failure unusable = PackageManifest::ReadPages(list, PackageManifest::Kind::Portable, pages);
+  for (const Page& page : pages) {
     if (Failure failure = ImportFamily(record, versions, page, imported)) return failure;
   }
   return unusable;
@@ -77,7 +77,7 @@ Failure UnpackPack(const PackageManifest::Element& item, Json::Value& list) {
 }
 
 /// Exchanges a family's package when this one is of another version.
-Failure ImportFamily(DeviceVersions& record, AllVersion& versions, const PortablePage& page, int& imported) {
+Failure ImportFamily(DeviceVersions& record, AllVersion& versions, const Page& page, int& imported) {
   const PpStore::Family* const family = PpStore::Find(page.pageType);
   if (family == nullptr || page.part == nullptr) {
     LOGW("Unknow type of PP, ErrVal:%s", Printable(page.pageType).c_str());

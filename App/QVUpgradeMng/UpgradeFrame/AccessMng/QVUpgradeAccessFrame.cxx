@@ -25,6 +25,7 @@ QVUpgradeAccessFrame::QVUpgradeAccessFrame() {
 
 int QVUpgradeAccessFrame::Init(QVUpgradeFrameBase* frame, DeviceVersions& versions, PackageClaim& claim,
                                BatteryLevel& battery) {
+  m_pUpgradeFrame = frame;
   m_context.emplace(AccessContext{frame, versions, claim, battery, [this] { _NotifyPpImported(); }});
   m_pUdiskAccess = std::make_unique<QVUpgradeAccessUdisk>(*m_context);
   m_pWebsAccess = std::make_unique<QVUpgradeAccessWebs>(*m_context);
@@ -68,7 +69,7 @@ int QVUpgradeAccessFrame::AccessCallback(int accessType, void* self) {
 
 int QVUpgradeAccessFrame::_NotfiCationUpgrade(int accessType) {
   const bool isNotifying = accessType == UP_UDISK || accessType == UP_WEBS;
-  if (isNotifying && m_context->frame->startUpgrade(accessType, m_context->versions.getAllVersion())) {
+  if (isNotifying && m_pUpgradeFrame->startUpgrade(accessType, m_context->versions.getAllVersion())) {
     m_context->claim.setmStartUpgrade(true);
     LOGI("upgradeFarme notfi ok");
     return 0;

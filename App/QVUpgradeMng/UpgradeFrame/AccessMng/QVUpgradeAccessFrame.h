@@ -55,7 +55,9 @@ class QVUpgradeAccessFrame {
   std::unique_ptr<QVUpgradeAccessBase> m_pWebsAccess;
   std::unique_ptr<QVUpgradeAccessBase> m_pOTAAccess;
   std::string m_fpgaVersion;
-  std::optional<AccessContext> m_context;  ///< set by Init alone, before the sources start
+  // Set by Init alone, before the sources start.
+  QVUpgradeFrameBase* m_pUpgradeFrame = nullptr;
+  std::optional<AccessContext> m_context;
   CTaskQue m_taskQue{"AccessTask"};
   CMutex m_ppImportMutex;
   PpImportCallback m_ppImportCallback GUARDED_BY(m_ppImportMutex);

@@ -39,7 +39,8 @@ void RequestedSource::_Unlisten() {
 std::string RequestedSource::HandleRequest(const std::string& text) {
   LOGI("%sRequest:%s", m_service.logName, Printable(text).c_str());
   IpcEnvelope::Request request;
-  const Answer answer = _Judge(text, request);
+  const bool isRequest = IpcEnvelope::ParseRequest(text, kRequestInterfaceName, request);
+  const Answer answer = isRequest ? _Accept(request) : _Malformed();
   Json::Value payload;
   if (answer.code != REPLY_ACCEPTED) payload["ErrorMsg"] = answer.message;
   std::string reply =
@@ -47,11 +48,6 @@ std::string RequestedSource::HandleRequest(const std::string& text) {
                                                  request.snr, request.cmd, answer.code, std::move(payload)));
   LOGI("%sReply:%s", m_service.logName, reply.c_str());
   return reply;
-}
-
-RequestedSource::Answer RequestedSource::_Judge(const std::string& text, IpcEnvelope::Request& request) {
-  if (!IpcEnvelope::ParseRequest(text, kRequestInterfaceName, request)) return _Malformed();
-  return _Accept(request);
 }
 
 RequestedSource::Answer RequestedSource::_AcceptPackage(const std::function<Answer()>& check,

@@ -68,8 +68,6 @@ class RequestedSource : public QVUpgradeAccessBase {
   }
 
  private:
-  Answer _Judge(const std::string& text, IpcEnvelope::Request& request);
-
   /// Whom the D-Bus callbacks, plain functions, call; by access type.
   static std::array<std::atomic<RequestedSource*>, UP_CONNECT> m_listening;
 
