@@ -71,6 +71,7 @@ TEST_F(Sources, SecondPackageIsRefusedAndTheFirstOneUnharmed) {
   ASSERT_TRUE(station.commands().WaitForStart("7za x *", kPatience));
   station.InsertStick(second);
   ExpectLog("beingTask is have current upgrade  unpack failed.");
+  ExpectLog("busy: another package is under way");
   EXPECT_EQ(station.web().RequestUpgrade(second.name)->errorCode, WebServer::kBusy);
   station.commands().Release("7za x *");
   ExpectReboot(station);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "BSW/BasicFun/JsonUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
 
 namespace {
 
@@ -110,8 +111,8 @@ TEST(PackageManifest, RefusesPagesThatLeaveTheirDirectoryOrStandTwice) {
            std::string(R"({"pageType":"mcu","version":"../V1","pageName":"a.tar"})"),
        }) {
     pages.clear();
-    const Failure failure =
-        PackageManifest::ReadPages(Parsed("[" + first + "," + second + "]"), Kind::Station, pages);
+    const Failure failure = PackageManifest::ReadPages(
+        Parsed(FormatText("[%s,%s]", first.c_str(), second.c_str())), Kind::Station, pages);
     EXPECT_EQ(failure.reason, Reason::PagesEntry) << second;
     EXPECT_EQ(pages.size(), 1U) << "those before are told";
   }

@@ -122,6 +122,7 @@ QVUpgradeAccessBase::RetType QVUpgradeAccessBase::_ResultOf(const Failure& failu
 bool QVUpgradeAccessBase::_Claim() {
   if (m_access.claim.TryClaim()) return true;
   LOGE("beingTask is have current upgrade  unpack failed.");
+  PackageEnd::Tell(Fail(Reason::Busy, "another package is under way"));
   return false;
 }
 
