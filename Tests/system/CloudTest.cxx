@@ -133,7 +133,7 @@ TEST_F(CloudSource, QueryDownloadAndUpgradeAreToldToPanelAndWebServer) {
   EXPECT_EQ(Answer()["ErrorMsg"], "");
   ASSERT_EQ(Ask(kUpgradeByCloud), Requests::kAccepted);
   EXPECT_TRUE(m_station.panel().WaitForStatus(kNoTask, kPatience));
-  EXPECT_NE(TextOf("failed"), "");
+  ExpectLog("cloud.none: " + TextOf("failed"));
   EXPECT_EQ(m_cloud.Queries().size(), 3U);
   EXPECT_EQ(m_cloud.Downloads().size(), 1U);
 }
@@ -206,9 +206,10 @@ namespace {
 struct DownloadRow {
   const char* name;
   std::function<void(Cloud&)> spoil;
-  std::vector<std::uint64_t> starts;  ///< of the downloads that follow
-  const char* failure;                ///< a part of what the panel is told; null: the download is done
-  const char* log;                    ///< null: nothing in particular
+  std::vector<std::uint64_t> starts;      ///< of the downloads that follow
+  const char* failure;                    ///< a part of what the panel is told; null: the download is done
+  const char* log;                        ///< null: nothing in particular
+  const char* reason = "cloud.download";  ///< why the package ends, when the download fails
 };
 
 void PrintTo(const DownloadRow& row, std::ostream* out) {
@@ -239,7 +240,12 @@ const DownloadRow kDownloadRows[] = {
      "starts over: the md5 is"},
     {"SizeTooSmall", SizeOffBy(-1), {0}, "announced were", nullptr},
     {"SizeTooLarge", SizeOffBy(1), {0}, "announced were", nullptr},
-    {"NoSpace", Offering("size", Json::UInt64{1} << 44), {}, "52776558133248 bytes are needed, ", nullptr},
+    {"NoSpace",
+     Offering("size", Json::UInt64{1} << 44),
+     {},
+     "52776558133248 bytes are needed, ",
+     nullptr,
+     "space"},
     {"NotFound", Refusing(404, "", 100), {0}, "HTTP 404", nullptr},
     {"TooManyRequests", Refusing(429, "Retry-After: 3\r\n"), {0, 0}, nullptr, "HTTP 429; next try in 3.0 s"},
     {"ServerError", Refusing(500), {0, 0}, nullptr, "HTTP 500; next try in "},
@@ -272,6 +278,7 @@ TEST_P(CloudDownload, EndsAsItShould) {
   EXPECT_EQ(text.empty(), row.failure == nullptr);
   EXPECT_EQ(m_cloud.Starts(), row.starts);
   if (row.log != nullptr) ExpectLog(row.log);
+  if (row.failure != nullptr) ExpectLog(row.reason + (": " + text));
   EXPECT_NE(Affinity(), kFree);
   EXPECT_EQ(Exists(kDownloads + m_package.name), row.failure == nullptr);
 }
@@ -414,6 +421,7 @@ TEST_F(CloudSource, LowBatteryRefusesBeforeTheDownload) {
   setBattery(5);
   EXPECT_EQ(Ask(kUpgradeByCloud), Requests::kRefused);
   EXPECT_TRUE(m_station.panel().WaitForCmd(kLowBatteryMessage, kPatience));
+  ExpectLog("battery.low: 5 %");
   EXPECT_TRUE(m_cloud.Queries().empty());
 
   // It runs low in the middle of the download.
@@ -424,6 +432,7 @@ TEST_F(CloudSource, LowBatteryRefusesBeforeTheDownload) {
   setBattery(5);
   m_cloud.Behave();
   EXPECT_EQ(TextOf("failed"), "battery too low");
+  ExpectLog("battery.drained: ");
   EXPECT_TRUE(m_station.web().WaitForStatus(kFailed, kPatience));
 }
 

@@ -17,6 +17,7 @@ struct Row {
   std::function<void(PackageBuilder&)> spoil;
   std::vector<int> statuses;  ///< what the panel hears, repeats once
   const char* log;
+  const char* reason;  ///< why it ends; "" for a package that is installed
   bool reboots;
 };
 
@@ -63,35 +64,47 @@ const std::array kRows = {
         [](auto& b) { b.Name("QV_K9032_H200_S4.1.0.1_RRU_UDISK_Common_1.zip"); },
         {kStarted, kNoTask},
         "zip not fin pack",
+        "package.none",
         false},
     Row{"SameVersion",
         [](auto& b) { b = PackageBuilder("S4.0.9.10").App("V2.0.0.01"); },
         {kStarted, kSameVersion},
         "softVersion error new softVersion:S4.0.9.10",
+        "package.same-version",
         false},
     Row{"SameVersionInManifestAlone",
         Element("softVersion", "S4.0.9.10"),
         {kStarted, kSameVersion},
         "Version same no need upg.",
+        "package.same-version",
+        false},
+    Row{"SameVersionWithPortableParts",
+        [](auto& b) {
+          b.PpPage("7308", "S1.0.2.05", "QVD_K7308_H100_S1.0.2.5_OTA_Common_1.zip", "zip");
+          Element("softVersion", "S4.0.9.10")(b);
+        },
+        {kStarted, kSameVersion},
+        "===Successfully imported PP upgrade package!===",
+        "package.same-version",
         false},
     Row{"OlderVersion", [](auto& b) { b = PackageBuilder("S3.0.0.1").App("V0.9.0.01"); }, kUpgraded,
-        "upgrade succed type:1", true},
+        "upgrade succed type:1", "", true},
     Row{"OtherHardware", Element("hardVersion", "H300"), kRefused, "hardVersion error new hardVersion:H300",
-        true},
+        "package.hardware", true},
     Row{"WrongMd5", Element("fileMd5sum", "00000000000000000000000000000000"), kRefused,
-        "checkFileMd5sum error", true},
+        "checkFileMd5sum error", "package.md5", true},
     Row{"DamagedPackage", [](auto& b) { b.EditPackage(PackageBuilder::Truncate(0.6)); }, kRefused,
-        "Udisk tar file is error", true},
+        "Udisk tar file is error", "package.unpack", true},
     Row{"FlippedByteInRruArchive", [](auto& b) { b.EditRru(PackageBuilder::FlipByte(0.5)); }, kRefused,
-        "  error", true},
+        "  error", "package.inner-unpack", true},
     Row{"EmptyPackage", [](auto& b) { b.EditPackage(PackageBuilder::Truncate(0)); }, kRefused,
-        "Udisk tar file is error", true},
+        "Udisk tar file is error", "package.unpack", true},
     Row{"DamagedRruArchive", [](auto& b) { b.EditRru(PackageBuilder::Truncate(0.5)); }, kRefused, "  error",
-        true},
+        "package.inner-unpack", true},
     Row{"NoElement", [](auto& b) { b.EditManifest([](Json::Value& m) { m["otaList"].clear(); }); }, kRefused,
-        "Check and move file error!", false},
+        "Check and move file error!", "manifest.no-station", false},
     Row{"UnknownElement", Element("upgradeType", "TOASTER"), kRefused,
-        "dev type error not RRU or PP!ErrVal:TOASTER", false},
+        "dev type error not RRU or PP!ErrVal:TOASTER", "manifest.no-station", false},
     Row{"PortablePartsAlone",
         [](auto& b) {
           // An unknown family does not end the list, and what the package holds where they are unpacked goes.
@@ -100,55 +113,62 @@ const std::array kRows = {
                   .PpPage("7308", "S1.0.2.05", "QVD_K7308_H100_S1.0.2.5_OTA_Common_1.zip", "zip")
                   .EditPackage(PackageBuilder::AddEntry("pp", "in the way"));
         },
-        kRefused, "===Successfully imported PP upgrade package!===", false},
+        kRefused, "===Successfully imported PP upgrade package!===", "manifest.no-station", false},
     Row{"UnknownPage", [](auto& b) { b.RawPage("toaster", "V1", "toaster.bin", "crumbs"); }, kUpgraded,
-        "not find pageType", true},
+        "not find pageType", "", true},
     Row{"PageWithoutVersion",
         [](auto& b) { b.EditRruManifest([](Json::Value& p) { p[0].removeMember("version"); }); },
         {kStarted, kFinished},
         "page json file error not pagetype or version or pageName",
+        "",
         true},
     Row{"ManifestIsNumber", [](auto& b) { b.EditManifest([](Json::Value& m) { m = 5; }); }, kRefused,
-        "readFile to json failed.File:", false},
+        "readFile to json failed.File:", "manifest.unreadable", false},
     Row{"ManifestIsDeep",
         [](auto& b) { b.EditManifest([](Json::Value& m) { m["otaList"] = Nested(1000); }); }, kRefused,
-        "readFile to json failed.File:", false},
+        "readFile to json failed.File:", "manifest.unreadable", false},
     Row{"ListHoldsNumbers", [](auto& b) { b.EditManifest([](Json::Value& m) { m["otaList"][0] = 7; }); },
-        kRefused, "Check and move file error!", false},
+        kRefused, "Check and move file error!", "manifest.no-station", false},
     Row{"VersionIsObject", Element("softVersion", Json::Value(Json::objectValue)), kRefused,
-        "checkFileMd5sum error", true},
-    Row{"Md5Missing", WithoutElement("fileMd5sum"), kRefused, "checkFileMd5sum error", true},
-    Row{"NameLeavesPage", Element("fileName", "../../../pwned.zip"), kRefused, "checkFileMd5sum error", true},
-    Row{"NameIsCommand", Element("fileName", "x.zip;touch /pwned"), kRefused, "checkFileMd5sum error", true},
+        "checkFileMd5sum error", "manifest.element", true},
+    Row{"Md5Missing", WithoutElement("fileMd5sum"), kRefused, "checkFileMd5sum error", "manifest.element",
+        true},
+    Row{"NameLeavesPage", Element("fileName", "../../../pwned.zip"), kRefused, "checkFileMd5sum error",
+        "manifest.element", true},
+    Row{"NameIsCommand", Element("fileName", "x.zip;touch /pwned"), kRefused, "checkFileMd5sum error",
+        "manifest.element", true},
     Row{"NameIsSubstitution", Element("fileName", "$(touch pwned).zip"), kRefused, "checkFileMd5sum error",
-        true},
-    Row{"NameIsTooLong", Element("fileName", std::string(300, 'x')), kRefused, "checkFileMd5sum error", true},
+        "package.md5", true},
+    Row{"NameIsTooLong", Element("fileName", std::string(300, 'x')), kRefused, "checkFileMd5sum error",
+        "manifest.element", true},
     Row{"PagesAreNoArray", [](auto& b) { b.EditRruManifest([](Json::Value& p) { p = "pages"; }); }, kRefused,
-        "upgradeVersion is null", true},
+        "upgradeVersion is null", "pages.manifest", true},
     Row{"PageLeavesStaging", PageEntry("pageName", "../../../../pwned"), kRefused, "mv pack error  reboot",
-        true},
-    Row{"PageIsNumber", PageEntry("pageName", 9), kRefused, "mv pack error  reboot", true},
+        "pages.entry", true},
+    Row{"PageIsNumber", PageEntry("pageName", 9), kRefused, "mv pack error  reboot", "pages.entry", true},
     Row{"EntryLeavesPage", [](auto& b) { b.EditPackage(PackageBuilder::AddEntry("../../../pwned", "evil")); },
-        kUpgraded, "upgrade succed type:1", true},
+        kUpgraded, "upgrade succed type:1", "", true},
     Row{"TarEntryLeavesPartition",
         [](auto& b) { b.EditPage("app", PackageBuilder::AddEntry("../../../pwned", "evil")); }, kPartFailed,
-        "Udisk tar file is error", true},
+        "Udisk tar file is error", "part.app.unpack", true},
     Row{"PageNameIsCommand",
         [](auto& b) {
           b = PackageBuilder("S4.1.0.1")
                   .RawPage("app", "V2.0.0.01", "a$(touch pwned);touch pwned;.tar", "no tar");
         },
-        kPartFailed, "Udisk tar file is error", true},
+        kPartFailed, "Udisk tar file is error", "part.app.unpack", true},
     Row{"DamagedSystemPage",
         [](auto& b) { b.System("V2.0.0.01").EditPage("system", PackageBuilder::Truncate(0.5)); }, kPartFailed,
-        "upgrade error type:2", true},
+        "upgrade error type:2", "part.system.unpack", true},
     Row{"DamagedRootfsPage",
         [](auto& b) { b.Rootfs("V2.0.0.01").EditPage("rootfs", PackageBuilder::Truncate(0.5)); }, kPartFailed,
-        "upgrade error type:7", true},
-    Row{"FileNameMissing", WithoutElement("fileName"), kRefused, "checkFileMd5sum error", true},
-    Row{"HardVersionMissing", WithoutElement("hardVersion"), kRefused, "checkFileMd5sum error", true},
+        "upgrade error type:7", "part.rootfs.unpack", true},
+    Row{"FileNameMissing", WithoutElement("fileName"), kRefused, "checkFileMd5sum error", "manifest.element",
+        true},
+    Row{"HardVersionMissing", WithoutElement("hardVersion"), kRefused, "checkFileMd5sum error",
+        "manifest.element", true},
     Row{"TypeMissing", WithoutElement("upgradeType"), kRefused,
-        "dev type error not RRU or PP!ErrVal:", false},
+        "dev type error not RRU or PP!ErrVal:", "manifest.no-station", false},
 };
 
 }  // namespace
@@ -166,6 +186,7 @@ TEST_P(Packages, GetTheirAnswer) {
   row.spoil(builder);
   station.InsertStick(builder.Build());
   ExpectLog(row.log);
+  if (*row.reason != '\0') ExpectLog(row.reason + std::string(": "));
   if (row.reboots) {
     ExpectReboot(station);
     EXPECT_GE(station.commands().Count("systemctl stop lcd-esd-check.service"), 1U);
@@ -204,7 +225,7 @@ TEST_F(PpPackages, ThatCannotBeMovedLeaveNoVersionBehindAndAreTakenNextTime) {
                               .PpPage("7308", "S1.0.2.05", std::filesystem::path(stored).filename(), "zip")
                               .Build();
   station.InsertStick(package);
-  ExpectLog("cannot move /firmware/upload/page/pp/");
+  ExpectLog("portable.store: cannot move /firmware/upload/page/pp/");
   ASSERT_TRUE(station.panel().WaitForStatus(kFailed, kPatience).has_value());
   EXPECT_EQ(storedVersion(), "V0.0.0.00");
 

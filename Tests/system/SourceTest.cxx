@@ -14,6 +14,7 @@ TEST_F(Sources, StickThatNobodyMountedIsMountedAndUnmountedByTheDaemon) {
   options.mounted = false;
   station.InsertStick(std::vector<std::string>{}, options);
   EXPECT_TRUE(station.panel().WaitForStatus(kNoTask, kPatience).has_value());
+  ExpectLog("package.none: there is none in /run/media/");
   EXPECT_TRUE(station.commands().WaitForEnd("umount *", kPatience));
   options.partitioned = false;
   station.panel().Clear();
@@ -50,6 +51,7 @@ TEST_F(Sources, StickPulledInTheMiddleOfTheCopyEndsInAReportedFailure) {
   station.PullStick();
   station.commands().Release("sync");
   ExpectLog("Udisk copy file error");
+  ExpectLog("package.copy: ");
   ExpectReboot(station);
   EXPECT_EQ(Statuses(station.panel()), (std::vector<int>{kStarted, kFailed}));
   EXPECT_EQ(Station::MarkedForBoot(), Partition::A);
@@ -69,6 +71,7 @@ TEST_F(Sources, SecondPackageIsRefusedAndTheFirstOneUnharmed) {
   ASSERT_TRUE(station.commands().WaitForStart("7za x *", kPatience));
   station.InsertStick(second);
   ExpectLog("beingTask is have current upgrade  unpack failed.");
+  ExpectLog("busy: another package is under way");
   EXPECT_EQ(station.web().RequestUpgrade(second.name)->errorCode, WebServer::kBusy);
   station.commands().Release("7za x *");
   ExpectReboot(station);

@@ -64,6 +64,7 @@ enum class Reason : uint8_t {
   PartVersion,
   PartVerify,
   PartRecord,
+  BatteryDrained,
 };
 
 namespace Reasons {
@@ -86,7 +87,7 @@ struct Row {
 };
 
 // clang-format off
-inline constexpr std::array<Row, 51> kAll = {{
+inline constexpr std::array<Row, 52> kAll = {{
     {Reason::None,               "",                         Panel::Nothing,     false},
     {Reason::Stopped,            "stopped",                  Panel::Nothing,     false},
     {Reason::Busy,               "busy",                     Panel::Nothing,     false},
@@ -138,6 +139,7 @@ inline constexpr std::array<Row, 51> kAll = {{
     {Reason::PartVersion,        "part.*.version",           Panel::Failed,      true},
     {Reason::PartVerify,         "part.*.verify",            Panel::Failed,      true},
     {Reason::PartRecord,         "part.*.record",            Panel::Failed,      true},
+    {Reason::BatteryDrained,     "battery.drained",          Panel::Failed,      false},
 }};
 // clang-format on
 

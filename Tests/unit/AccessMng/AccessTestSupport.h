@@ -5,10 +5,11 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <atomic>
 #include <string>
 
 #include "BSW/BasicFun/JsonUtils.h"
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/AccessMng/AccessContext.h"
 #include "UpgradeFrame/AccessMng/RequestedSource.h"
 
 /// The text of a request.
@@ -27,30 +28,18 @@ inline Json::Value Ask(RequestedSource& source, const std::string& text) {
   return reply;
 }
 
-/// A fresh state of the process's one access frame, before and after each test.
-class AccessState {
- public:
-  AccessState() { Reset(); }
-  ~AccessState() { Reset(); }
-  AccessState(const AccessState&) = delete;
-  AccessState& operator=(const AccessState&) = delete;
-
-  QVUpgradeAccessFrame* operator->() const { return QVUpgradeAccessFrame::getAccessFrame(); }
+/// What a source works with, in a test's hands. Without a frame: no test comes as far.
+struct TestAccess {
+  DeviceVersions versions;
+  PackageClaim claim;
+  BatteryLevel battery;
+  std::atomic<int> imports{0};
+  const AccessContext context{nullptr, versions, claim, battery, [this] { ++imports; }};
 
   /// True when no source holds the claim; leaves it free.
-  static bool IsFree() {
-    QVUpgradeAccessFrame* access = QVUpgradeAccessFrame::getAccessFrame();
-    const bool isFree = access->TryClaim();
-    if (isFree) access->ReleaseClaim();
+  bool IsFree() {
+    const bool isFree = claim.TryClaim();
+    if (isFree) claim.ReleaseClaim();
     return isFree;
-  }
-
- private:
-  static void Reset() {
-    QVUpgradeAccessFrame* access = QVUpgradeAccessFrame::getAccessFrame();
-    access->ReleaseClaim();
-    access->setmStartUpgrade(false);
-    access->SetBattery(QVUpgradeAccessFrame::kBatteryUnknown);
-    access->SwitchBatteryLimited(true);
   }
 };

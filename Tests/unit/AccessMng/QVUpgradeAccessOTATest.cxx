@@ -28,9 +28,9 @@ class OtaTest : public testing::Test {
     WriteText(m_directory / "host.json", content);
   }
 
-  const AccessState m_access;
+  TestAccess m_access;
   const TempDirectory m_directory;
-  QVUpgradeAccessOTA m_ota{nullptr, m_directory / "host.json"};
+  QVUpgradeAccessOTA m_ota{m_access.context, m_directory / "host.json"};
 };
 
 Quorvalen::QueryResult Offer(const std::string& version, const std::string& fileName = "a.zip") {
@@ -51,18 +51,18 @@ TEST_F(OtaTest, RefusesWhileNoHostIsSet) {
       EXPECT_NE(reply["PropertyData"]["ErrorMsg"].asString().find("host.json"), std::string::npos);
     }
   }
-  EXPECT_TRUE(AccessState::IsFree());
+  EXPECT_TRUE(m_access.IsFree());
 }
 
 TEST_F(OtaTest, IsBusyWithOneQueryOrPackageAtATime) {
   SetHost();
   EXPECT_EQ(CodeOf(kQuery), 0);
   EXPECT_EQ(CodeOf(kQuery), 2);
-  EXPECT_TRUE(AccessState::IsFree());
+  EXPECT_TRUE(m_access.IsFree());
   EXPECT_EQ(CodeOf(kStart), 0) << "an upgrade takes the answer that is on its way";
-  m_access->ReleaseClaim();
+  m_access.claim.ReleaseClaim();
 
-  ASSERT_TRUE(m_access->TryClaim());
+  ASSERT_TRUE(m_access.claim.TryClaim());
   EXPECT_EQ(CodeOf(kQuery), 2);
   EXPECT_EQ(CodeOf(kStart), 2);
   EXPECT_EQ(CodeOf(kVersion), 0);
@@ -71,19 +71,19 @@ TEST_F(OtaTest, IsBusyWithOneQueryOrPackageAtATime) {
 TEST_F(OtaTest, ClaimsThePackageFromTheRequestOn) {
   SetHost();
   EXPECT_EQ(CodeOf(kStart), 0);
-  EXPECT_FALSE(AccessState::IsFree());
+  EXPECT_FALSE(m_access.IsFree());
   EXPECT_EQ(CodeOf(kStart), 2);
   EXPECT_EQ(CodeOf(kQuery), 2);
 }
 
 TEST_F(OtaTest, RefusesALowBatteryAndUnknownCommands) {
   SetHost();
-  m_access->SetBattery(5);
+  m_access.battery.SetBattery(5);
   EXPECT_EQ(CodeOf(kStart), 3);
   EXPECT_EQ(CodeOf(kQuery), 0);
   for (const int cmd : {0, 100, 499, 503}) EXPECT_EQ(CodeOf(cmd), 1) << cmd;
   EXPECT_EQ(Ask(m_ota, RequestText(kStart, "[]"))["Data"]["ErrorCode"], 1);
-  EXPECT_TRUE(AccessState::IsFree());
+  EXPECT_TRUE(m_access.IsFree());
 }
 
 TEST_F(OtaTest, GivesTheClaimBackWhenTheBackendIsGone) {
@@ -91,8 +91,8 @@ TEST_F(OtaTest, GivesTheClaimBackWhenTheBackendIsGone) {
   ASSERT_TRUE(m_ota.Start());
   ASSERT_EQ(CodeOf(kStart), 0);
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (m_access->IsClaimed() && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
-  EXPECT_FALSE(m_access->IsClaimed());
+  while (m_access.claim.IsClaimed() && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
+  EXPECT_FALSE(m_access.claim.IsClaimed());
 }
 
 TEST(OtaOffer, TakesAnyOtherVersionAndNoUnusableName) {
@@ -133,8 +133,8 @@ TEST(OtaOffer, CountsSizesBeyondFourGigabytes) {
   EXPECT_EQ(OtaOffer::Percent(6 * kGiB, 6 * kGiB), 99);
 
   // Three copies are on the disk while a package is unpacked; what has arrived is one part of them.
-  EXPECT_EQ(OtaOffer::SpaceShortage(6 * kGiB, 6 * kGiB, 12 * kGiB), "");
-  EXPECT_EQ(OtaOffer::SpaceShortage(100, 10, 289),
-            "no space to download and unpack it: 290 bytes are needed, 289 are free");
-  EXPECT_NE(OtaOffer::SpaceShortage(UINT64_MAX, 0, 12 * kGiB), "");
+  EXPECT_FALSE(OtaOffer::SpaceShortage(6 * kGiB, 6 * kGiB, 12 * kGiB));
+  EXPECT_EQ(OtaOffer::SpaceShortage(100, 10, 289).Text(),
+            "space: no space to download and unpack it: 290 bytes are needed, 289 are free");
+  EXPECT_TRUE(OtaOffer::SpaceShortage(UINT64_MAX, 0, 12 * kGiB));
 }

@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,6 +11,7 @@
 #include "AccessTestSupport.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessUdisk.h"
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessWebs.h"
+#include "common/Condition.h"
 
 namespace {
 
@@ -28,9 +27,9 @@ class WebsTest : public testing::Test {
     return path;
   }
 
-  const AccessState m_access;
+  TestAccess m_access;
   const TempDirectory m_directory;
-  QVUpgradeAccessWebs m_webs;
+  QVUpgradeAccessWebs m_webs{m_access.context};
 };
 
 }  // namespace
@@ -39,7 +38,7 @@ TEST_F(WebsTest, TakesOneUploadAtATime) {
   const std::string upload = R"({"fileName":")" + Upload("a.zip") + R"(","checkVersion":false})";
   EXPECT_EQ(AskFor(upload), 0);
   EXPECT_EQ(AskFor(upload), 2);
-  EXPECT_FALSE(AccessState::IsFree());
+  EXPECT_FALSE(m_access.IsFree());
 }
 
 TEST_F(WebsTest, RepeatsNumberAndCommandOfABadRequest) {
@@ -70,7 +69,7 @@ TEST_F(WebsTest, CallsHostileFileNamesMalformed) {
        }) {
     EXPECT_EQ(AskFor(payload), 1) << payload;
   }
-  EXPECT_TRUE(AccessState::IsFree());
+  EXPECT_TRUE(m_access.IsFree());
 }
 
 TEST_F(WebsTest, RefusesMissingFilesLinksAndALowBattery) {
@@ -79,9 +78,9 @@ TEST_F(WebsTest, RefusesMissingFilesLinksAndALowBattery) {
   ASSERT_EQ(symlink(upload.c_str(), link.c_str()), 0);
   EXPECT_EQ(AskFor(R"({"fileName":")" + (m_directory / "missing.zip") + R"("})"), 3);
   EXPECT_EQ(AskFor(R"({"fileName":")" + link + R"("})"), 3);
-  m_access->SetBattery(5);
+  m_access.battery.SetBattery(5);
   EXPECT_EQ(AskFor(R"({"fileName":")" + upload + R"("})"), 3);
-  EXPECT_TRUE(AccessState::IsFree());
+  EXPECT_TRUE(m_access.IsFree());
 }
 
 TEST(QVUpgradeAccessUdisk, SearchesPartitionsByNumberBeforeWholeDisks) {
@@ -92,23 +91,22 @@ TEST(QVUpgradeAccessUdisk, SearchesPartitionsByNumberBeforeWholeDisks) {
 
 namespace {
 
-/// A source to which one package arrives; what becomes of it can be waited for.
-class OnePackageSource : public QVUpgradeAccessSource {
+/// A source to which one package arrives that it cannot unpack; what becomes of it can be waited for.
+class OnePackageSource : public QVUpgradeAccessBase {
  public:
-  OnePackageSource() : QVUpgradeAccessSource("OnePackage", UP_UDISK) {}
+  explicit OnePackageSource(const AccessContext& access)
+      : QVUpgradeAccessBase("OnePackage", UP_UDISK, access) {}
   ~OnePackageSource() override { CleanUp(); }
 
   bool WaitUntilIdleAgain() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_cond.wait_for(lock, std::chrono::seconds(5), [this] { return m_waits >= 2; });
+    const CLock lock(m_mutex);
+    return m_cond.WaitFor(m_mutex, std::chrono::seconds(5),
+                          [this]() REQUIRES(m_mutex) { return m_waits >= 2; });
   }
-  bool Ended() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_bEnded;
-  }
-  std::vector<int> Reports() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_reports;
+  /// Why its package ended.
+  Failure End() {
+    const CLock lock(m_mutex);
+    return m_end;
   }
 
  protected:
@@ -116,44 +114,37 @@ class OnePackageSource : public QVUpgradeAccessSource {
   void _Unlisten() override {}
   bool _WaitForPackage() override {
     {
-      const std::lock_guard<std::mutex> lock(m_mutex);
+      const CLock lock(m_mutex);
       ++m_waits;
-      m_cond.notify_all();
+      m_cond.NotifyAll();
       if (m_waits == 1) return _Claim();
     }
     _WaitForQueuedState();  // until the stop
     return false;
   }
-  bool _UnpackPackage() override { return false; }
-  void _PackageEnded() override {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_bEnded = true;
-  }
-  void _ReportStatus(int status) override {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_reports.push_back(status);
+  Failure _UnpackPackage() override { return {Reason::PackageNone, "", UP_NO_TYPE}; }
+  void _PackageEnded(const Failure& failure) override {
+    const CLock lock(m_mutex);
+    m_end = failure;
   }
 
  private:
-  std::mutex m_mutex;  ///< guards all members below
-  std::condition_variable m_cond;
-  int m_waits = 0;
-  bool m_bEnded = false;
-  std::vector<int> m_reports;
+  CMutex m_mutex;
+  CCondition m_cond;
+  int m_waits GUARDED_BY(m_mutex) = 0;
+  Failure m_end GUARDED_BY(m_mutex);
 };
 
 }  // namespace
 
-TEST(QVUpgradeAccessSource, GivesARefusedPackageBackAndWaitsForTheNext) {
-  const AccessState access;
-  access->SetBattery(3);
-  OnePackageSource source;
+TEST(QVUpgradeAccessBase, GivesARefusedPackageBackAndWaitsForTheNext) {
+  TestAccess access;
+  access.battery.SetBattery(3);
+  OnePackageSource source(access.context);
   ASSERT_TRUE(source.Start());
   ASSERT_TRUE(source.WaitUntilIdleAgain());
-  EXPECT_TRUE(source.Ended());
-  EXPECT_TRUE(AccessState::IsFree());
-  // The low-battery message told the panel; a failure would be a second one.
-  EXPECT_TRUE(source.Reports().empty());
+  EXPECT_EQ(source.End().Text(), "battery.low: 3 % are left, more than 5 % are needed");
+  EXPECT_TRUE(access.IsFree());
   source.RequestStop();
   source.CleanUp();
 }

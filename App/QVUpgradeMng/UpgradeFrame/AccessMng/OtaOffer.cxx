@@ -55,12 +55,13 @@ int Percent(uint64_t received, uint64_t total) {
   return static_cast<int>(std::min<double>(percent, kMaxUnfinishedPercent));
 }
 
-std::string SpaceShortage(uint64_t size, uint64_t present, uint64_t available) {
+Failure SpaceShortage(uint64_t size, uint64_t present, uint64_t available) {
   const uint64_t needed = size > UINT64_MAX / kCopiesOnDisk ? UINT64_MAX : size * kCopiesOnDisk;
   const uint64_t missing = needed - std::min(present, needed);
   if (missing <= available) return {};
-  return FormatText("no space to download and unpack it: %" PRIu64 " bytes are needed, %" PRIu64 " are free",
-                    missing, available);
+  return Fail(Reason::Space,
+              "no space to download and unpack it: %" PRIu64 " bytes are needed, %" PRIu64 " are free",
+              missing, available);
 }
 
 }  // namespace OtaOffer

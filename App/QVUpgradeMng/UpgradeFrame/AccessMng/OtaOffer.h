@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Backend/QuorvalenBackendServer.h"
+#include "UpgradePackage/Reasons.h"
 
 namespace OtaOffer {
 
@@ -24,6 +25,6 @@ int Percent(uint64_t received, uint64_t total);
 
 /// Why a package of `size` bytes, of which `present` are on the disk, cannot be downloaded and unpacked with
 /// `available` bytes left; empty when it can.
-std::string SpaceShortage(uint64_t size, uint64_t present, uint64_t available);
+Failure SpaceShortage(uint64_t size, uint64_t present, uint64_t available);
 
 }  // namespace OtaOffer

@@ -1,23 +1,22 @@
-/// The common path of a package, whatever source it came from: prepare the page directory, check the name,
-/// unpack, check the manifest, move the parts' archives to where the frame finds them. A source derives from
-/// it and calls the steps in this order on its own thread. Everything in a package is taken for hostile until
-/// it has been checked.
+/// One way of a package, whatever source it came from: the states from its arrival to the start of the frame,
+/// on a thread of the source's own. A source derives from it and adds how a package arrives and which unpack
+/// it takes. The steps behind the states are PackageUnpack, PackageCheck and PackageMove; everything in a
+/// package is taken for hostile until they have checked it. The access frame owns all sources.
 #pragma once
-
-#include <json/json.h>
 
 #include <string>
 
+#include "UpgradeFrame/AccessMng/AccessContext.h"
+#include "UpgradeFrame/StateMachine.h"
 #include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradePackage/Reasons.h"
+#include "common/CallbackInfo.h"
 
 /// How a source tells that its package is ready: access type and the user data of the registration. 0 when
 /// taken.
 using START_UPGRADE_CALLBACK = int (*)(int accessType, void* userData);
 
-/// No data of its own. Once the calling thread was asked to stop, no step starts a further command but the
-/// pinning of interrupts, and a step that was cut short gives a failure without reporting it and without a
-/// reboot.
-class QVUpgradeAccessBase {
+class QVUpgradeAccessBase : public StateMachine<QVUpgradeAccessBase> {
  public:
   enum RetType {
     EM_RET_SUCCESS = 0,
@@ -25,72 +24,62 @@ class QVUpgradeAccessBase {
     EM_RET_NO_NEED = 2,  ///< the package's version is installed already
   };
 
-  QVUpgradeAccessBase() = default;
-  virtual ~QVUpgradeAccessBase() = default;
-  QVUpgradeAccessBase(const QVUpgradeAccessBase&) = delete;
-  QVUpgradeAccessBase& operator=(const QVUpgradeAccessBase&) = delete;
-
-  /// Stores the one callback. False when one is stored already or `callback` is null.
-  virtual bool RegisterUploadPrecentCallback(START_UPGRADE_CALLBACK callback, void* userData) = 0;
+  /// Stores the one callback. False when one is stored already or `callback` is null. Only while the source
+  /// is not started, like the next.
+  virtual bool RegisterUploadPrecentCallback(START_UPGRADE_CALLBACK callback, void* userData);
   /// Removes the stored callback; false when it is another one.
-  virtual bool UnregisterUploadPrecentCallback(START_UPGRADE_CALLBACK callback, void* userData) = 0;
+  virtual bool UnregisterUploadPrecentCallback(START_UPGRADE_CALLBACK callback, void* userData);
+
+  /// Begins to listen for packages. False, logged, when that is not possible.
+  bool Start();
+  /// Asks the source to stop and returns at once. A command that runs is let finish; no further one starts.
+  void RequestStop();
+  /// Ends listening and joins the thread. Every derived destructor calls it.
+  void CleanUp();
 
  protected:
-  /// Creates the page root and its sub-directories and frees the space that old core dumps take.
-  static void InitUpgradeFilePath();
+  QVUpgradeAccessBase(const char* threadName, UPGRADEACCESSTYPE accessType, AccessContext access);
 
-  /// Finds the package in the directory `path` (UP_UDISK), or takes the package `path` (UP_WEBS), and unpacks
-  /// it into the page root; it refuses an installed version. False: the panel knows why, except while another
-  /// package is being upgraded. A failed copy or unpack has rebooted the unit.
-  bool Unpack(UPGRADEACCESSTYPE accessType, const std::string& path);
+  /// Main's thread; _Unlisten only after a _Listen that succeeded.
+  virtual bool _Listen() = 0;
+  virtual void _Unlisten() = 0;
+  /// Waits in "Idle". True: a package is there and claimed; false: none after all, or the thread was asked to
+  /// stop.
+  virtual bool _WaitForPackage() = 0;
+  /// Brings a package that is still elsewhere onto the disk.
+  virtual Failure _FetchPackage() { return {}; }
+  virtual Failure _UnpackPackage() = 0;
+  /// Hands the prepared package to the frame; false while the frame does not take it.
+  virtual bool _StartFrame();
+  /// The package ended without a start, and the panel knows: a source gives back what it holds. Afterwards
+  /// the unit is rebooted when it must be, and the claim given back.
+  virtual void _PackageEnded(const Failure& /*failure*/) {}
 
-  /// Unpacks the package `path` (UP_WEBS, UP_OTA) in the download directory, copies what the manifest names
-  /// into the page root and deletes the package. `checkVersion` refuses an installed version.
-  bool UnpackWebAndOTA(UPGRADEACCESSTYPE accessType, const std::string& path, bool checkVersion);
+  /// Takes the claim on the one package under way; false, logged, when another package has it. Any thread.
+  bool _Claim();
+  /// Refuses a package when the battery is low. Any thread.
+  Failure _CheckBattery();
+  /// The one end of a claimed package without a start: tells the panel and the log why, reboots the unit when
+  /// it must not go on with half a page, and gives the claim back. Any thread.
+  void _EndWithoutStart(const Failure& failure);
 
-  /// Checks the page root against the `current` versions: imports portable-part packages, and unpacks the
-  /// base station's archive into the staging directory. A RetType: that of the base station's element,
-  /// EM_RET_FAILED when there is none.
-  int CheckPack(const AllVersion& current);
-
-  /// Moves the parts' archives from the staging directory to their page directories. A failure reboots the
-  /// unit.
-  bool MovePack();
-
-  /// Pins the interrupts of radio and audio to their usual cores, or, with `change`, frees them for all cores
-  /// while the network needs them. They are pinned even when the calling thread was asked to stop.
-  static void _SetSmpAffinityToCpu0(bool change);
-
-  /// Sends a status of the base station to the panel.
-  virtual void _ReportStatus(int status);
-  /// Called before a failure reboots the unit: a source gives back what it holds.
-  virtual void _BeforeReboot() {}
-
-  bool _CheckPackName(UPGRADEACCESSTYPE accessType, const std::string& fileName, bool checkVersion);
-  /// Compares the file's digest with `md5`; `computed`, when wanted, gets the digest. A file that cannot be
-  /// read matches nothing.
-  static bool _CheckFileMd5Sum(const std::string& path, const std::string& md5,
-                               std::string* computed = nullptr);
-  int _CheckRruPack(const AllVersion& current, const Json::Value& item);
-  /// Imports a portable-part package into the store, and its versions into `versions` and the access frame's
-  /// record.
-  static bool _CheckPpPack(AllVersion& versions, const Json::Value& item);
-  /// Copies manifest and named archives from the download directory to the page root. False: no readable
-  /// manifest.
-  static bool _MoveUpgradePage();
+  const UPGRADEACCESSTYPE m_accessType;
+  const AccessContext m_access;
 
  private:
-  /// Copies the stick's package to `target`, by the shell when copying it ourselves fails.
-  static bool _CopyPack(const std::string& source, const std::string& target);
-  /// Kills what needs the memory, unpacks `archive` into `directory`, and reboots the unit when that fails.
-  bool _UnpackArchive(const std::string& archive, const char* directory);
-  bool _NoTask();
-  /// The steps of _CheckPpPack: all families, counted in `imported`, and one of them. Errors are thrown to
-  /// _CheckPpPack; what was imported before stays.
-  static void _ImportPpPack(AllVersion& versions, const Json::Value& item, int& imported);
-  static bool _ImportPpFamily(AllVersion& versions, const Json::Value& package);
-  static bool _MovePages();
-  /// Reports -1 and reboots the unit, which must not go on with half a page. `lastLine` is logged before the
-  /// reboot.
-  void _FailAndReboot(const char* lastLine = nullptr);
+  std::string _IdleState();
+  std::string _Preprocess();
+  std::string _CheckState();
+  std::string _NotifyState();
+  std::string _SuccessState();
+  std::string _FaildState();
+  /// The package ends here: in "Faild", where `failure` is told.
+  std::string _Refuse(Failure failure);
+  static RetType _ResultOf(const Failure& failure);
+  void _FailAndReboot(Reason reason);
+
+  static const Table m_MapStateMachineFunc;
+  bool m_bListening = false;  ///< main's thread only
+  Failure m_failure;          ///< why the package under way ends; source's thread only
+  CCallbackInfo<START_UPGRADE_CALLBACK> m_callback;
 };

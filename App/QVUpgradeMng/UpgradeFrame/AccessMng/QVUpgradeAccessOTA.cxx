@@ -11,9 +11,12 @@
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/Log/CLog.h"
+#include "UpgradeFrame/AccessMng/DownloadDirectory.h"
+#include "UpgradeFrame/AccessMng/InterruptAffinity.h"
 #include "UpgradeFrame/AccessMng/OtaOffer.h"
-#include "UpgradeFrame/AccessMng/PackageSteps.h"
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
+#include "UpgradeFrame/AccessMng/PackagePage.h"
+#include "UpgradeFrame/AccessMng/PackageUnpack.h"
+#include "UpgradeFrame/AccessMng/PanelReports.h"
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
@@ -49,10 +52,11 @@ bool HasEnded(const DownloadTask::Status& status) {
          status.state == DownloadTask::State::Cancelled;
 }
 
-std::string SpaceShortage(const std::string& archive, uint64_t size) {
+Failure SpaceShortage(const std::string& archive, uint64_t size) {
   partition_usage_t usage;
-  if (!QVUpgradeTool::getPartitionUserSize(UpgradePaths::kDownload, &usage))
-    return "the free space is unknown";
+  if (!QVUpgradeTool::getPartitionUserSize(UpgradePaths::kDownload, &usage)) {
+    return Fail(Reason::Space, "the free space is unknown");
+  }
   const int64_t present = std::max(
       {XGetFileSize(archive), XGetFileSize(archive + UpgradePaths::kUnfinishedExtension), int64_t{0}});
   return OtaOffer::SpaceShortage(size, static_cast<uint64_t>(present), usage.available_bytes);
@@ -60,9 +64,8 @@ std::string SpaceShortage(const std::string& archive, uint64_t size) {
 
 }  // namespace
 
-QVUpgradeAccessOTA::QVUpgradeAccessOTA(QVUpgradeFrameBase* frame, std::string hostFile)
-    : RequestedSource("AccessOTA", UP_OTA, {kInterface, kMethod, ForwardTo<UP_OTA>, "ota"}),
-      m_pFrame(frame),
+QVUpgradeAccessOTA::QVUpgradeAccessOTA(const AccessContext& access, std::string hostFile)
+    : RequestedSource("AccessOTA", UP_OTA, access, {kInterface, kMethod, ForwardTo<UP_OTA>, "ota"}),
       m_hostFile(std::move(hostFile)) {}
 
 QVUpgradeAccessOTA::~QVUpgradeAccessOTA() {
@@ -72,7 +75,7 @@ QVUpgradeAccessOTA::~QVUpgradeAccessOTA() {
 bool QVUpgradeAccessOTA::_Listen() {
   // A download that a crash cut short, in the transfer or in the check of all of it, has left the interrupts
   // free.
-  if (PackageSteps::HasDownload()) _SetSmpAffinityToCpu0(false);
+  if (DownloadDirectory::HasDownload()) InterruptAffinity::_SetSmpAffinityToCpu0(false);
   if (m_loop.Start() && RequestedSource::_Listen()) return true;
   m_loop.Stop();
   return false;
@@ -95,7 +98,7 @@ RequestedSource::Answer QVUpgradeAccessOTA::_Accept(const IpcEnvelope::Request& 
     case DeviceUpgradeUIIPC::UPGRADE_OTA_START:
       return _AcceptStart();
     case DeviceUpgradeUIIPC::UPGRADE_UI_GET_VERSION:
-      QVUpgradeAccessFrame::getAccessFrame()->SendVersionUI();
+      m_access.versions.SendVersionUI();
       return {};
     default:
       return _Malformed();
@@ -103,7 +106,7 @@ RequestedSource::Answer QVUpgradeAccessOTA::_Accept(const IpcEnvelope::Request& 
 }
 
 RequestedSource::Answer QVUpgradeAccessOTA::_AcceptQuery() {
-  return QVUpgradeAccessFrame::getAccessFrame()->IsClaimed() ? _Busy() : _AskBackend(false);
+  return m_access.claim.IsClaimed() ? _Busy() : _AskBackend(false);
 }
 
 RequestedSource::Answer QVUpgradeAccessOTA::_AcceptStart() {
@@ -122,7 +125,7 @@ RequestedSource::Answer QVUpgradeAccessOTA::_AcceptStart() {
 RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend(bool orJoin) {
   const std::string host = ReadHost(m_hostFile);
   if (host.empty()) return {REPLY_REFUSED, "no backend host is set in " + m_hostFile};
-  const OTAVersion installed = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion().m_oldOverallVer;
+  const OTAVersion installed = m_access.versions.getAllVersion().m_oldOverallVer;
   const Quorvalen::QueryRequest query = {DeviceIdentity::kProductCode, DeviceIdentity::kDeviceId,
                                          installed.m_hardVersion, installed.m_softVersion};
 
@@ -138,7 +141,7 @@ RequestedSource::Answer QVUpgradeAccessOTA::_AskBackend(bool orJoin) {
 }
 
 void QVUpgradeAccessOTA::_OnAnswer(uint64_t query, const QueryResult& answer) {
-  const AllVersion versions = QVUpgradeAccessFrame::getAccessFrame()->getAllVersion();
+  const AllVersion versions = m_access.versions.getAllVersion();
   QueryResult judged = OtaOffer::Judge(answer, versions.m_oldOverallVer.m_softVersion);
   const CLock lock(m_queueNextMutex);
   // A query that was started meanwhile gets its own answer.
@@ -148,8 +151,7 @@ void QVUpgradeAccessOTA::_OnAnswer(uint64_t query, const QueryResult& answer) {
   m_stateCond.NotifyAll();
 }
 
-template <class Condition>
-bool QVUpgradeAccessOTA::_WaitAndTell(Condition isReached) {
+bool QVUpgradeAccessOTA::_WaitAndTell(bool (QVUpgradeAccessOTA::*take)()) {
   CLock lock(m_queueNextMutex);
   while (IsRunning()) {
     if (!m_reports.empty()) {
@@ -158,7 +160,7 @@ bool QVUpgradeAccessOTA::_WaitAndTell(Condition isReached) {
       lock.Unlock();
       UpgradeIpcMsg::GetUpgradeIpc()->SendOtaMsg(DeviceUpgradeUIIPC::UPGRADE_OTA_QUERY, report);
       lock.Lock();
-    } else if (isReached()) {
+    } else if ((this->*take)()) {
       return true;
     } else {
       m_stateCond.Wait(m_queueNextMutex);
@@ -168,46 +170,52 @@ bool QVUpgradeAccessOTA::_WaitAndTell(Condition isReached) {
 }
 
 bool QVUpgradeAccessOTA::_WaitForPackage() {
-  return _WaitAndTell([this] { return std::exchange(m_bStartWanted, false); });
+  return _WaitAndTell(&QVUpgradeAccessOTA::_TakeStart);
 }
 
-bool QVUpgradeAccessOTA::_FetchPackage() {
-  std::string error;
-  const std::optional<PackageInfo> package = _AwaitOffer(error);
-  const bool fetched = package && _Download(*package, error);
-  if (!IsRunning()) return false;  // a request after the next start goes on with what is there
-  if (!fetched) LOGW("no package from the cloud: %s", error.c_str());
-  ReportStart(fetched ? "done" : "failed", error);
-  return fetched;
+bool QVUpgradeAccessOTA::_TakeStart() {
+  return std::exchange(m_bStartWanted, false);
 }
 
-std::optional<PackageInfo> QVUpgradeAccessOTA::_AwaitOffer(std::string& error) {
-  QueryResult answer;
-  const auto take = [&] {
-    if (!m_answer) return false;
-    // Used up: should this download fail, the next request asks whether the package is still the same.
-    answer = std::move(*m_answer);
-    m_answer.reset();
-    return true;
-  };
-  if (!_WaitAndTell(take)) return std::nullopt;
-  error = answer.error;
-  if (!answer.error.empty()) {
+Failure QVUpgradeAccessOTA::_FetchPackage() {
+  Failure failure = _AwaitOffer();
+  if (!failure) failure = _Download(*m_offer.package);
+  // After a stop a request to the next start goes on with what is there.
+  if (!IsRunning()) return {Reason::Stopped, "", UP_NO_TYPE};
+  if (failure.reason != Reason::CloudNone) ReportStart(failure ? "failed" : "done", failure.context);
+  return failure;
+}
+
+// That there is no newer package comes after the status: nothing was begun that failed.
+void QVUpgradeAccessOTA::_PackageEnded(const Failure& failure) {
+  if (failure.reason == Reason::CloudNone) ReportStart("failed", failure.context);
+  RequestedSource::_PackageEnded(failure);
+}
+
+Failure QVUpgradeAccessOTA::_AwaitOffer() {
+  if (!_WaitAndTell(&QVUpgradeAccessOTA::_TakeAnswer)) return {Reason::Stopped, "", UP_NO_TYPE};
+  if (!m_offer.error.empty()) {
     m_backend.Cancel();  // the request has failed: no tries that nobody waits for
-  } else if (!answer.package) {
-    error = "the backend has no newer package";
-    _ReportStatus(UI_STATUS_NO_TASK);
+    return Fail(Reason::CloudAnswer, "%s", m_offer.error.c_str());
   }
-  return answer.package;
+  if (!m_offer.package) return Fail(Reason::CloudNone, "the backend has no newer package");
+  return {};
 }
 
-bool QVUpgradeAccessOTA::_Download(const PackageInfo& package, std::string& error) {
+bool QVUpgradeAccessOTA::_TakeAnswer() {
+  if (!m_answer) return false;
+  // Used up: should this download fail, the next request asks whether the package is still the same.
+  m_offer = std::move(*m_answer);
+  m_answer.reset();
+  return true;
+}
+
+Failure QVUpgradeAccessOTA::_Download(const PackageInfo& package) {
   m_archive = std::string(UpgradePaths::kDownload) + "/" + package.fileName;
-  PackageSteps::CreateDownloadDirectory();
-  PackageSteps::ClearOtherDownloads(m_archive);
-  InitUpgradeFilePath();  // what an earlier package and core dumps take is free
-  error = SpaceShortage(m_archive, package.size);
-  if (!error.empty()) return false;
+  DownloadDirectory::Create();
+  DownloadDirectory::ClearForDownload(m_archive);
+  PackagePage::InitUpgradeFilePath();  // what an earlier package and core dumps take is free
+  if (Failure failure = SpaceShortage(m_archive, package.size)) return failure;
 
   {
     const CLock lock(m_queueNextMutex);
@@ -216,19 +224,20 @@ bool QVUpgradeAccessOTA::_Download(const PackageInfo& package, std::string& erro
   // A file that is complete already, because the daemon was stopped or the battery ran low before it was
   // unpacked, is only verified.
   ReportStart("started", "");
-  _ReportProgress(0);
-  _SetSmpAffinityToCpu0(true);
+  PanelReports::Status(UI_STATUS_DOWNLOADING);
+  InterruptAffinity::_SetSmpAffinityToCpu0(true);
+  std::string error;
   const std::shared_ptr<DownloadTask> task = m_downloads.Add(
       {package.url, UpgradePaths::kDownload, package.fileName, package.size, package.md5},
       [this](const DownloadTask::Status& status) { _OnDownload(status); }, error);
-  const bool arrived = task != nullptr && _AwaitDownload(error);
-  _SetSmpAffinityToCpu0(false);
-  if (!arrived) return false;
-  _ReportProgress(kWholePercent);
-  // A download takes long enough to drain it.
-  if (!_RefuseLowBattery()) return true;
-  error = kBatteryTooLow;
-  return false;
+  Failure failure = task != nullptr ? _AwaitDownload() : Fail(Reason::CloudDownload, "%s", error.c_str());
+  InterruptAffinity::_SetSmpAffinityToCpu0(false);
+  if (failure) return failure;
+  PanelReports::Status(UI_STATUS_DOWNLOADING, kWholePercent);
+  // A download takes long enough to drain it. The web server hears of the failure, the panel of both.
+  if (!_CheckBattery()) return {};
+  PanelReports::BatteryLow();
+  return {Reason::BatteryDrained, kBatteryTooLow, UP_NO_TYPE};
 }
 
 void QVUpgradeAccessOTA::_OnDownload(const DownloadTask::Status& status) {
@@ -237,7 +246,7 @@ void QVUpgradeAccessOTA::_OnDownload(const DownloadTask::Status& status) {
   m_stateCond.NotifyAll();
 }
 
-bool QVUpgradeAccessOTA::_AwaitDownload(std::string& error) {
+Failure QVUpgradeAccessOTA::_AwaitDownload() {
   using Clock = std::chrono::steady_clock;
   int reported = 0;
   Clock::time_point nextReport = Clock::now() + kProgressInterval;
@@ -250,28 +259,22 @@ bool QVUpgradeAccessOTA::_AwaitDownload(std::string& error) {
       m_stateCond.WaitUntil(m_queueNextMutex, nextReport);
     } else {
       lock.Unlock();
-      _ReportProgress(percent);
+      PanelReports::Status(UI_STATUS_DOWNLOADING, percent);
       reported = percent;
       nextReport = Clock::now() + kProgressInterval;
       lock.Lock();
     }
   }
-  error = m_download.message;
-  return m_download.state == DownloadTask::State::Done;
+  if (m_download.state == DownloadTask::State::Done) return {};
+  return Fail(Reason::CloudDownload, "%s", m_download.message.c_str());
 }
 
-void QVUpgradeAccessOTA::_ReportProgress(int percent) {
-  UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(UI_STATUS_DOWNLOADING, percent, kNoVersion,
-                                                DataDef::EM_UPG_RRU);
-}
-
-bool QVUpgradeAccessOTA::_UnpackPackage() {
-  return UnpackWebAndOTA(UP_OTA, m_archive, false);
+Failure QVUpgradeAccessOTA::_UnpackPackage() {
+  return PackageUnpack::UnpackWebAndOTA(m_access, UP_OTA, m_archive, false);
 }
 
 bool QVUpgradeAccessOTA::_StartFrame() {
-  QVUpgradeAccessFrame* const access = QVUpgradeAccessFrame::getAccessFrame();
-  if (!m_pFrame->startUpgrade(UP_OTA, access->getAllVersion())) return false;
-  access->setmStartUpgrade(true);
+  if (!m_access.frame->startUpgrade(UP_OTA, m_access.versions.getAllVersion())) return false;
+  m_access.claim.setmStartUpgrade(true);
   return true;
 }

@@ -21,13 +21,12 @@
 #include "UpgradeFrame/AccessMng/RequestedSource.h"
 #include "UpgradeFrame/UpgradePaths.h"
 #include "UpgradeIpcMsg/IpcEnvelope.h"
-
-class QVUpgradeFrameBase;
+#include "common/ThreadAnnotations.h"
 
 class QVUpgradeAccessOTA : public RequestedSource {
  public:
-  /// `frame` is not owned. `hostFile` holds the backend's base URL and is read before every query.
-  explicit QVUpgradeAccessOTA(QVUpgradeFrameBase* frame, std::string hostFile = UpgradePaths::kOtaHostFile);
+  /// `hostFile` holds the backend's base URL and is read before every query.
+  explicit QVUpgradeAccessOTA(const AccessContext& access, std::string hostFile = UpgradePaths::kOtaHostFile);
   ~QVUpgradeAccessOTA() override;
 
  protected:
@@ -37,9 +36,10 @@ class QVUpgradeAccessOTA : public RequestedSource {
   void ThreadProc() override;
   Answer _Accept(const IpcEnvelope::Request& request) override;
   bool _WaitForPackage() override;
-  bool _FetchPackage() override;
-  bool _UnpackPackage() override;
+  Failure _FetchPackage() override;
+  Failure _UnpackPackage() override;
   bool _StartFrame() override;
+  void _PackageEnded(const Failure& failure) override;
 
  private:
   Answer _AcceptQuery();
@@ -51,31 +51,34 @@ class QVUpgradeAccessOTA : public RequestedSource {
   void _OnAnswer(uint64_t query, const Quorvalen::QueryResult& answer);
   void _OnDownload(const Quorvalen::DownloadTask::Status& status);
 
-  /// Waits until `isReached` holds under m_queueNextMutex, and tells the panel of every answer that comes
-  /// meanwhile. False: the thread was asked to stop.
-  template <class Condition>
-  bool _WaitAndTell(Condition isReached);
-  /// The steps of a download on the source's thread. On failure `error` says why, unless the thread was asked
-  /// to stop.
-  std::optional<Quorvalen::PackageInfo> _AwaitOffer(std::string& error);
-  bool _Download(const Quorvalen::PackageInfo& package, std::string& error);
-  bool _AwaitDownload(std::string& error);
-  static void _ReportProgress(int percent);
+  /// Waits until `take` has got what it is for, and tells the panel of every answer that comes meanwhile.
+  /// False: the thread was asked to stop.
+  bool _WaitAndTell(bool (QVUpgradeAccessOTA::*take)());
+  bool _TakeStart() REQUIRES(m_queueNextMutex);
+  bool _TakeAnswer() REQUIRES(m_queueNextMutex);
 
-  QVUpgradeFrameBase* const m_pFrame;
+  /// The steps of a download on the source's thread.
+  Failure _AwaitOffer();
+  Failure _Download(const Quorvalen::PackageInfo& package);
+  Failure _AwaitDownload();
+
   const std::string m_hostFile;
 
   Quorvalen::TransferLoop m_loop;
   Quorvalen::QuorvalenBackendServer m_backend{m_loop};
   Quorvalen::QuorvalenDownloadManager m_downloads{m_loop};
 
-  // m_queueNextMutex guards these; it is held while a query is started, so that its answer comes after, and
-  // never while something is sent.
-  uint64_t m_query = 0;                            ///< number of the last query; older ones count no more
-  std::optional<Quorvalen::QueryResult> m_answer;  ///< of the last query; none while one is on its way
-  std::queue<Json::Value> m_reports;               ///< on answers, which the panel has yet to be told
-  bool m_bStartWanted = false;                     ///< a package was claimed by a request
-  Quorvalen::DownloadTask::Status m_download;
+  // The lock is held while a query is started, so that its answer comes after, and never while something is
+  // sent.
+  uint64_t m_query GUARDED_BY(m_queueNextMutex) = 0;  ///< number of the last query; older ones count no more
+  /// Of the last query; none while one is on its way.
+  std::optional<Quorvalen::QueryResult> m_answer GUARDED_BY(m_queueNextMutex);
+  /// On answers, which the panel has yet to be told.
+  std::queue<Json::Value> m_reports GUARDED_BY(m_queueNextMutex);
+  bool m_bStartWanted GUARDED_BY(m_queueNextMutex) = false;  ///< a package was claimed by a request
+  Quorvalen::DownloadTask::Status m_download GUARDED_BY(m_queueNextMutex);
 
-  std::string m_archive;  ///< the downloaded package; source's thread only
+  // The source's thread only.
+  Quorvalen::QueryResult m_offer;  ///< the answer that the request under way took
+  std::string m_archive;           ///< the downloaded package
 };

@@ -3,34 +3,62 @@
 /// own: so nothing is read until the nodes have been quiet for two seconds.
 #include "UpgradeFrame/AccessMng/QVUpgradeAccessUdisk.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <cctype>
-#include <regex>
-#include <tuple>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
+#include "BSW/BasicFun/BlockNodes.h"
 #include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "BSW/PhyInterface/PhyInterface.h"
+#include "UpgradeFrame/AccessMng/PackageUnpack.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 
 namespace {
 
-constexpr const char* kStickPattern = "/dev/sd.*";
 constexpr const char* kPpPattern = "/dev/ttyACM[0-9]";
 constexpr const char* kPpNode = "/dev/ttyACM";
 constexpr int kPpNodeCount = 10;
-
-/// A disk or partition node; nothing else that matches the monitor's pattern is mounted.
-constexpr const char* kDiskNodePattern = "/dev/sd[a-z]+[0-9]*";
 
 /// How long no node may have come or gone before the stick is read: the system has mounted it by then, if it
 /// does.
 constexpr std::chrono::seconds kNodesQuiet(2);
 
+constexpr const char* kMountRoot = "/run/media/";
+/// Whatever is on the stick does not act on the base station: nothing of it is run, and no device node on it
+/// opens a device.
+constexpr const char* kMountCommand = "mount -o ro,nosuid,nodev,noexec ";
+constexpr mode_t kMountPointMode = 0755;
+
+/// The file system of `node` where the system mounted it, else mounted read-only by us. A failure is logged.
+Mount MountStick(const std::string& node) {
+  for (MountEntry& entry : ReadMountTable()) {
+    if (entry.device == node) return Mount::Existing(std::move(entry.mountPoint));
+  }
+  if (CThread::StopRequested()) return {};
+  const std::string path = kMountRoot + std::string(BaseName(node));
+  if (!XCreateFullPathDir(path, kMountPointMode)) {
+    LOGE("cannot create mount point %s: %s", path.c_str(), std::strerror(errno));
+    return {};
+  }
+  Mount mount(path, kMountCommand + ShellQuote(node) + " " + ShellQuote(path),
+              {"umount " + ShellQuote(path), true, true});
+  if (!mount.IsMounted()) {
+    LOGE("cannot mount %s at %s", node.c_str(), path.c_str());
+    rmdir(path.c_str());
+  }
+  return mount;
+}
+
 }  // namespace
 
-QVUpgradeAccessUdisk::QVUpgradeAccessUdisk() : QVUpgradeAccessSource("AccessUdisk", UP_UDISK) {}
+QVUpgradeAccessUdisk::QVUpgradeAccessUdisk(const AccessContext& access)
+    : QVUpgradeAccessBase("AccessUdisk", UP_UDISK, access) {}
 
 QVUpgradeAccessUdisk::~QVUpgradeAccessUdisk() {
   CleanUp();
@@ -39,13 +67,12 @@ QVUpgradeAccessUdisk::~QVUpgradeAccessUdisk() {
 bool QVUpgradeAccessUdisk::_Listen() {
   PhyInterface* monitor = PhyInterface::instance();
   if (!monitor->Init()) return false;
-  monitor->RegisterInterface(kStickPattern, [this](const std::string& path, bool plugged) {
-    static const std::regex diskNode(kDiskNodePattern);
-    if (std::regex_match(path, diskNode)) _OnNode(m_newStickNodes, path, plugged);
+  monitor->RegisterInterface(BlockNodes::kWatchPattern, [this](const std::string& path, bool plugged) {
+    if (BlockNodes::IsNode(path)) _OnNode(NodeKind::Stick, path, plugged);
     return 0;
   });
   monitor->RegisterInterface(kPpPattern, [this](const std::string& path, bool plugged) {
-    _OnNode(m_ppNodes, path, plugged);
+    _OnNode(NodeKind::PortablePart, path, plugged);
     return 0;
   });
   // Under the lock, so that a portable part that goes right now is forgotten by its event, which waits for
@@ -59,12 +86,13 @@ bool QVUpgradeAccessUdisk::_Listen() {
 }
 
 void QVUpgradeAccessUdisk::_Unlisten() {
-  PhyInterface::instance()->UnRegisterInterface(kStickPattern);
+  PhyInterface::instance()->UnRegisterInterface(BlockNodes::kWatchPattern);
   PhyInterface::instance()->UnRegisterInterface(kPpPattern);
 }
 
-void QVUpgradeAccessUdisk::_OnNode(Nodes& nodes, const std::string& path, bool plugged) {
+void QVUpgradeAccessUdisk::_OnNode(NodeKind kind, const std::string& path, bool plugged) {
   const CLock lock(m_queueNextMutex);
+  Nodes& nodes = kind == NodeKind::Stick ? m_newStickNodes : m_ppNodes;
   if (plugged) {
     nodes.insert(path);
   } else {
@@ -96,44 +124,40 @@ bool QVUpgradeAccessUdisk::_WaitForPackage() {
 
 std::vector<std::string> QVUpgradeAccessUdisk::SearchOrder(const std::set<std::string>& nodes) {
   std::vector<std::string> order(nodes.begin(), nodes.end());
-  // Shorter names first: "sda2" comes before "sda10".
-  const auto rank = [](const std::string& node) {
-    const bool isWholeDisk = std::isdigit(static_cast<unsigned char>(node.back())) == 0;
-    return std::make_tuple(isWholeDisk, node.size(), node);
-  };
-  std::sort(order.begin(), order.end(),
-            [&rank](const std::string& left, const std::string& right) { return rank(left) < rank(right); });
+  std::sort(order.begin(), order.end(), BlockNodes::ComesBefore);
+  std::stable_partition(order.begin(), order.end(),
+                        [](const std::string& node) { return !BlockNodes::IsWholeDisk(node); });
   return order;
 }
 
-bool QVUpgradeAccessUdisk::_UnpackPackage() {
-  const std::string stick = _FindPackage();
-  if (stick.empty()) {
-    LOGE("no file system on %s can be read", m_vecStick.front().c_str());
-    return false;
+Failure QVUpgradeAccessUdisk::_UnpackPackage() {
+  _FindPackage();
+  if (!m_mount.IsMounted()) {
+    return Fail(Reason::StickUnreadable, "no file system on %s can be read", m_vecStick.front().c_str());
   }
-  const bool unpacked = Unpack(UP_UDISK, stick);
-  m_pMount.reset();
-  return unpacked;
+  Failure failure = PackageUnpack::Unpack(m_access, UP_UDISK, m_mount.Path());
+  if (!failure) m_mount = {};  // else it is told first
+  return failure;
 }
 
-std::string QVUpgradeAccessUdisk::_FindPackage() {
-  std::vector<std::string> readNodes;
+void QVUpgradeAccessUdisk::_FindPackage() {
+  std::set<std::string> readDisks;
   for (const std::string& node : m_vecStick) {
     // A disk has no file system of its own when one of its partitions has.
-    const bool hasReadPartition =
-        std::any_of(readNodes.begin(), readNodes.end(),
-                    [&node](const std::string& read) { return read.compare(0, node.size(), node) == 0; });
-    if (hasReadPartition) continue;
-    auto mount = std::make_unique<UdiskMount>(node);
-    if (!mount->IsMounted()) continue;
-    m_pMount = std::move(mount);
-    readNodes.push_back(node);
-    if (!QVUpgradeTool::ReadAllUpgradeFileOTAPack(m_pMount->Path().c_str(), ".zip").empty()) break;
+    if (readDisks.count(node) != 0) continue;
+    Mount mount = MountStick(node);
+    if (!mount.IsMounted()) continue;
+    m_mount = std::move(mount);
+    readDisks.insert(BlockNodes::DiskOf(node));
+    if (!QVUpgradeTool::ReadAllUpgradeFileOTAPack(m_mount.Path().c_str(), ".zip").empty()) return;
   }
-  return m_pMount != nullptr ? m_pMount->Path() : std::string();
 }
 
-void QVUpgradeAccessUdisk::_BeforeReboot() {
-  m_pMount.reset();
+void QVUpgradeAccessUdisk::_PackageEnded(const Failure& /*failure*/) {
+  m_mount = {};
+}
+
+void QVUpgradeAccessUdisk::ThreadProc() {
+  QVUpgradeAccessBase::ThreadProc();
+  m_mount = {};
 }

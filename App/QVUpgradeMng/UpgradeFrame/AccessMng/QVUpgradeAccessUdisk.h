@@ -3,17 +3,17 @@
 #pragma once
 
 #include <chrono>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessSource.h"
-#include "UpgradeFrame/AccessMng/UdiskMount.h"
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessBase.h"
+#include "UpgradeFrame/Mount.h"
+#include "common/ThreadAnnotations.h"
 
-class QVUpgradeAccessUdisk : public QVUpgradeAccessSource {
+class QVUpgradeAccessUdisk : public QVUpgradeAccessBase {
  public:
-  QVUpgradeAccessUdisk();
+  explicit QVUpgradeAccessUdisk(const AccessContext& access);
   ~QVUpgradeAccessUdisk() override;
 
   /// A stick's nodes in the order in which they are searched: partitions by number, then whole disks.
@@ -23,24 +23,26 @@ class QVUpgradeAccessUdisk : public QVUpgradeAccessSource {
   bool _Listen() override;
   void _Unlisten() override;
   bool _WaitForPackage() override;
-  bool _UnpackPackage() override;
-  /// No mount of ours outlasts a reboot that is refused.
-  void _BeforeReboot() override;
+  Failure _UnpackPackage() override;
+  /// No mount of ours outlasts a reboot that is refused, nor the thread.
+  void _PackageEnded(const Failure& failure) override;
+  void ThreadProc() override;
 
  private:
   using Nodes = std::set<std::string>;
 
-  /// Notes a node's coming or going in `nodes` and wakes the source. Monitor thread.
-  void _OnNode(Nodes& nodes, const std::string& path, bool plugged);
-  /// Where the stick's package is, or where it was missed on a stick without one; empty when no file system
-  /// of the stick can be read. What had to be mounted is in m_pMount.
-  std::string _FindPackage();
+  enum class NodeKind { Stick, PortablePart };
 
-  Nodes m_newStickNodes;  ///< plugged in and not yet looked at; m_queueNextMutex
-  Nodes m_ppNodes;        ///< serial devices of portable parts that are present; m_queueNextMutex
-  std::chrono::steady_clock::time_point m_lastNodeEvent;  ///< m_queueNextMutex
+  /// Notes a node's coming or going and wakes the source. Monitor thread.
+  void _OnNode(NodeKind kind, const std::string& path, bool plugged);
+  /// Mounts, in m_mount, the file system with the stick's package, or one that has none when all are without.
+  void _FindPackage();
 
-  std::vector<std::string>
-      m_vecStick;  ///< the nodes of the stick under way; source's thread only, like the next
-  std::unique_ptr<UdiskMount> m_pMount;
+  Nodes m_newStickNodes GUARDED_BY(m_queueNextMutex);  ///< plugged in and not yet looked at
+  Nodes m_ppNodes GUARDED_BY(m_queueNextMutex);        ///< serial devices of portable parts that are present
+  std::chrono::steady_clock::time_point m_lastNodeEvent GUARDED_BY(m_queueNextMutex);
+
+  // The source's thread only.
+  std::vector<std::string> m_vecStick;  ///< the nodes of the stick under way
+  Mount m_mount;                        ///< what is read of it
 };

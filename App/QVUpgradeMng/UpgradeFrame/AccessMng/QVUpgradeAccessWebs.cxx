@@ -5,9 +5,11 @@
 #include <utility>
 #include <vector>
 
+#include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
-#include "UpgradeFrame/AccessMng/PackageSteps.h"
+#include "UpgradeFrame/AccessMng/DownloadDirectory.h"
+#include "UpgradeFrame/AccessMng/PackageUnpack.h"
 #include "UpgradeFrame/UpgradePaths.h"
 #include "UpgradePackage/PackageName.h"
 
@@ -27,15 +29,15 @@ bool IsPlainAbsolutePath(const std::string& path) {
 
 }  // namespace
 
-QVUpgradeAccessWebs::QVUpgradeAccessWebs()
-    : RequestedSource("AccessWebs", UP_WEBS, {kInterface, kMethod, ForwardTo<UP_WEBS>, "web"}) {}
+QVUpgradeAccessWebs::QVUpgradeAccessWebs(const AccessContext& access)
+    : RequestedSource("AccessWebs", UP_WEBS, access, {kInterface, kMethod, ForwardTo<UP_WEBS>, "web"}) {}
 
 QVUpgradeAccessWebs::~QVUpgradeAccessWebs() {
   CleanUp();
 }
 
 bool QVUpgradeAccessWebs::_Listen() {
-  PackageSteps::CreateDownloadDirectory();
+  DownloadDirectory::Create();
   return RequestedSource::_Listen();
 }
 
@@ -43,7 +45,7 @@ RequestedSource::Answer QVUpgradeAccessWebs::_Accept(const IpcEnvelope::Request&
   Upload upload;
   if (request.cmd != kCmdUpgrade || !_ParseUpload(request.propertyData, upload)) return _Malformed();
   const auto check = [&upload]() -> Answer {
-    if (PackageSteps::IsRegularFileItself(upload.archive)) return {};
+    if (IsRegularFileItself(upload.archive)) return {};
     return {REPLY_REFUSED, "no such package file"};
   };
   return _AcceptPackage(check, [&] {
@@ -65,7 +67,7 @@ bool QVUpgradeAccessWebs::_ParseUpload(const Json::Value& propertyData, Upload& 
 }
 
 bool QVUpgradeAccessWebs::_WaitForPackage() {
-  CLock lock(m_queueNextMutex);
+  const CLock lock(m_queueNextMutex);
   m_stateCond.Wait(m_queueNextMutex,
                    [this]() REQUIRES(m_queueNextMutex) { return m_newUpload.has_value() || !IsRunning(); });
   if (!IsRunning()) return false;
@@ -74,6 +76,6 @@ bool QVUpgradeAccessWebs::_WaitForPackage() {
   return true;
 }
 
-bool QVUpgradeAccessWebs::_UnpackPackage() {
-  return UnpackWebAndOTA(UP_WEBS, m_upload.archive, m_upload.checkVersion);
+Failure QVUpgradeAccessWebs::_UnpackPackage() {
+  return PackageUnpack::UnpackWebAndOTA(m_access, UP_WEBS, m_upload.archive, m_upload.checkVersion);
 }

@@ -9,17 +9,18 @@
 
 #include "UpgradeFrame/AccessMng/RequestedSource.h"
 #include "UpgradeIpcMsg/IpcEnvelope.h"
+#include "common/ThreadAnnotations.h"
 
 class QVUpgradeAccessWebs : public RequestedSource {
  public:
-  QVUpgradeAccessWebs();
+  explicit QVUpgradeAccessWebs(const AccessContext& access);
   ~QVUpgradeAccessWebs() override;
 
  protected:
   bool _Listen() override;
   Answer _Accept(const IpcEnvelope::Request& request) override;
   bool _WaitForPackage() override;
-  bool _UnpackPackage() override;
+  Failure _UnpackPackage() override;
 
  private:
   struct Upload {
@@ -29,6 +30,6 @@ class QVUpgradeAccessWebs : public RequestedSource {
 
   static bool _ParseUpload(const Json::Value& propertyData, Upload& upload);
 
-  std::optional<Upload> m_newUpload;  ///< accepted; m_queueNextMutex
-  Upload m_upload;                    ///< under way; source's thread only
+  std::optional<Upload> m_newUpload GUARDED_BY(m_queueNextMutex);  ///< accepted
+  Upload m_upload;                                                 ///< under way; source's thread only
 };

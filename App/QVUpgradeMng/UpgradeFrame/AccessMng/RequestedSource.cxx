@@ -8,7 +8,6 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessFrame.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 
 namespace {
@@ -20,8 +19,9 @@ constexpr const char* kRequestInterfaceName = "UpgradeRequest";
 
 std::array<std::atomic<RequestedSource*>, UP_CONNECT> RequestedSource::m_listening{};
 
-RequestedSource::RequestedSource(const char* threadName, UPGRADEACCESSTYPE accessType, const Service& service)
-    : QVUpgradeAccessSource(threadName, accessType), m_service(service) {}
+RequestedSource::RequestedSource(const char* threadName, UPGRADEACCESSTYPE accessType,
+                                 const AccessContext& access, const Service& service)
+    : QVUpgradeAccessBase(threadName, accessType, access), m_service(service) {}
 
 bool RequestedSource::_Listen() {
   m_listening[static_cast<size_t>(m_accessType)] = this;
@@ -39,7 +39,8 @@ void RequestedSource::_Unlisten() {
 std::string RequestedSource::HandleRequest(const std::string& text) {
   LOGI("%sRequest:%s", m_service.logName, Printable(text).c_str());
   IpcEnvelope::Request request;
-  const Answer answer = _Judge(text, request);
+  const bool isRequest = IpcEnvelope::ParseRequest(text, kRequestInterfaceName, request);
+  const Answer answer = isRequest ? _Accept(request) : _Malformed();
   Json::Value payload;
   if (answer.code != REPLY_ACCEPTED) payload["ErrorMsg"] = answer.message;
   std::string reply =
@@ -49,17 +50,16 @@ std::string RequestedSource::HandleRequest(const std::string& text) {
   return reply;
 }
 
-RequestedSource::Answer RequestedSource::_Judge(const std::string& text, IpcEnvelope::Request& request) {
-  if (!IpcEnvelope::ParseRequest(text, kRequestInterfaceName, request)) return _Malformed();
-  return _Accept(request);
-}
-
 RequestedSource::Answer RequestedSource::_AcceptPackage(const std::function<Answer()>& check,
                                                         const std::function<void()>& handOver) {
   if (!_Claim()) return _Busy();
-  Answer answer = _RefuseLowBattery() ? Answer{REPLY_REFUSED, kBatteryTooLow} : check();
+  if (const Failure failure = _CheckBattery()) {
+    _EndWithoutStart(failure);
+    return {REPLY_REFUSED, kBatteryTooLow};
+  }
+  Answer answer = check();
   if (answer.code != REPLY_ACCEPTED) {
-    QVUpgradeAccessFrame::getAccessFrame()->ReleaseClaim();
+    m_access.claim.ReleaseClaim();
     return answer;
   }
   // First this: what the source's thread then reports is for the web server as well.
@@ -68,6 +68,6 @@ RequestedSource::Answer RequestedSource::_AcceptPackage(const std::function<Answ
   return answer;
 }
 
-void RequestedSource::_PackageEnded() {
+void RequestedSource::_PackageEnded(const Failure& /*failure*/) {
   UpgradeIpcMsg::GetUpgradeIpc()->SwitchWebReport(false);
 }

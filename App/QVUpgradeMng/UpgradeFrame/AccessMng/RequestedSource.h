@@ -11,11 +11,11 @@
 #include <string>
 
 #include "BSW/Dbus/CDbusHandler.h"
-#include "UpgradeFrame/AccessMng/QVUpgradeAccessSource.h"
+#include "UpgradeFrame/AccessMng/QVUpgradeAccessBase.h"
 #include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradeIpcMsg/IpcEnvelope.h"
 
-class RequestedSource : public QVUpgradeAccessSource {
+class RequestedSource : public QVUpgradeAccessBase {
  public:
   /// "ErrorCode" of the reply.
   enum ReplyCode {
@@ -41,7 +41,8 @@ class RequestedSource : public QVUpgradeAccessSource {
     const char* logName;     ///< begins the log lines of a request and its reply
   };
 
-  RequestedSource(const char* threadName, UPGRADEACCESSTYPE accessType, const Service& service);
+  RequestedSource(const char* threadName, UPGRADEACCESSTYPE accessType, const AccessContext& access,
+                  const Service& service);
 
   /// Decides on a well-formed envelope with an unchecked command and payload. The caller's thread.
   virtual Answer _Accept(const IpcEnvelope::Request& request) = 0;
@@ -53,11 +54,11 @@ class RequestedSource : public QVUpgradeAccessSource {
   /// Lets `check` decide on a package with the claim held and the battery checked. Once the package is
   /// accepted the web server hears of its progress, and `handOver` wakes the source's thread; otherwise the
   /// claim is given back.
-  static Answer _AcceptPackage(const std::function<Answer()>& check, const std::function<void()>& handOver);
+  Answer _AcceptPackage(const std::function<Answer()>& check, const std::function<void()>& handOver);
 
   bool _Listen() override;
   void _Unlisten() override;
-  void _PackageEnded() override;
+  void _PackageEnded(const Failure& failure) override;
 
   /// The D-Bus callback of the source of this access type, which is there once.
   template <UPGRADEACCESSTYPE accessType>
@@ -67,8 +68,6 @@ class RequestedSource : public QVUpgradeAccessSource {
   }
 
  private:
-  Answer _Judge(const std::string& text, IpcEnvelope::Request& request);
-
   /// Whom the D-Bus callbacks, plain functions, call; by access type.
   static std::array<std::atomic<RequestedSource*>, UP_CONNECT> m_listening;
 
