@@ -51,6 +51,7 @@ class ScriptedUpgrader : public IQVUpgrade {
   }
   int UploadPrecent(int percent) override { return m_cb(percent, m_type, m_ctx); }
   void RequestStop() override {}
+  Failure GetFailure() override { return {}; }
 
  private:
   Board& m_board;
