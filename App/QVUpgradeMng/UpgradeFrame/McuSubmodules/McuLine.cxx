@@ -117,22 +117,6 @@ void McuLine::_HandleRspVer(const Bytes& data) {
   m_flags.SetHeld(EM_FLAG_GET_VER);
 }
 
-void McuLine::_HandleRspStartUpg(const Bytes& data) {
-  _HandleRspStatus(data, EM_FLAG_START_UPG_ACK, "MCU ack start upg", "MCU ack start upg failed!");
-}
-
-void McuLine::_HandleRspFwInfo(const Bytes& data) {
-  _HandleRspStatus(data, EM_FLAG_SEND_FW_INFO_ACK, "MCU ack send fw info", "MCU ack send fw info failed!");
-}
-
-void McuLine::_HandleRspPackage(const Bytes& data) {
-  _HandleRspStatus(data, EM_FLAG_SEND_PACK_ACK, "MCU ack send package", "MCU ack send package failed!");
-}
-
-void McuLine::_HandleRspUpgDone(const Bytes& data) {
-  _HandleRspStatus(data, EM_FLAG_UPG_DONE_ACK, "MCU ack upg done", "MCU ack upg done failed!");
-}
-
 void McuLine::_HandleRspStatus(const Bytes& data, FlagType flag, const char* success, const char* failure) {
   if (data.size() == McuMessages::EM_SZIE_UNIVERSAL && data.front() == McuMessages::kStatusSuccess) {
     LOGD("%s", success);

@@ -45,8 +45,8 @@ class McuLine {
   void Close();
   [[nodiscard]] bool IsOpen() { return _Line() != nullptr; }
 
-  /// Sends a request and waits for the flag of its answer; false when none came in time, the MCU refused, or
-  /// the flags have ended.
+  /// Sends a request and waits up to 10 s for the flag of its answer; false when none came, the MCU refused,
+  /// or the flags have ended.
   bool Request(CmdCode code, FlagType flag, const Bytes& data = {});
   /// The same with a reason: stopped after the flags' end, else no answer, logged as `onTimeout`.
   Failure Ask(CmdCode code, FlagType flag, const std::string& onTimeout, const Bytes& data = {});
@@ -67,10 +67,18 @@ class McuLine {
 
   bool _ProtocolDataRecvCb(const ProtocolData_t& data);
   void _HandleRspVer(const Bytes& data);
-  void _HandleRspStartUpg(const Bytes& data);
-  void _HandleRspFwInfo(const Bytes& data);
-  void _HandleRspPackage(const Bytes& data);
-  void _HandleRspUpgDone(const Bytes& data);
+  void _HandleRspStartUpg(const Bytes& data) {
+    _HandleRspStatus(data, EM_FLAG_START_UPG_ACK, "MCU ack start upg", "MCU ack start upg failed!");
+  }
+  void _HandleRspFwInfo(const Bytes& data) {
+    _HandleRspStatus(data, EM_FLAG_SEND_FW_INFO_ACK, "MCU ack send fw info", "MCU ack send fw info failed!");
+  }
+  void _HandleRspPackage(const Bytes& data) {
+    _HandleRspStatus(data, EM_FLAG_SEND_PACK_ACK, "MCU ack send package", "MCU ack send package failed!");
+  }
+  void _HandleRspUpgDone(const Bytes& data) {
+    _HandleRspStatus(data, EM_FLAG_UPG_DONE_ACK, "MCU ack upg done", "MCU ack upg done failed!");
+  }
   void _HandleRspStatus(const Bytes& data, FlagType flag, const char* success, const char* failure);
 
   static const std::array<Response, 5> m_Responses;

@@ -288,18 +288,6 @@ void McuSubmodules::_EndRun(UpgradeStateType state, const Failure& failure) {
   if (callback) callback(!failure);
 }
 
-bool McuSubmodules::_SaveFwInfo() {
-  return m_record.Save(m_stFwInfo);
-}
-
-bool McuSubmodules::_LoadFwInfo() {
-  return m_record.Load(m_stFwInfo);
-}
-
-bool McuSubmodules::_SaveUpgState(UpgradeStateType state) {
-  return m_record.SaveState(m_States[state].name);
-}
-
 std::optional<McuMessages::Identity> McuSubmodules::LoadVersion() {
   const bool isOpen = m_line.IsOpen();
   if (!isOpen && !m_line.Open()) return std::nullopt;
@@ -334,14 +322,6 @@ void McuSubmodules::SetUpgFlag(bool existOtherModule) {
 void McuSubmodules::RegRetUpgResultCb(const RetUpgResultCb_T& callback) {
   const CLock lock(m_flags.Mutex());
   m_RetResultFunc = callback;
-}
-
-void McuSubmodules::UnregRetUpgResultCb() {
-  RegRetUpgResultCb(nullptr);
-}
-
-void McuSubmodules::RequestStop() {
-  DestroyThread(true, false);
 }
 
 bool McuSubmodules::CleanUp() {

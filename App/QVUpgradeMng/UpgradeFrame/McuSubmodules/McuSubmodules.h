@@ -52,7 +52,7 @@ class McuSubmodules final : public UpgraderBase, private CThread {
   bool FinishUpgrade() override;
   /// Leaves `result` as it is: the end is known from the report alone.
   void GetUpgradeStatus(int& result, int seconds) override;
-  void RequestStop() override;
+  void RequestStop() override { DestroyThread(true, false); }
 
   /// Asks the MCU what it is, outside a run, over the line of its own that Init opened, else over one that is
   /// open only for this. Waits up to 10 s: Silent when no answer came. Empty when there is no line or this
@@ -67,7 +67,7 @@ class McuSubmodules final : public UpgraderBase, private CThread {
   /// McuStartup writes it after the unit's restart.
   void SetUpgFlag(bool existOtherModule);
   void RegRetUpgResultCb(const RetUpgResultCb_T& callback);
-  void UnregRetUpgResultCb();
+  void UnregRetUpgResultCb() { RegRetUpgResultCb(nullptr); }
 
  private:
   enum RetValType {
@@ -107,9 +107,9 @@ class McuSubmodules final : public UpgraderBase, private CThread {
   /// Records `state`, closes the line, reports the end.
   void _EndRun(UpgradeStateType state, const Failure& failure);
 
-  bool _SaveFwInfo();
-  bool _LoadFwInfo();
-  bool _SaveUpgState(UpgradeStateType state);
+  bool _SaveFwInfo() { return m_record.Save(m_stFwInfo); }
+  bool _LoadFwInfo() { return m_record.Load(m_stFwInfo); }
+  bool _SaveUpgState(UpgradeStateType state) { return m_record.SaveState(m_States[state].name); }
 
   static const std::array<State, EM_STATE_MAX> m_States;
   /// A running application older than this cannot be upgraded by this base station.

@@ -72,19 +72,11 @@ const RtxExchange::State& RtxExchange::_StateOf(UpgradeStateType state) {
 RtxExchange::RtxExchange(const char* threadName, const char* uartName, int waitTime, IRtxHost& host)
     : CThread(threadName), m_host(host), m_line(uartName, waitTime, m_flags) {}
 
-RtxExchange::~RtxExchange() {
-  Close();
-}
-
 bool RtxExchange::Open() {
   if (IsRunning() || (CreateThread(0) && m_UartHandler.CreateThread(0))) return true;
   LOGE("Cannot start the threads of an RTX upgrade");
   Close();
   return false;
-}
-
-void RtxExchange::RequestStop() {
-  DestroyThread(true, false);
 }
 
 bool RtxExchange::Close() {
@@ -125,10 +117,6 @@ void RtxExchange::AbortRun() {
   m_line.Close();
 }
 
-void RtxExchange::OnStopRequested() {
-  m_flags.End();
-}
-
 // ------------------------------------------------------------------------------------------ state machine
 
 void RtxExchange::ThreadProc() {
@@ -141,14 +129,22 @@ void RtxExchange::ThreadProc() {
 /// A handler that names its own state again ends the run: whatever it waits for, it would wait for ever.
 void RtxExchange::_HandleState() {
   const UpgradeStateType state = m_emState;
-  UpgradeStateType next = EM_STATE_IDLE;
+  const State& row = _StateOf(state);
+  UpgradeStateType next = row.next;
+  Failure failure;
   if (state == m_emLastState) {
-    LOGE("State no change!ErrVal:%s", _StateOf(state).name);
-    m_failure = Fail(Reason::PartAnswer, "state %s does not change", _StateOf(state).name);
-    m_emFailedState = state;
+    LOGE("State no change!ErrVal:%s", row.name);
+    failure = Fail(Reason::PartAnswer, "state %s does not change", row.name);
+    next = EM_STATE_IDLE;
   } else {
-    m_emLastState = state;
-    next = _Handle(state);
+    failure = (this->*row.handler)();
+    if (failure) next = EM_STATE_FAILED;
+    if (next == EM_STATE_IDLE && state == EM_STATE_SUCCESS && m_bFurtherModule) next = EM_STATE_ENTER_BOOT;
+  }
+  m_emLastState = state;
+  if (failure) {
+    m_emFailedState = state;
+    m_failure = std::move(failure);
   }
   if (!IsRunning()) return;
   if (next == EM_STATE_IDLE) {
@@ -158,17 +154,6 @@ void RtxExchange::_HandleState() {
     m_host.RunEnded(m_line.Module(), m_failure);
   }
   _ToggleState(next);
-}
-
-/// Does the state's work and gives the next state.
-UpgradeStateType RtxExchange::_Handle(UpgradeStateType state) {
-  Failure failure = (this->*_StateOf(state).handler)();
-  if (failure) {
-    m_failure = std::move(failure);
-    m_emFailedState = state;
-    return EM_STATE_FAILED;
-  }
-  return state == EM_STATE_SUCCESS && m_bFurtherModule ? EM_STATE_ENTER_BOOT : _StateOf(state).next;
 }
 
 std::string RtxExchange::FailureText() const {
@@ -191,10 +176,6 @@ Failure RtxExchange::_HandleIdleState() {
   while (!m_bStart && IsRunning()) m_flags.WaitOnce();
   m_failure = {};
   return {};
-}
-
-Failure RtxExchange::_HandleInitState() {
-  return m_host.PrepareFiles(m_files);
 }
 
 Failure RtxExchange::_HandleEnterBootState() {
@@ -266,7 +247,7 @@ Failure RtxExchange::_ParseFwFile() {
     return {};
   }
   if (IntelHexReader().ReadFile(m_files.m_strFirmwareFile, m_deqFwData)) return {};
-  return Fail(Reason::PartImage, "%s", m_files.m_strFirmwareFile.c_str());
+  return Fail(Reason::PartImage, "%s is no usable firmware", m_files.m_strFirmwareFile.c_str());
 }
 
 Failure RtxExchange::_EraseSectors() {

@@ -27,12 +27,12 @@ class RtxExchange final : private CThread {
   /// `threadName` names the state thread, `uartName` the port. `waitTime` is the wait for an answer, in
   /// milliseconds; for the check value of the pre-loader, in seconds.
   RtxExchange(const char* threadName, const char* uartName, int waitTime, IRtxHost& host);
-  ~RtxExchange() override;
+  ~RtxExchange() override { Close(); }
 
   /// Starts the threads, if they do not run; false, logged, when one cannot start.
   bool Open();
   /// Asks the threads to stop and returns at once.
-  void RequestStop();
+  void RequestStop() { DestroyThread(true, false); }
   /// Ends a run under way and all threads, and closes the port. Idempotent; Open may follow.
   bool Close();
 
@@ -56,12 +56,11 @@ class RtxExchange final : private CThread {
   static const State& _StateOf(UpgradeStateType state);
 
   void ThreadProc() override;
-  void OnStopRequested() override;
+  void OnStopRequested() override { m_flags.End(); }
   void _HandleState();
-  UpgradeStateType _Handle(UpgradeStateType state);
   void _ToggleState(UpgradeStateType state);
   Failure _HandleIdleState();
-  Failure _HandleInitState();
+  Failure _HandleInitState() { return m_host.PrepareFiles(m_files); }
   Failure _HandleEnterBootState();
   Failure _HandleDlPreLoaderState();
   Failure _HandleChangeBaudRateState();

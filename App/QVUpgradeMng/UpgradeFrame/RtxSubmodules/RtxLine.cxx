@@ -13,10 +13,6 @@ RtxLine::RtxLine(const char* uartName, int waitTime, CFlags& flags)
   m_stUartInfo.strSlaverType = kModuleLabel;
 }
 
-void RtxLine::SetReceiver(const SerialPort::SerialRecvCallback& receiver) {
-  m_pSerial.RegisterUartEventCallback(receiver);
-}
-
 Failure RtxLine::Open() {
   m_stUartInfo.eBaudRate = emSerialBaudRate_19200;
   if (m_flags.Ending()) return {Reason::Stopped, {}};

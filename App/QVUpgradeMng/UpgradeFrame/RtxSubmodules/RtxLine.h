@@ -24,7 +24,9 @@ class RtxLine {
   RtxLine(const char* uartName, int waitTime, CFlags& flags);
 
   /// Replaces who gets the bytes, on the port's receive thread.
-  void SetReceiver(const SerialPort::SerialRecvCallback& receiver);
+  void SetReceiver(const SerialPort::SerialRecvCallback& receiver) {
+    m_pSerial.RegisterUartEventCallback(receiver);
+  }
   /// The device of the next Open; false when its name is too long.
   bool SetDevice(const char* device) { return m_stUartInfo.SetDevName(device); }
   /// Opens the line at the boot ROM's speed.

@@ -13,31 +13,31 @@ constexpr uint32_t kRemovePauseMs = 1000;
 
 class AppFsPayload final : public IPayload {
  public:
-  Failure Install(const QVUpgradingInfo& info, const Steps& steps) override;
+  Failure Install(const QVUpgradingInfo& info, const Steps& /*steps*/) override {
+    const char* const target = Parts::TargetOn(*Parts::Find(UP_APP), info.m_flashPartition);
+    if (target == nullptr) {
+      return Fail(Reason::PartTarget, "app part error: %s", info.m_flashPartition.c_str());
+    }
+    if (Failure failure = CheckMounted(target)) return failure;
+
+    const std::string oldApplication = std::string(target) + "/quorvalen";
+    if (!XRemoveDirectory(oldApplication)) {
+      return Fail(Reason::PartClear, "%s cannot be removed", oldApplication.c_str());
+    }
+    if (!CThread::Pause(kRemovePauseMs)) return {Reason::Stopped, {}};
+
+    const std::string command = "tar xf " + ShellQuote(info.m_upgradeFilePath) + " -C " + target;
+    LOGI("QVUpgradeAccessUdisk::  sysComd:%s", command.c_str());
+    Failure failure = MustExec(Reason::PartUnpack, command);
+    if (failure) {
+      LOGE("Udisk tar file is error");
+    } else {
+      LOGI("Udisk  tar ok");
+    }
+    QVUpgradeTool::ExecUnlessStopped("sync");
+    return failure;
+  }
 };
-
-Failure AppFsPayload::Install(const QVUpgradingInfo& info, const Steps& /*steps*/) {
-  const char* const target = Parts::TargetOn(*Parts::Find(UP_APP), info.m_flashPartition);
-  if (target == nullptr) return Fail(Reason::PartTarget, "app part error: %s", info.m_flashPartition.c_str());
-  if (Failure failure = CheckMounted(target)) return failure;
-
-  const std::string oldApplication = std::string(target) + "/quorvalen";
-  if (!XRemoveDirectory(oldApplication)) {
-    return Fail(Reason::PartClear, "%s cannot be removed", oldApplication.c_str());
-  }
-  if (!CThread::Pause(kRemovePauseMs)) return {Reason::Stopped, {}};
-
-  const std::string command = "tar xf " + ShellQuote(info.m_upgradeFilePath) + " -C " + target;
-  LOGI("QVUpgradeAccessUdisk::  sysComd:%s", command.c_str());
-  Failure failure = MustExec(Reason::PartUnpack, command);
-  if (failure) {
-    LOGE("Udisk tar file is error");
-  } else {
-    LOGI("Udisk  tar ok");
-  }
-  QVUpgradeTool::ExecUnlessStopped("sync");
-  return failure;
-}
 
 }  // namespace
 

@@ -13,28 +13,26 @@ constexpr int kErrorLinux = 0x451;
 
 class LinuxPayload final : public IPayload {
  public:
-  Failure Install(const QVUpgradingInfo& info, const Steps& steps) override;
-};
+  Failure Install(const QVUpgradingInfo& info, const Steps& /*steps*/) override {
+    const char* const target = Parts::TargetOn(*Parts::Find(UP_SYSTEM), info.m_flashPartition);
+    if (target == nullptr) {
+      LOGE("system part error");
+      return Fail(Reason::PartTarget, "%s is no partition", info.m_flashPartition.c_str());
+    }
+    if (Failure failure = CheckMounted(target)) return failure;
 
-Failure LinuxPayload::Install(const QVUpgradingInfo& info, const Steps& /*steps*/) {
-  const char* const target = Parts::TargetOn(*Parts::Find(UP_SYSTEM), info.m_flashPartition);
-  if (target == nullptr) {
-    LOGE("system part error");
-    return Fail(Reason::PartTarget, "%s is no partition", info.m_flashPartition.c_str());
-  }
-  if (Failure failure = CheckMounted(target)) return failure;
-
-  const std::string page = std::string(UpgradePaths::kPageSystem) + "/";
-  const std::string& archive = info.m_upgradeFilePath;
-  if (Failure failure = MustExec(Reason::PartUnpack, "tar xf " + ShellQuote(archive) + " -C " + page)) {
+    const std::string page = std::string(UpgradePaths::kPageSystem) + "/";
+    const std::string& archive = info.m_upgradeFilePath;
+    if (Failure failure = MustExec(Reason::PartUnpack, "tar xf " + ShellQuote(archive) + " -C " + page)) {
+      return failure;
+    }
+    // The archive lies among the files it held: what is left in the page is what belongs on the partition.
+    if (!XDeleteFile(archive)) return Fail(Reason::PartClear, "%s cannot be removed", archive.c_str());
+    Failure failure = MustExec(Reason::PartCopy, "cp -rf " + page + ". " + target + "/");
+    QVUpgradeTool::ExecUnlessStopped("sync");
     return failure;
   }
-  // The archive lies among the files it held: what is left in the page is what belongs on the partition.
-  if (!XDeleteFile(archive)) return Fail(Reason::PartClear, "%s cannot be removed", archive.c_str());
-  Failure failure = MustExec(Reason::PartCopy, "cp -rf " + page + ". " + target + "/");
-  QVUpgradeTool::ExecUnlessStopped("sync");
-  return failure;
-}
+};
 
 }  // namespace
 
