@@ -26,19 +26,22 @@ class IQVUpgrade {
   virtual bool UnregisterUploadPrecentCallback(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) = 0;
   /// Stops the thread and releases what Init took. No callback comes after it. Idempotent.
   virtual bool CleanUp() = 0;
-  /// Begins the upgrade and returns. Harmless when it has begun already.
+  /// Begins the upgrade and returns. One upgrader serves one upgrade: a second start changes nothing, and is
+  /// true but for the MCU's, which refuses it.
   virtual bool StartUpgrade() = 0;
+  /// Only logs; false for the MCU's.
   virtual bool FinishUpgrade() = 0;
   /// Copies the record of the upgrade to come.
   virtual bool setUpgradeInfo(QVUpgradingInfo info) = 0;
   /// Waits at most `seconds` for the end: `result` 0 on success, -1 on failure or when it has not ended by
-  /// then.
+  /// then. The radio modules' and the MCU's only log and leave `result` as it is: theirs end with the report.
   virtual void GetUpgradeStatus(int& result, int seconds) = 0;
-  /// Reports progress through the stored callback and gives its result; 0 without a callback.
+  /// Reports progress through the stored callback and gives its result; without a callback 0, the radio
+  /// modules' -1.
   virtual int UploadPrecent(int percent) = 0;
   /// Asks the thread to stop and returns at once, so that several upgraders can stop side by side before
   /// CleanUp waits for each. The command that runs is let finish; no further one starts.
   virtual void RequestStop() = 0;
-  /// Why the part failed; empty while it has not. Known before the failure is reported.
-  virtual Failure GetFailure() { return {}; }
+  /// Why the part failed, its `part` not filled in; empty while it has not. Known before -1 is reported.
+  virtual Failure GetFailure() = 0;
 };

@@ -6,7 +6,7 @@
 #include "BSW/Log/CLog.h"
 
 bool ProgressReporter::Register(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (cb == nullptr || m_UploadProcessCb) return false;
   m_UploadProcessCb = {cb, ctx};
   LOGI("Register UploadPrecentCallback OK.");
@@ -14,7 +14,7 @@ bool ProgressReporter::Register(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) {
 }
 
 bool ProgressReporter::Unregister(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   const CCallbackInfo<UPGRADE_UPLOADPROCESS_CALLBACK> stored{cb, ctx};
   if (!m_UploadProcessCb || !(m_UploadProcessCb == stored)) return false;
   m_UploadProcessCb = {};
@@ -25,7 +25,7 @@ bool ProgressReporter::Unregister(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) 
 int ProgressReporter::Report(int percent) {
   CCallbackInfo<UPGRADE_UPLOADPROCESS_CALLBACK> callback;
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     callback = m_UploadProcessCb;
     if (callback && m_bEnded) {
       LOGW("report %d after the end ignored type:%d", percent, m_type);
@@ -44,7 +44,7 @@ void ProgressReporter::ReportSteps(size_t done, size_t total) {
   if (total == 0) return;
   int increment = 0;
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     const auto reached = static_cast<int>(std::min(done, total) * kMaxIncrements / total);
     increment = reached - m_iIncrements;
     if (increment <= 0) return;

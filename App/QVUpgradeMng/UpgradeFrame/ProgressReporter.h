@@ -1,12 +1,12 @@
 /// How an upgrader tells the frame of its progress: the one stored callback, increments within their bound,
-/// and one final value. Every upgrader owns one and hands the interface's callback operations to it.
+/// and one final value. UpgraderBase owns one for every upgrader.
 #pragma once
 
 #include <cstddef>
-#include <mutex>
 
 #include "UpgradeFrame/IQVUpgrade.h"
 #include "common/CallbackInfo.h"
+#include "common/Mutex.h"
 
 /// Any thread may call any member. The callback is called on the calling thread with no lock held.
 class ProgressReporter {
@@ -36,8 +36,8 @@ class ProgressReporter {
  private:
   const UPGRADETYPE m_type;
   const int m_iResultWithoutCallback;
-  std::mutex m_mutex;  ///< guards the members below
-  CCallbackInfo<UPGRADE_UPLOADPROCESS_CALLBACK> m_UploadProcessCb;
-  int m_iIncrements = 0;  ///< sum of what ReportSteps has reported
-  bool m_bEnded = false;  ///< a final value went out
+  CMutex m_mutex;
+  CCallbackInfo<UPGRADE_UPLOADPROCESS_CALLBACK> m_UploadProcessCb GUARDED_BY(m_mutex);
+  int m_iIncrements GUARDED_BY(m_mutex) = 0;  ///< sum of what ReportSteps has reported
+  bool m_bEnded GUARDED_BY(m_mutex) = false;  ///< a final value went out
 };

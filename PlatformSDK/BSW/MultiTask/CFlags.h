@@ -22,7 +22,7 @@ class CFlags {
 
   /// The lock. Hold it briefly: receive threads wait for it, and never while a port is opened or closed,
   /// which waits for receive threads.
-  CMutex& Mutex() RETURN_CAPABILITY(m_SateLock) { return m_SateLock; }
+  CMutex& Mutex() const RETURN_CAPABILITY(m_SateLock) { return m_SateLock; }
 
   /// Sets flags and wakes whoever waits.
   void Set(uint32_t flags) EXCLUDES(m_SateLock);
@@ -67,6 +67,6 @@ class CFlags {
   std::atomic<uint32_t> m_iFlags{0};          ///< of the attempt
   std::atomic<uint32_t> m_iLongTermFlags{0};  ///< what outlives one attempt
   std::atomic<bool> m_bEnding{false};         ///< changed with the lock held
-  CMutex m_SateLock;
+  mutable CMutex m_SateLock;
   CCondition m_cvStateMachineCtrl;
 };

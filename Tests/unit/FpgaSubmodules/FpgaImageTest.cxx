@@ -31,11 +31,10 @@ class FpgaImageTest : public testing::Test {
     WriteText(m_image, content);
     return content;
   }
-  bool Write(const std::string& device, std::chrono::milliseconds time = FpgaImage::kPieceTime) {
+  Reason Write(const std::string& device, std::chrono::milliseconds time = FpgaImage::kPieceTime) {
     m_steps.clear();
-    return FpgaImage::Write(
-        m_image, device.c_str(), [this](size_t done, size_t total) { m_steps.emplace_back(done, total); },
-        time);
+    const auto progress = [this](size_t done, size_t total) { m_steps.emplace_back(done, total); };
+    return FpgaImage::Write(m_image, device.c_str(), progress, time).reason;
   }
 
   TempDirectory m_directory;
@@ -49,7 +48,7 @@ TEST_F(FpgaImageTest, WritesAllPiecesAndNoMore) {
     const std::string device = m_directory / "device";
     WriteText(device, "");
     const std::string image = MakeImage(bytes);
-    EXPECT_TRUE(Write(device));
+    EXPECT_EQ(Write(device), Reason::None);
     EXPECT_TRUE(ReadText(device) == image) << bytes;
     const size_t pieces = bytes == 1 ? 1 : bytes == 8192 ? 2 : 3;
     EXPECT_EQ(m_steps.size(), pieces);
@@ -71,20 +70,20 @@ TEST_F(FpgaImageTest, WaitsForASlowDevice) {
       if (got > 0) received.append(buffer.data(), static_cast<size_t>(got));
     }
   });
-  EXPECT_TRUE(Write(m_fifo));
+  EXPECT_EQ(Write(m_fifo), Reason::None);
   isOver = true;
   device.join();
   EXPECT_TRUE(received == image);
 }
 
 TEST_F(FpgaImageTest, FailsWithoutImageOrDevice) {
-  EXPECT_FALSE(Write(m_directory / "device")) << "no image";
+  EXPECT_EQ(Write(m_directory / "device"), Reason::PartImage);
   MakeImage(1);
-  EXPECT_FALSE(Write(m_directory / "device")) << "no device";
+  EXPECT_EQ(Write(m_directory / "device"), Reason::PartDevice);
   EXPECT_FALSE(std::filesystem::exists(m_directory / "device")) << "a device is never made";
-  EXPECT_FALSE(Write("/dev/full"));
+  EXPECT_EQ(Write("/dev/full"), Reason::PartWrite);
   MakeImage(0);
-  EXPECT_FALSE(Write("/dev/null")) << "an empty image is no upgrade";
+  EXPECT_EQ(Write("/dev/null"), Reason::PartImage) << "an empty image is no upgrade";
   EXPECT_TRUE(m_steps.empty());
 }
 
@@ -92,7 +91,7 @@ TEST_F(FpgaImageTest, GivesUpOnADeviceThatTakesNothing) {
   MakeImage(1000000);
   const UniqueFd silent(open(m_fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   const auto begin = Clock::now();
-  EXPECT_FALSE(Write(m_fifo, std::chrono::milliseconds(300)));
+  EXPECT_EQ(Write(m_fifo, std::chrono::milliseconds(300)), Reason::PartWrite);
   EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(300));
 }
 
@@ -100,13 +99,13 @@ TEST_F(FpgaImageTest, EndsAtTheStop) {
   MakeImage(1000000);
   const UniqueFd silent(open(m_fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   CTaskQue upgrader("upgrader");
-  bool written = true;
-  ASSERT_TRUE(upgrader.Post([&] { written = Write(m_fifo, std::chrono::minutes(1)); }));
+  Reason reason = Reason::None;
+  ASSERT_TRUE(upgrader.Post([&] { reason = Write(m_fifo, std::chrono::minutes(1)); }));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   const auto begin = Clock::now();
   EXPECT_TRUE(upgrader.DestroyThread(true, true));
   EXPECT_LT(Clock::now() - begin, std::chrono::seconds(2));
-  EXPECT_FALSE(written);
+  EXPECT_EQ(reason, Reason::Stopped);
 }
 
 }  // namespace

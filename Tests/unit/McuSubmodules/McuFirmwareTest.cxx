@@ -65,7 +65,7 @@ class McuPackageTest : public testing::Test {
     EXPECT_EQ(RunShell(command.c_str()).exitCode, 0);
     return m_directory / "page.tar";
   }
-  bool Unpack(const std::string& page) { return McuPackage::Unpack(page, m_target, m_firmware); }
+  Reason Unpack(const std::string& page) { return McuPackage::Unpack(page, m_target, m_firmware).reason; }
 
   TempDirectory m_directory;
   const std::string m_target = m_directory / "mcu";
@@ -76,7 +76,7 @@ TEST_F(McuPackageTest, ReplacesWhatAnEarlierUpgradeLeft) {
   fs::create_directory(m_target);
   WriteText(m_target + "/McuUpgInfo.json", "old");
   WriteText(m_target + "/K9031_1.0.6.29.zip", "old");
-  ASSERT_TRUE(Unpack(MakePage("K9031 MCU_V1.0.6.30.zip", "k9031_McuApp.bin", "image")));
+  ASSERT_EQ(Unpack(MakePage("K9031 MCU_V1.0.6.30.zip", "k9031_McuApp.bin", "image")), Reason::None);
   EXPECT_EQ(m_firmware.m_strVersion, "1.0.6.30");
   EXPECT_EQ(m_firmware.m_strFileName, "k9031_McuApp.bin");
   EXPECT_EQ(ReadText(m_firmware.m_strFwPath), "image");
@@ -84,13 +84,13 @@ TEST_F(McuPackageTest, ReplacesWhatAnEarlierUpgradeLeft) {
 }
 
 TEST_F(McuPackageTest, RefusesWhatTheMcuMustNotGet) {
-  EXPECT_FALSE(Unpack(m_directory / "missing.tar"));
-  EXPECT_FALSE(Unpack(MakePage("1.0.6.29.zip", "k9031_McuApp.bin", "image"))) << "too old";
-  EXPECT_FALSE(Unpack(MakePage("newest.zip", "k9031_McuApp.bin", "image"))) << "no version";
-  EXPECT_FALSE(Unpack(MakePage("1.0.6.256.zip", "k9031_McuApp.bin", "image"))) << "no byte";
-  EXPECT_FALSE(Unpack(MakePage("1.0.6.31.zip", "other.bin", "image")));
-  EXPECT_FALSE(Unpack(MakePage("1.0.6.31.zip", "k9031_McuApp.bin", ""))) << "nothing to run";
-  EXPECT_FALSE(Unpack(MakePage("1.0.6.31.rar", "k9031_McuApp.bin", "image")));
+  EXPECT_EQ(Unpack(m_directory / "missing.tar"), Reason::PartUnpack);
+  EXPECT_EQ(Unpack(MakePage("1.0.6.29.zip", "k9031_McuApp.bin", "image")), Reason::PartVersion) << "too old";
+  EXPECT_EQ(Unpack(MakePage("newest.zip", "k9031_McuApp.bin", "image")), Reason::PartVersion) << "no version";
+  EXPECT_EQ(Unpack(MakePage("1.0.6.256.zip", "k9031_McuApp.bin", "image")), Reason::PartVersion) << "no byte";
+  EXPECT_EQ(Unpack(MakePage("1.0.6.31.zip", "other.bin", "image")), Reason::PartImage);
+  EXPECT_EQ(Unpack(MakePage("1.0.6.31.zip", "k9031_McuApp.bin", "")), Reason::PartImage) << "nothing to run";
+  EXPECT_EQ(Unpack(MakePage("1.0.6.31.rar", "k9031_McuApp.bin", "image")), Reason::PartImage);
 }
 
 }  // namespace

@@ -5,7 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
+#include <utility>
+#include <vector>
 
 #include "ScriptedModule.h"
 #include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
@@ -16,49 +17,45 @@ constexpr int kLongWait = 20'000;  // no test lets it run out
 constexpr int kShortWait = 2'000;
 constexpr double kAtOnce = 2.5;  // s; the shortest wait that could hold something up lasts 3 s
 
-// The exchange of a user that is told its modules and keeps what it hears.
-class Upgrader : public RtxExchange {
+using Reasons = std::vector<Reason>;
+
+// A user of the exchange that is told its modules and keeps what it hears.
+class Upgrader final : public IRtxHost {
  public:
   Upgrader(int waitTime, std::string directory, std::vector<const ScriptedModule*> modules)
-      : RtxExchange("TestRtx", "TestRtx", waitTime),
-        m_dir(std::move(directory)),
-        m_modules(std::move(modules)) {
-    EXPECT_TRUE(_OpenExchange());
+      : m_dir(std::move(directory)),
+        m_modules(std::move(modules)),
+        m_exchange("TestRtx", "TestRtx", waitTime, *this) {
+    EXPECT_TRUE(m_exchange.Open());
   }
-  ~Upgrader() override { Close(); }
 
-  bool Start() {
-    m_iModule = 0;
-    return _StartRun(m_modules[0]->Device().c_str());
-  }
+  bool Start() { return m_exchange.StartRun(m_modules[0]->Device().c_str()); }
   bool StartAgain() {
     return StartNext([this] { return Start(); });
   }
-  void Abort() { _AbortRun(); }
-  bool Close() { return _CloseExchange(); }
+  void Abort() { m_exchange.AbortRun(); }
+  bool Close() { return m_exchange.Close(); }
 
-  Inbox<bool> ends;
+  Inbox<Reason> ends;
   Inbox<bool> boots;
   Inbox<std::pair<size_t, size_t>> chunks;
-  std::atomic<int> failures{0};
 
  private:
-  bool _PrepareFiles() override { return _SetFiles(m_dir); }
-  void _EnterBoot() override {
-    m_modules[m_iModule]->Send({2});
+  Failure PrepareFiles(RtxFiles& files) override { return files.FindIn(m_dir); }
+  void EnterBoot(int module) override {
+    m_modules.at(static_cast<size_t>(module) - 1)->Send({2});
     boots.Put(true);
   }
-  int _Module() const override { return static_cast<int>(m_iModule) + 1; }
-  void _ChunkProgrammed(size_t done, size_t total) override { chunks.Put({done, total}); }
-  const char* _ModuleSucceeded() override {
-    return ++m_iModule < m_modules.size() ? m_modules[m_iModule]->Device().c_str() : nullptr;
+  void ChunkProgrammed(int /*module*/, size_t done, size_t total) override { chunks.Put({done, total}); }
+  const char* ModuleSucceeded(int module) override {
+    const auto done = static_cast<size_t>(module);
+    return done < m_modules.size() ? m_modules[done]->Device().c_str() : nullptr;
   }
-  void _ModuleFailed() override { ++failures; }
-  void _RunEnded(bool success) override { ends.Put(success); }
+  void RunEnded(int /*module*/, const Failure& failure) override { ends.Put(failure.reason); }
 
   const std::string m_dir;
   const std::vector<const ScriptedModule*> m_modules;
-  std::atomic<size_t> m_iModule{0};
+  RtxExchange m_exchange;
 };
 
 class RtxExchangeTest : public testing::Test {
@@ -78,7 +75,7 @@ TEST_F(RtxExchangeTest, BothModulesGetTheFirmwareThatWasReadOnce) {
   module.ServeFlash(1);
   second.StartFlashLoader();
   second.ServeFlash(2);
-  EXPECT_EQ(upgrader.ends.Wait(1), std::vector<bool>({true}));
+  EXPECT_EQ(upgrader.ends.Wait(1), Reasons({Reason::None}));
   const auto chunks = upgrader.chunks.Wait(4);
   EXPECT_EQ(chunks, (std::vector<std::pair<size_t, size_t>>({{1, 2}, {2, 2}, {1, 2}, {2, 2}})));
   for (ScriptedModule* const each : {&module, &second}) {
@@ -91,14 +88,19 @@ TEST_F(RtxExchangeTest, BothModulesGetTheFirmwareThatWasReadOnce) {
 
 // Each failure ends the run once, and the next one begins as if there had been none.
 TEST_F(RtxExchangeTest, RefusedRunFailsOnceAndLeavesNothingBehind) {
-  const std::map<std::string, std::function<void(ScriptedModule&)>> scripts = {
-      {"silent", [](ScriptedModule& each) { each.Receive(3); }},
-      {"pre-loader check value is wrong",
+  struct Row {
+    const char* name;
+    Reason reason;
+    std::function<void(ScriptedModule&)> script;
+  };
+  const Row rows[] = {
+      {"silent", Reason::PartAnswer, [](ScriptedModule& each) { each.Receive(3); }},
+      {"pre-loader check value is wrong", Reason::PartVerify,
        [](ScriptedModule& each) {
          each.TakePreLoader();
          each.Send({ScriptedModule::kCheck ^ 1});  // an echo of it would be the next run's first byte
        }},
-      {"flash-loader check value is wrong",
+      {"flash-loader check value is wrong", Reason::PartVerify,
        [](ScriptedModule& each) {
          each.TakePreLoader();
          each.ConfirmPreLoader();
@@ -106,19 +108,19 @@ TEST_F(RtxExchangeTest, RefusedRunFailsOnceAndLeavesNothingBehind) {
          each.TakeFlashLoader();
          each.Send({ScriptedModule::kCheck ^ 1});
        }},
-      {"confirmation is longer than it says",
+      {"confirmation is longer than it says", Reason::PartAnswer,
        [](ScriptedModule& each) {
          each.StartFlashLoader();
          each.ReceiveRequest();
          each.Send(Rtx::PackFlPacket({14, 1, 2, 3}) + Bytes({0}));
        }},
-      {"confirmation has too little data",
+      {"confirmation has too little data", Reason::PartAnswer,
        [](ScriptedModule& each) {
          each.StartFlashLoader();
          each.ReceiveRequest();
          each.Confirm({14, 1, 2});
        }},
-      {"flash holds something else",
+      {"flash holds something else", Reason::PartVerify,
        [](ScriptedModule& each) {
          each.StartFlashLoader();
          each.damaged = true;
@@ -126,14 +128,13 @@ TEST_F(RtxExchangeTest, RefusedRunFailsOnceAndLeavesNothingBehind) {
        }},
   };
   Upgrader upgrader(kShortWait, files.Path(), {&module});
-  size_t runs = 0;
-  for (const auto& [name, script] : scripts) {
-    SCOPED_TRACE(name);
+  Reasons expected;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
     ASSERT_TRUE(upgrader.StartAgain());
-    script(module);
-    ++runs;
-    EXPECT_EQ(upgrader.ends.Wait(runs), std::vector<bool>(runs, false));
-    EXPECT_EQ(upgrader.failures, static_cast<int>(runs));
+    row.script(module);
+    expected.push_back(row.reason);
+    EXPECT_EQ(upgrader.ends.Wait(expected.size()), expected);
   }
 }
 
@@ -146,14 +147,14 @@ TEST_F(RtxExchangeTest, UnpluggedModuleFailsAndStaysAway) {
   module.Unplug();
   upgrader.ends.Wait(1);
   ASSERT_TRUE(upgrader.StartAgain());
-  EXPECT_EQ(upgrader.ends.Wait(2), std::vector<bool>({false, false}));
+  EXPECT_EQ(upgrader.ends.Wait(2).back(), Reason::PartDevice);
   EXPECT_EQ(upgrader.boots.Wait(1).size(), 1U) << "nothing is asked of a module that cannot be reached";
 }
 
 TEST_F(RtxExchangeTest, UnusableFilesFailBeforeTheModuleIsTouched) {
   Upgrader upgrader(kLongWait, "/nonexistent", {&module});
   ASSERT_TRUE(upgrader.Start());
-  EXPECT_EQ(upgrader.ends.Wait(1), std::vector<bool>({false}));
+  EXPECT_EQ(upgrader.ends.Wait(1), Reasons({Reason::PartImage}));
   EXPECT_TRUE(upgrader.boots.Wait(0).empty());
 }
 
@@ -179,7 +180,7 @@ TEST_F(RtxExchangeTest, AbortFailsTheRunAtOnceAndAnotherMayFollow) {
     script(silent);
     EXPECT_LT(SecondsOf([&] {
                 upgrader.Abort();
-                EXPECT_EQ(upgrader.ends.Wait(1), std::vector<bool>({false}));
+                EXPECT_EQ(upgrader.ends.Wait(1), Reasons({Reason::Stopped}));
               }),
               kAtOnce);
     ASSERT_TRUE(upgrader.StartAgain());

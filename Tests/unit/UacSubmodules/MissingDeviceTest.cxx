@@ -44,6 +44,7 @@ TEST(MissingDeviceTest, IsOneFailure) {
     auto first = reports[type].value.get_future();
     ASSERT_EQ(first.wait_for(std::chrono::seconds(20)), std::future_status::ready);
     EXPECT_EQ(first.get(), -1);
+    EXPECT_EQ(upgrader->GetFailure().reason, Reason::PartDevice);
     EXPECT_TRUE(upgrader->StartUpgrade());
     int result = 0;
     upgrader->GetUpgradeStatus(result, 2);

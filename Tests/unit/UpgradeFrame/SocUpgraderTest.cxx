@@ -61,6 +61,7 @@ TEST(SocUpgraderTest, UnknownPartitionFailsOnceWithTheUpgradersOwnType) {
     int result = 0;
     upgrader->GetUpgradeStatus(result, 5);
     EXPECT_EQ(result, -1);
+    EXPECT_EQ(upgrader->GetFailure().reason, Reason::PartTarget);
     EXPECT_TRUE(upgrader->StartUpgrade()) << "a second start is harmless";
   }
   for (const auto& upgrader : upgraders) upgrader->RequestStop();

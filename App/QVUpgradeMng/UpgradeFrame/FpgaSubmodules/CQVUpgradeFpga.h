@@ -2,22 +2,15 @@
 /// the USB audio chip, again with every report of that, or in its place.
 #pragma once
 
-#include <string>
+#include "UpgradeFrame/OneShotUpgrader.h"
 
-#include "UpgradeFrame/SocUpgraderBase.h"
-
-class CQVUpgradeFpga : public SocUpgraderBase {
+class CQVUpgradeFpga final : public OneShotUpgrader {
  public:
   CQVUpgradeFpga();
-  ~CQVUpgradeFpga() override;
 
   bool StartUpgrade() override;
 
  private:
-  bool _CheckUpgrade(const QVUpgradingInfo& info) override;
-  void _OnEnd(bool succeeded) override;
-  bool _UpgardeFpga(const std::string& path);
-
   static const Kind m_kindFpga;
   static const Table m_MapStateMachineFunc;
 };

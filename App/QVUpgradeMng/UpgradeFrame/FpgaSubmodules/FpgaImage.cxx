@@ -1,4 +1,4 @@
-/// The copy of an FPGA image to its device. The size of a piece is the driver's.
+/// The copy of an FPGA image to its device. The driver sets the size of a piece.
 #include "UpgradeFrame/FpgaSubmodules/FpgaImage.h"
 
 #include <fcntl.h>
@@ -64,53 +64,51 @@ bool WritePiece(int device, const char* data, size_t size, std::chrono::millisec
   return true;
 }
 
-bool CopyPieces(int image, size_t imageBytes, int device, const Progress& progress,
-                std::chrono::milliseconds pieceTime) {
+Failure CopyPieces(int image, size_t imageBytes, int device, const Progress& progress,
+                   std::chrono::milliseconds pieceTime) {
   const size_t total = (imageBytes + kPieceBytes - 1) / kPieceBytes;
   Piece piece;
   for (size_t done = 0; done < total; ++done) {
     const size_t size = std::min(kPieceBytes, imageBytes - done * kPieceBytes);
     if (!ReadPiece(image, piece, size)) {
       LOGE("read fpga imgae failed.");
-      return false;
+      return Fail(Reason::PartImage, "piece %zu of %zu cannot be read", done + 1, total);
     }
     if (!WritePiece(device, piece.data(), size, pieceTime)) {
-      if (!CThread::StopRequested()) LOGE("write flash failed.");
-      return false;
+      if (CThread::StopRequested()) return {Reason::Stopped, {}};
+      LOGE("write flash failed.");
+      return Fail(Reason::PartWrite, "piece %zu of %zu is not taken", done + 1, total);
     }
     progress(done + 1, total);
   }
-  return true;
+  return {};
 }
 
 }  // namespace
 
-bool Write(const std::string& imagePath, const char* devicePath, const Progress& progress,
-           std::chrono::milliseconds pieceTime) {
+Failure Write(const std::string& imagePath, const char* devicePath, const Progress& progress,
+              std::chrono::milliseconds pieceTime) {
   const UniqueFd image = OpenRegularFile(imagePath);
   struct stat info {};
   if (!image || fstat(image.Get(), &info) != 0) {
     LOGE("open %s failed", imagePath.c_str());
-    return false;
+    return Fail(Reason::PartImage, "%s cannot be opened", imagePath.c_str());
   }
   const auto imageBytes = static_cast<size_t>(info.st_size);
   const auto pieces = static_cast<int>((imageBytes + kPieceBytes - 1) / kPieceBytes);
   LOGI("%s file size is : %ld ", imagePath.c_str(), static_cast<long>(info.st_size));
   LOGI("%s image num is : %d ", imagePath.c_str(), pieces);
-  if (pieces == 0) {
-    LOGE("%s is empty", imagePath.c_str());
-    return false;
-  }
+  if (pieces == 0) return Fail(Reason::PartImage, "%s is empty", imagePath.c_str());
   // Non-blocking where the driver can: waiting is WaitWritable's.
   const UniqueFd device(open(devicePath, O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (!device) {
     LOGE("open %s failed.", devicePath);
-    return false;
+    return Fail(Reason::PartDevice, "%s cannot be opened", devicePath);
   }
   LOGI("send to fpga start packet_cout:%d fpga_total_num:%d", 0, pieces);
-  if (!CopyPieces(image.Get(), imageBytes, device.Get(), progress, pieceTime)) return false;
-  LOGI("send to fpga end");
-  return true;
+  Failure failure = CopyPieces(image.Get(), imageBytes, device.Get(), progress, pieceTime);
+  if (!failure) LOGI("send to fpga end");
+  return failure;
 }
 
 }  // namespace FpgaImage

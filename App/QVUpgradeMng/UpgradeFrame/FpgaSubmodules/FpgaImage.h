@@ -6,6 +6,8 @@
 #include <functional>
 #include <string>
 
+#include "UpgradePackage/Reasons.h"
+
 namespace FpgaImage {
 
 /// Told after each piece how many of `total` pieces are written.
@@ -15,10 +17,9 @@ using Progress = std::function<void(size_t done, size_t total)>;
 constexpr std::chrono::seconds kPieceTime(10);
 
 /// Copies the file `imagePath` to `devicePath` in pieces of 4096 bytes, the last one as long as what is left.
-/// False, logged, when either cannot be opened, read or written, the image is empty, or the device takes
-/// nothing for `pieceTime`; false when the calling thread is asked to stop. What the flash holds then is the
-/// driver's affair.
-bool Write(const std::string& imagePath, const char* devicePath, const Progress& progress,
-           std::chrono::milliseconds pieceTime = kPieceTime);
+/// Fails when either cannot be opened, read or written, the image is empty, the device takes nothing for
+/// `pieceTime`, or the calling thread is asked to stop. What the flash holds then is the driver's affair.
+Failure Write(const std::string& imagePath, const char* devicePath, const Progress& progress,
+              std::chrono::milliseconds pieceTime = kPieceTime);
 
 }  // namespace FpgaImage

@@ -1,4 +1,4 @@
-/// Unpacks the MCU's page. Commands, names and their order are fixed.
+/// The MCU's page on its way to an image on the disk.
 #include "UpgradeFrame/McuSubmodules/McuPackage.h"
 
 #include <unistd.h>
@@ -22,78 +22,79 @@ namespace {
 constexpr const char* kImageName = "k9031_McuApp.bin";
 constexpr mode_t kDirectoryMode = 0755;
 
-bool PrepareDirectory(const std::string& directory) {
+Failure PrepareDirectory(const std::string& directory) {
   if (!XRemoveDirectory(directory)) {
     LOGE("remove_all failed:%s", std::strerror(errno));
-    return false;
+    return Fail(Reason::PartClear, "%s cannot be removed", directory.c_str());
   }
   if (!XCreateFullPathDir(directory, kDirectoryMode)) {
     LOGE("Can't create PackPath:%s", directory.c_str());
-    return false;
+    return Fail(Reason::PartClear, "%s cannot be created", directory.c_str());
   }
-  return true;
+  return {};
 }
 
-bool Untar(const std::string& package, const std::string& directory) {
+Failure Untar(const std::string& package, const std::string& directory) {
   const std::string command = "tar -xf " + ShellQuote(package) + " -C " + ShellQuote(directory);
   LOGI("Unpack file. sysComd:%s", command.c_str());
-  if (QVUpgradeTool::ExecCommand(command) == 0) return true;
+  if (QVUpgradeTool::ExecCommand(command) == 0) return {};
   LOGE("Udisk tar file is error");
-  return false;
+  return Fail(Reason::PartUnpack, "%s", command.c_str());
 }
 
 /// The version in the archive's name, if this base station works with it.
-bool ReadVersion(const std::string& archive, std::string& version) {
+Failure ReadVersion(const std::string& archive, std::string& version) {
   std::optional<McuVersion> parsed;
   if (QVUpgradeTool::ParseVerNum(archive, version)) parsed = McuVersion::Parse(version);
   if (!parsed) {
     LOGE("Parse verison num failed!FwFileName:%s", archive.c_str());
-    return false;
+    return Fail(Reason::PartVersion, "none in %s", archive.c_str());
   }
   if (*parsed < *McuVersion::Parse(m_strMinCompatibleVer)) {
     LOGE("Error fw verison!Minimum compatible version is:%s, now ver:%s", m_strMinCompatibleVer,
          version.c_str());
-    return false;
+    return Fail(Reason::PartVersion, "%s, at least %s expected", version.c_str(), m_strMinCompatibleVer);
   }
-  return true;
+  return {};
 }
 
-bool Unzip(const std::string& archive, const std::string& directory) {
+Failure Unzip(const std::string& archive, const std::string& directory) {
   const std::string command = "unzip " + ShellQuote(archive) + " -d " + ShellQuote(directory);
   LOGI("Full path %s; Cmd:%s", archive.c_str(), command.c_str());
-  if (QVUpgradeTool::ExecCommand(command) == 0) return true;
+  if (QVUpgradeTool::ExecCommand(command) == 0) return {};
   LOGE("Unzip error");
-  return false;
+  return Fail(Reason::PartUnpack, "%s", command.c_str());
 }
 
 /// Makes sure that there is an image, before the MCU gives up its application for it, and that it survives a
 /// power cut: the record will promise that an interrupted upgrade can be continued.
-bool SecureImage(const std::string& path) {
+Failure SecureImage(const std::string& path) {
   const UniqueFd image = OpenRegularFile(path);
   if (!image || fsync(image.Get()) != 0) {
-    LOGE("%s cannot be used: %s", path.c_str(), std::strerror(errno));
-    return false;
+    return Fail(Reason::PartImage, "%s cannot be used: %s", path.c_str(), std::strerror(errno));
   }
   const int64_t size = XGetFileSize(path);
-  if (size > 0 && size <= static_cast<int64_t>(kMaxImageBytes)) return true;
-  LOGE("%s has no usable size: %lld bytes", path.c_str(), static_cast<long long>(size));
-  return false;
+  if (size > 0 && size <= static_cast<int64_t>(kMaxImageBytes)) return {};
+  return Fail(Reason::PartImage, "%s has no usable size: %lld bytes", path.c_str(),
+              static_cast<long long>(size));
 }
 
 }  // namespace
 
-bool Unpack(const std::string& package, const std::string& directory, FwInfo_t& firmware) {
-  if (!PrepareDirectory(directory)) return false;
+Failure Unpack(const std::string& package, const std::string& directory, FwInfo_t& firmware) {
+  if (Failure failure = PrepareDirectory(directory)) return failure;
   LOGI("MCU ota path:%s", package.c_str());
-  if (CThread::StopRequested() || !Untar(package, directory)) return false;
+  if (CThread::StopRequested()) return {Reason::Stopped, {}};
+  if (Failure failure = Untar(package, directory)) return failure;
 
   const std::string archive = QVUpgradeTool::ReadAllUpgradeFile(directory.c_str(), ".zip");
   if (archive.empty()) {
     LOGE("Get name of fw pack  error!");
-    return false;
+    return Fail(Reason::PartImage, "no archive in %s", package.c_str());
   }
-  if (!ReadVersion(archive, firmware.m_strVersion)) return false;
-  if (CThread::StopRequested() || !Unzip(directory + "/" + archive, directory)) return false;
+  if (Failure failure = ReadVersion(archive, firmware.m_strVersion)) return failure;
+  if (CThread::StopRequested()) return {Reason::Stopped, {}};
+  if (Failure failure = Unzip(directory + "/" + archive, directory)) return failure;
 
   firmware.m_strFileName = kImageName;
   firmware.m_strFwPath = directory + "/" + kImageName;

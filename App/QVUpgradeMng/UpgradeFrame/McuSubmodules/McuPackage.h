@@ -6,6 +6,7 @@
 #include <string>
 
 #include "UpgradeFrame/McuSubmodules/McuUpgRecord.h"
+#include "UpgradePackage/Reasons.h"
 
 namespace McuPackage {
 
@@ -16,8 +17,8 @@ constexpr const char* m_strMinCompatibleVer = "1.0.6.30";
 constexpr size_t kMaxImageBytes = 16U * 1024U * 1024U;
 
 /// Empties or creates `directory`, unpacks `package` there and describes the image in `firmware`; the image
-/// is on the disk then, not only in memory. False, logged, when anything fails, the firmware is older than
-/// m_strMinCompatibleVer, or the calling thread is asked to stop.
-bool Unpack(const std::string& package, const std::string& directory, FwInfo_t& firmware);
+/// is on the disk then, not only in memory. Fails also when the firmware is older than m_strMinCompatibleVer,
+/// and as stopped when the calling thread is asked to stop.
+Failure Unpack(const std::string& package, const std::string& directory, FwInfo_t& firmware);
 
 }  // namespace McuPackage

@@ -1,4 +1,4 @@
-/// The MCU at the daemon's start. Called by the frame; commands and bounds are fixed.
+/// The MCU at the daemon's start.
 #include "UpgradeFrame/McuSubmodules/McuStartup.h"
 
 #include <chrono>
@@ -34,16 +34,16 @@ std::optional<McuVersion> McuStartup::Run() {
 }
 
 bool McuStartup::_EnterPhase(Phase phase) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_emPhase != Phase::NotBegun) return false;
   m_emPhase = phase;
   return true;
 }
 
 void McuStartup::_EndRun() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_emPhase = Phase::Ended;
-  m_cvNews.notify_all();
+  m_cvNews.NotifyAll();
 }
 
 std::optional<Identity> McuStartup::_ContinueUpgrade() {
@@ -51,9 +51,9 @@ std::optional<Identity> McuStartup::_ContinueUpgrade() {
   m_mcu.RegisterUploadPrecentCallback([](int, UPGRADETYPE, void*) { return 0; }, nullptr);
   m_mcu.RegRetUpgResultCb([this](bool succeeded) {
     LOGI("interrupted MCU upgrade %s", succeeded ? "is done" : "has failed");
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_bResult = true;
-    m_cvNews.notify_all();
+    m_cvNews.NotifyAll();
   });
   LOGW("MCU upgrade was interrupted, it is continued");
   if (!m_mcu.Init()) return std::nullopt;
@@ -79,39 +79,41 @@ std::optional<Identity> McuStartup::_ContinueUpgrade() {
 }
 
 void McuStartup::_WaitForResult() {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  if (m_cvNews.wait_for(lock, kContinueTime, [this] { return m_bResult || m_bStopped; })) return;
+  const CLock lock(m_mutex);
+  if (m_cvNews.WaitFor(m_mutex, kContinueTime,
+                       [this]() REQUIRES(m_mutex) { return m_bResult || m_bStopped; }))
+    return;
   LOGE("interrupted MCU upgrade does not come to its end, it is given up");
 }
 
 bool McuStartup::_HasResult() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_bResult;
 }
 
 bool McuStartup::_IsStopped() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_bStopped;
 }
 
 void McuStartup::HandOverLine() {
   bool asking = false;
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     asking = m_emPhase == Phase::Asking;
     if (m_emPhase == Phase::NotBegun) m_emPhase = Phase::Ended;
   }
   if (asking) m_mcu.RequestStop();
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_cvNews.wait(lock, [this] { return m_emPhase == Phase::Ended; });
+  const CLock lock(m_mutex);
+  m_cvNews.Wait(m_mutex, [this]() REQUIRES(m_mutex) { return m_emPhase == Phase::Ended; });
 }
 
 void McuStartup::RequestStop() {
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_bStopped = true;
     if (m_emPhase == Phase::NotBegun) m_emPhase = Phase::Ended;
-    m_cvNews.notify_all();
+    m_cvNews.NotifyAll();
   }
   m_mcu.RequestStop();
 }

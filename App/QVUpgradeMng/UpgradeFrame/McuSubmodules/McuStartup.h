@@ -3,12 +3,12 @@
 /// MCU's line back before an upgrade.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 
 #include "UpgradeFrame/McuSubmodules/McuSubmodules.h"
 #include "UpgradeFrame/McuSubmodules/McuVersion.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
 
 class McuStartup {
  public:
@@ -35,9 +35,9 @@ class McuStartup {
   bool _IsStopped();
 
   McuSubmodules m_mcu;
-  std::mutex m_mutex;                ///< guards the members below
-  std::condition_variable m_cvNews;  ///< one of them changed
-  Phase m_emPhase = Phase::NotBegun;
-  bool m_bStopped = false;
-  bool m_bResult = false;  ///< the continued upgrade has ended
+  CMutex m_mutex;
+  CCondition m_cvNews;  ///< one of the members below changed
+  Phase m_emPhase GUARDED_BY(m_mutex) = Phase::NotBegun;
+  bool m_bStopped GUARDED_BY(m_mutex) = false;
+  bool m_bResult GUARDED_BY(m_mutex) = false;  ///< the continued upgrade has ended
 };

@@ -3,21 +3,13 @@
 /// undone.
 #pragma once
 
-#include "UpgradeFrame/SocUpgraderBase.h"
+#include "UpgradeFrame/OneShotUpgrader.h"
 
-class CQVUpgradeRootfs : public SocUpgraderBase {
+class CQVUpgradeRootfs final : public OneShotUpgrader {
  public:
   CQVUpgradeRootfs();
-  ~CQVUpgradeRootfs() override;
 
  private:
-  struct Target;
-
-  bool _CheckUpgrade(const QVUpgradingInfo& info) override;
-  static bool _MakeFileSystem(const Target& target);
-  static bool _Unpack(const QVUpgradingInfo& info, const Target& target);
-  static bool _CheckUsedSize(const std::string& archive, const Target& target);
-
   static const Kind m_kindRootfs;
   static const Table m_MapStateMachineFunc;
 };

@@ -1,8 +1,6 @@
-/// Pins, package and reports of the two radio modules' upgrade. Called by the frame, and by the exchange on
-/// its state thread. The pin sequence and its times are the modules'.
+/// Pins, package and reports of the two radio modules' upgrade. The modules ask for the pin sequence and its
+/// times.
 #include "UpgradeFrame/RtxSubmodules/CQVUpgradeRtx.h"
-
-#include <utility>
 
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/ErrorNum/ErrorNum.h"
@@ -23,17 +21,11 @@ constexpr const char* kToControlPins = " > /sys/devices/platform/qv_platform/set
 
 }  // namespace
 
-CQVUpgradeRtx::CQVUpgradeRtx() : RtxExchange("UpgradeRtx", m_strUartName, m_iWaitTime) {}
-
-CQVUpgradeRtx::~CQVUpgradeRtx() {
-  _CloseExchange();
-}
-
 // --------------------------------------------------------------------------------------- asked by the frame
 
 bool CQVUpgradeRtx::Init() {
   if (m_bInitDone) return true;
-  if (!_InitGpio() || !_OpenExchange()) {
+  if (!_InitGpio() || !m_exchange.Open()) {
     UploadPrecent(ProgressReporter::kFailure);
     CleanUp();
     return false;
@@ -53,28 +45,10 @@ bool CQVUpgradeRtx::_InitGpio() {
 
 bool CQVUpgradeRtx::StartUpgrade() {
   if (!m_bInitDone) return false;
-  if (m_bStarted.exchange(true)) return true;
-  if (!Pause(kStartPauseMs)) return true;  // the daemon stops
+  if (!_IsFirstStart()) return true;
+  if (!CThread::Pause(kStartPauseMs)) return true;  // the daemon stops
   LOGI("Start upgrade RTX.");
-  return _StartRun(m_strRtx1Path);
-}
-
-bool CQVUpgradeRtx::RegisterUploadPrecentCallback(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) {
-  return m_progress.Register(cb, ctx);
-}
-
-bool CQVUpgradeRtx::UnregisterUploadPrecentCallback(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) {
-  return m_progress.Unregister(cb, ctx);
-}
-
-int CQVUpgradeRtx::UploadPrecent(int percent) {
-  return m_progress.Report(percent);
-}
-
-bool CQVUpgradeRtx::setUpgradeInfo(QVUpgradingInfo info) {
-  const std::lock_guard<std::mutex> lock(m_infoMutex);
-  m_stUpgInfo = std::move(info);
-  return true;
+  return m_exchange.StartRun(m_strRtx1Path);
 }
 
 bool CQVUpgradeRtx::FinishUpgrade() {
@@ -87,12 +61,12 @@ void CQVUpgradeRtx::GetUpgradeStatus(int& /*result*/, int /*seconds*/) {
 }
 
 void CQVUpgradeRtx::RequestStop() {
-  DestroyThread(true, false);
+  m_exchange.RequestStop();
 }
 
 bool CQVUpgradeRtx::CleanUp() {
   m_bInitDone = false;
-  const bool ended = _CloseExchange();
+  const bool ended = m_exchange.Close();
   for (IO_t* const module : {&m_stRtx1IO, &m_stRtx2IO}) {
     for (GPIO* const line : {&module->objPon, &module->objPwr, &module->objSwitch}) line->Release();
   }
@@ -101,36 +75,27 @@ bool CQVUpgradeRtx::CleanUp() {
 
 // ------------------------------------------------------------------------------------ asked by the exchange
 
-bool CQVUpgradeRtx::_PrepareFiles() {
+Failure CQVUpgradeRtx::PrepareFiles(RtxFiles& files) {
   const std::string directory = std::string(UpgradePaths::kPage) + "/rtx";
-  std::string package;
-  {
-    const std::lock_guard<std::mutex> lock(m_infoMutex);
-    package = m_stUpgInfo.m_upgradeFilePath;
-  }
+  const std::string package = _Info().m_upgradeFilePath;
   LOGI("Rtx ota path:%s", package.c_str());
   const std::string command = "tar xf " + ShellQuote(package) + " -C " + directory;
-  const int code = QVUpgradeTool::ExecCommand(command);
-  if (code != 0) {
-    LOGE("command failed with %d: %s", code, command.c_str());
-    return false;
-  }
-  return _SetFiles(directory);
+  if (Failure failure = MustExec(Reason::PartUnpack, command)) return failure;
+  return files.FindIn(directory);
 }
 
-void CQVUpgradeRtx::_EnterBoot() {
-  const bool second = _HasFlag(EM_FLAG_UPGING_RTX2);
+void CQVUpgradeRtx::_EnterBoot(bool second) {
   const IoDefType boot = second ? EM_IO_BOOT_2 : EM_IO_BOOT_1;
   const IoDefType reset = second ? EM_IO_RESET_2 : EM_IO_RESET_1;
   IO_t& lines = second ? m_stRtx2IO : m_stRtx1IO;
   for (GPIO* const line : {&lines.objPon, &lines.objPwr, &lines.objSwitch}) line->SetLevel(true);
   // A stop ends the pauses but not the sequence: half of it would leave the module in reset.
   _SwitchPin(boot, EM_IO_HIGH);
-  Pause(kBootPauseMs);
+  CThread::Pause(kBootPauseMs);
   _SwitchPin(reset, EM_IO_LOW);
-  Pause(kResetLowMs);
+  CThread::Pause(kResetLowMs);
   _SwitchPin(reset, EM_IO_HIGH);
-  Pause(kResetHighMs);
+  CThread::Pause(kResetHighMs);
   _SwitchPin(reset, EM_IO_LOW);
   _SwitchPin(boot, EM_IO_LOW);
   LOGI("Boot RTX");
@@ -143,30 +108,20 @@ void CQVUpgradeRtx::_SwitchPin(IoDefType pin, IoLevelType level) {
   if (code != 0) LOGE("command failed with %d: %s", code, command.c_str());
 }
 
-int CQVUpgradeRtx::_Module() const {
-  return _HasFlag(EM_FLAG_UPGING_RTX2) ? 2 : 1;
+void CQVUpgradeRtx::ChunkProgrammed(int module, size_t done, size_t total) {
+  const size_t before = static_cast<size_t>(module - 1) * total;
+  _ReportSteps(before + done, kModules * total);
 }
 
-void CQVUpgradeRtx::_ChunkProgrammed(size_t done, size_t total) {
-  const size_t before = static_cast<size_t>(_Module() - 1) * total;
-  m_progress.ReportSteps(before + done, kModules * total);
+const char* CQVUpgradeRtx::ModuleSucceeded(int module) {
+  LOGI("RTX[%d] upgrade successfully.", module);
+  return module == 1 ? m_strRtx2Path : nullptr;
 }
 
-const char* CQVUpgradeRtx::_ModuleSucceeded() {
-  LOGI("RTX[%d] upgrade successfully.", _Module());
-  if (_HasFlag(EM_FLAG_UPGING_RTX2)) {
-    _SetFlags(EM_FLAG_UPG_RTX2_SUCCESS);
-    return nullptr;
+void CQVUpgradeRtx::RunEnded(int module, const Failure& failure) {
+  if (failure) {
+    LOGE("RTX[%d] upgrade failed!", module);
+    ErrorNum::instance()->Record(SubMod_MainBoard, kErrorCode);
   }
-  _SetFlags(EM_FLAG_UPG_RTX1_SUCCESS | EM_FLAG_UPGING_RTX2);
-  return m_strRtx2Path;
-}
-
-void CQVUpgradeRtx::_ModuleFailed() {
-  LOGE("RTX[%d] upgrade failed!", _Module());
-  ErrorNum::instance()->Record(SubMod_MainBoard, kErrorCode);
-}
-
-void CQVUpgradeRtx::_RunEnded(bool success) {
-  m_progress.Report(success ? ProgressReporter::kSuccess : ProgressReporter::kFailure);
+  _ReportEnd(failure);
 }

@@ -1,36 +1,27 @@
 /// The upgrader of the base station's two radio modules: module 1 first, then module 2 with the same
-/// firmware. The frame creates it through SubmoduleFactory and starts it before all others. What it says to
-/// the modules is RtxExchange's; here are the pins, the package and the frame.
+/// firmware. SubmoduleFactory::CreateRtx makes it; the frame starts it before all others. What it says to the
+/// modules is RtxExchange's; here are the pins, the package and the frame.
 #pragma once
 
 #include <atomic>
-#include <mutex>
-#include <string>
 
 #include "BSW/GPIO/GPIO.h"
-#include "UpgradeFrame/IQVUpgrade.h"
-#include "UpgradeFrame/ProgressReporter.h"
+#include "UpgradeFrame/RtxSubmodules/IRtxHost.h"
 #include "UpgradeFrame/RtxSubmodules/RtxExchange.h"
+#include "UpgradeFrame/UpgraderBase.h"
 
-/// One upgrader serves one upgrade: a second StartUpgrade changes nothing.
-class CQVUpgradeRtx : public IQVUpgrade, public RtxExchange {
+class CQVUpgradeRtx final : public UpgraderBase, private IRtxHost {
  public:
-  CQVUpgradeRtx();
-  ~CQVUpgradeRtx() override;
+  CQVUpgradeRtx() : UpgraderBase(UP_RTX, -1) {}
 
   /// Takes the modules' six lines and starts the threads. Once only.
   bool Init() override;
-  bool RegisterUploadPrecentCallback(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) override;
-  bool UnregisterUploadPrecentCallback(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) override;
   bool CleanUp() override;
   /// Pauses 5 s, so that the services that were stopped let the modules go. False before Init.
   bool StartUpgrade() override;
   bool FinishUpgrade() override;
-  bool setUpgradeInfo(QVUpgradingInfo info) override;
   /// Leaves `result` as it is: whoever asks has heard no report, and that is all there is to know.
   void GetUpgradeStatus(int& result, int seconds) override;
-  /// -1 without a callback.
-  int UploadPrecent(int percent) override;
   void RequestStop() override;
 
  private:
@@ -61,22 +52,18 @@ class CQVUpgradeRtx : public IQVUpgrade, public RtxExchange {
   static constexpr const char* m_strRtx1Path = "/dev/ttymxc2";
   static constexpr const char* m_strRtx2Path = "/dev/ttymxc0";
 
-  bool _PrepareFiles() override;
-  void _EnterBoot() override;
-  int _Module() const override;
-  void _ChunkProgrammed(size_t done, size_t total) override;
-  const char* _ModuleSucceeded() override;
-  void _ModuleFailed() override;
-  void _RunEnded(bool success) override;
+  Failure PrepareFiles(RtxFiles& files) override;
+  void EnterBoot(int module) override { _EnterBoot(module == 2); }
+  void ChunkProgrammed(int module, size_t done, size_t total) override;
+  const char* ModuleSucceeded(int module) override;
+  void RunEnded(int module, const Failure& failure) override;
 
   bool _InitGpio();
+  void _EnterBoot(bool second);
   static void _SwitchPin(IoDefType pin, IoLevelType level);
 
   std::atomic<bool> m_bInitDone{false};
-  std::atomic<bool> m_bStarted{false};
-  ProgressReporter m_progress{UP_RTX, -1};
   IO_t m_stRtx1IO;
   IO_t m_stRtx2IO;
-  std::mutex m_infoMutex;  ///< guards m_stUpgInfo
-  QVUpgradingInfo m_stUpgInfo;
+  RtxExchange m_exchange{"UpgradeRtx", m_strUartName, m_iWaitTime, *this};
 };

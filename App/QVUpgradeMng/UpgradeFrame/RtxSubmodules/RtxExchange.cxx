@@ -25,14 +25,11 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
-#include <functional>
 #include <utility>
 
 #include "BSW/BasicFun/Crc.h"
-#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "BSW/Serial/HexText.h"
 #include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
 #include "UpgradeFrame/RtxSubmodules/RtxMessages.h"
 
@@ -40,17 +37,9 @@ using namespace Rtx;
 
 namespace {
 
-constexpr const char* kStationLabel = "RRU";
-constexpr const char* kModuleLabel = "RTX";
-constexpr const char* kPreLoaderName = "rtx-pre-loader.bin";
-constexpr const char* kFlashLoaderName = "rtx-flash-loader.bin";
-constexpr const char* kFirmwareSuffix = ".spihex";
-
-/// What the length headers can say.
-constexpr size_t kMaxImageBytes = 0xFFFF;
 constexpr uint32_t kBaudRatePauseMs = 10;
-/// A module answers and is silent; more than this can only be noise.
-constexpr size_t kMaxQueuedChunks = 1024;
+/// For the pre-loader's check value the wait that is meant in milliseconds counts in seconds.
+constexpr int kPreLoaderCrcWaits = 1000;
 
 uint8_t LowByte(size_t value) {
   return static_cast<uint8_t>(value & 0xFFU);
@@ -60,115 +49,72 @@ uint8_t HighByte(size_t value) {
   return static_cast<uint8_t>(value >> 8U & 0xFFU);
 }
 
-bool Contains(const Bytes& chunk, uint8_t byte) {
-  return std::find(chunk.begin(), chunk.end(), byte) != chunk.end();
-}
-
-/// Reads a loader image; false, logged, when it is missing, empty or too large for its header.
-bool LoadImage(const std::string& path, Bytes& image) {
-  std::string content;
-  if (!ReadFileToString(path, kMaxImageBytes, content) || content.empty()) {
-    LOGE("No usable image in %s (1 to %zu bytes)", path.c_str(), kMaxImageBytes);
-    return false;
-  }
-  image.assign(content.begin(), content.end());
-  return true;
-}
-
-/// The name of the firmware in `directory`, the first by name; empty when there is none. Hidden files are
-/// what some systems leave beside the real ones.
-std::string FindFirmware(const std::string& directory) {
-  namespace fs = std::filesystem;
-  std::string firmware;
-  std::error_code error;
-  for (auto entry = fs::directory_iterator(directory, error); !error && entry != fs::directory_iterator();
-       entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
-    if (name.front() == '.' || entry->path().extension() != kFirmwareSuffix) continue;
-    if (!XIsRegularFile(entry->path().string())) continue;
-    if (firmware.empty() || name < firmware) firmware = name;
-  }
-  return firmware;
-}
-
 }  // namespace
 
 const RtxExchange::State& RtxExchange::_StateOf(UpgradeStateType state) {
   static const std::array<State, EM_STATE_MAX> states = {{
-      {"Idle", &RtxExchange::_HandleIdleState},
-      {"Init", &RtxExchange::_HandleInitState},
-      {"EnterBoot", &RtxExchange::_HandleEnterBootState},
-      {"DlPreLoader", &RtxExchange::_HandleDlPreLoaderState},
-      {"ChangeBaudRate", &RtxExchange::_HandleChangeBaudRateState},
-      {"DlFlashLoader", &RtxExchange::_HandleDlFlashLoaderState},
-      {"WriteCfgOfFlash", &RtxExchange::_HandleWriteCfgOfFlashState},
-      {"DlFirmware", &RtxExchange::_HandleDlFirmwareState},
-      {"Success", &RtxExchange::_HandleSuccessState},
-      {"Failed", &RtxExchange::_HandleFailedState},
+      {"Idle", &RtxExchange::_HandleIdleState, EM_STATE_INIT},
+      {"Init", &RtxExchange::_HandleInitState, EM_STATE_ENTER_BOOT},
+      {"EnterBoot", &RtxExchange::_HandleEnterBootState, EM_STATE_DL_PRE_LOADER},
+      {"DlPreLoader", &RtxExchange::_HandleDlPreLoaderState, EM_STATE_CHANGE_BAUD_RATE},
+      {"ChangeBaudRate", &RtxExchange::_HandleChangeBaudRateState, EM_STATE_DL_FLASH_LOADER},
+      {"DlFlashLoader", &RtxExchange::_HandleDlFlashLoaderState, EM_STATE_WRITE_CFG_OF_FLASH},
+      {"WriteCfgOfFlash", &RtxExchange::_HandleWriteCfgOfFlashState, EM_STATE_DL_FIRMWARE},
+      {"DlFirmware", &RtxExchange::_HandleDlFirmwareState, EM_STATE_SUCCESS},
+      {"Success", &RtxExchange::_HandleSuccessState, EM_STATE_IDLE},
+      {"Failed", &RtxExchange::_HandleFailedState, EM_STATE_IDLE},
   }};
   return states.at(state);
 }
 
 // ---------------------------------------------------------------------------------------------- lifecycle
 
-RtxExchange::RtxExchange(const char* threadName, const char* uartName, int waitTime)
-    : CThread(threadName),
-      m_iWaitTime(waitTime),
-      m_pSerial(std::make_unique<SerialPort>(uartName, EM_CFG_MAX_UART_RECV_SIZE)) {
-  m_stUartInfo.strMasterType = kStationLabel;
-  m_stUartInfo.strSlaverType = kModuleLabel;
-  m_pSerial->RegisterUartEventCallback(
-      [this](const void* data, short length) { return _UartRecvHandler(data, length); });
-}
+RtxExchange::RtxExchange(const char* threadName, const char* uartName, int waitTime, IRtxHost& host)
+    : CThread(threadName), m_host(host), m_line(uartName, waitTime, m_flags) {}
 
-bool RtxExchange::_OpenExchange() {
-  if (CreateThread(0) && m_UartHandler.CreateThread(0)) return true;
+bool RtxExchange::Open() {
+  if (IsRunning() || (CreateThread(0) && m_UartHandler.CreateThread(0))) return true;
   LOGE("Cannot start the threads of an RTX upgrade");
-  _CloseExchange();
+  Close();
   return false;
 }
 
-bool RtxExchange::_CloseExchange() {
+bool RtxExchange::Close() {
   if (HasCrashed()) return true;
   m_UartHandler.DestroyThread(true, false);
-  DestroyThread(true, false);
-  _CloseLine();
+  RequestStop();
+  m_line.Close();
   const bool parserEnded = m_UartHandler.DestroyThread(false, true);
   if (!DestroyThread(false, true) || !parserEnded) return false;
-  _CloseLine();  // the state thread may have opened it meanwhile
-  _CleanCache();
+  m_line.Close();  // the state thread may have opened it meanwhile
+  m_UartHandler._CleanCache();
   m_deqFwData.clear();
   m_emLastState = EM_STATE_MAX;
-  const std::lock_guard<std::mutex> lock(m_SateLock);
+  const CLock lock(m_flags.Mutex());
   m_emState = EM_STATE_IDLE;
   m_bStart = false;
   return true;
 }
 
-bool RtxExchange::_StartRun(const char* device) {
-  const std::lock_guard<std::mutex> runLock(m_RunLock);
-  const std::lock_guard<std::mutex> lock(m_SateLock);
-  if (!IsRunning() || _RunUnderWay() || !m_stUartInfo.SetDevName(device)) return false;
+bool RtxExchange::StartRun(const char* device) {
+  const CLock runLock(m_RunLock);
+  const CLock lock(m_flags.Mutex());
+  if (!IsRunning() || _RunUnderWay() || !m_line.SetDevice(device)) return false;
+  m_flags.Clear(kModuleFlags);
+  m_flags.BeginHeld();
   m_bStart = true;
-  m_bAborted = false;
-  m_cvStateMachineCtrl.notify_all();
+  m_flags.Notify();
   return true;
 }
 
-void RtxExchange::_AbortRun() {
-  const std::lock_guard<std::mutex> runLock(m_RunLock);
+void RtxExchange::AbortRun() {
+  const CLock runLock(m_RunLock);
   {
-    const std::lock_guard<std::mutex> lock(m_SateLock);
+    const CLock lock(m_flags.Mutex());
     if (!_RunUnderWay()) return;
-    m_bAborted = true;
-    m_cvStateMachineCtrl.notify_all();
+    m_flags.EndHeld();
   }
-  _CloseLine();
-}
-
-void RtxExchange::OnStopRequested() {
-  const std::lock_guard<std::mutex> lock(m_SateLock);
-  m_cvStateMachineCtrl.notify_all();
+  m_line.Close();
 }
 
 // ------------------------------------------------------------------------------------------ state machine
@@ -183,31 +129,39 @@ void RtxExchange::ThreadProc() {
 /// A handler that names its own state again ends the run: whatever it waits for, it would wait for ever.
 void RtxExchange::_HandleState() {
   const UpgradeStateType state = m_emState;
-  UpgradeStateType next = EM_STATE_IDLE;
+  const State& row = _StateOf(state);
+  UpgradeStateType next = row.next;
+  Failure failure;
   if (state == m_emLastState) {
-    LOGE("State no change!ErrVal:%s", _StateOf(state).name);
-    m_emFailedState = state;
+    LOGE("State no change!ErrVal:%s", row.name);
+    failure = Fail(Reason::PartAnswer, "state %s does not change", row.name);
+    next = EM_STATE_IDLE;
   } else {
-    m_emLastState = state;
-    next = (this->*_StateOf(state).handler)();
+    failure = (this->*row.handler)();
+    if (failure) next = EM_STATE_FAILED;
+    if (next == EM_STATE_IDLE && state == EM_STATE_SUCCESS && m_bFurtherModule) next = EM_STATE_ENTER_BOOT;
+  }
+  m_emLastState = state;
+  if (failure) {
+    m_emFailedState = state;
+    m_failure = std::move(failure);
   }
   if (!IsRunning()) return;
-  if (next == EM_STATE_FAILED) m_emFailedState = state;
   if (next == EM_STATE_IDLE) {
-    _CloseLine();
+    m_line.Close();
     m_deqFwData.clear();
     // Before the exchange is idle: whoever starts the next run must not hear the end of this one.
-    _RunEnded(state == EM_STATE_SUCCESS);
+    m_host.RunEnded(m_line.Module(), m_failure);
   }
   _ToggleState(next);
 }
 
-std::string RtxExchange::_FailureText() const {
-  return std::string(m_bAborted ? "stopped in " : "failed in ") + _StateOf(m_emFailedState).name;
+std::string RtxExchange::FailureText() const {
+  return std::string(m_flags.Ending() ? "stopped in " : "failed in ") + _StateOf(m_emFailedState).name;
 }
 
 void RtxExchange::_ToggleState(UpgradeStateType state) {
-  const std::lock_guard<std::mutex> lock(m_SateLock);
+  const CLock lock(m_flags.Mutex());
   if (state == m_emState) {
     LOGW("UpgradeRtx is in state [%s] already", _StateOf(state).name);
     return;
@@ -217,149 +171,100 @@ void RtxExchange::_ToggleState(UpgradeStateType state) {
   m_bStart = false;
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleIdleState() {
-  std::unique_lock<std::mutex> lock(m_SateLock);
-  m_cvStateMachineCtrl.wait(lock, [this] { return m_bStart || !IsRunning(); });
-  return EM_STATE_INIT;
+Failure RtxExchange::_HandleIdleState() {
+  const CLock lock(m_flags.Mutex());
+  while (!m_bStart && IsRunning()) m_flags.WaitOnce();
+  m_failure = {};
+  return {};
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleInitState() {
-  return _PrepareFiles() ? EM_STATE_ENTER_BOOT : EM_STATE_FAILED;
-}
-
-bool RtxExchange::_SetFiles(const std::string& directory) {
-  const std::string firmware = FindFirmware(directory);
-  if (firmware.empty()) {
-    LOGE("get strPackPath bin file error");
-    return false;
-  }
-  m_strPreLoaderFile = directory + "/" + kPreLoaderName;
-  m_strFlashLoaderFile = directory + "/" + kFlashLoaderName;
-  m_strFirmwareFile = directory + "/" + firmware;
-  LOGI("Parse file path:\nPlFile:%s\nFlFile:%s\nFwFile:%s", m_strPreLoaderFile.c_str(),
-       m_strFlashLoaderFile.c_str(), m_strFirmwareFile.c_str());
-  return true;
-}
-
-RtxExchange::UpgradeStateType RtxExchange::_HandleEnterBootState() {
-  _CleanCache();
-  m_stUartInfo.eBaudRate = emSerialBaudRate_19200;
-  if (_Ending() || !m_pSerial->CreateSerial(&m_stUartInfo)) return EM_STATE_FAILED;
-  m_iLongTermFlags |= EM_FLAG_UART_OPEN;
-  _EnterBoot();
-  return _WaitFor(EM_FLAG_RECV_STX, "Waiting for STX timeout") ? EM_STATE_DL_PRE_LOADER : EM_STATE_FAILED;
+Failure RtxExchange::_HandleEnterBootState() {
+  m_UartHandler._CleanCache();
+  if (Failure failure = m_line.Open()) return failure;
+  m_host.EnterBoot(m_line.Module());
+  return m_line.WaitFor(EM_FLAG_RECV_STX, "Waiting for STX timeout");
 }
 
 /// The parser sends the image, when the module has taken the announcement.
-RtxExchange::UpgradeStateType RtxExchange::_HandleDlPreLoaderState() {
+Failure RtxExchange::_HandleDlPreLoaderState() {
   Bytes image;
-  if (!LoadImage(m_strPreLoaderFile, image)) return EM_STATE_FAILED;
+  if (Failure failure = RtxFiles::LoadImage(m_files.m_strPreLoaderFile, image)) return failure;
   const Bytes header = {EM_CFG_SOH_CHAR, LowByte(image.size()), HighByte(image.size())};
-  m_iPlCrc = CrcXor(image.data(), image.size());
-  {
-    const std::lock_guard<std::mutex> lock(m_SateLock);
-    m_vecPreloader = std::make_shared<const Bytes>(std::move(image));
+  m_UartHandler.OfferPreLoader(std::move(image));
+  m_UartHandler.ClearAnswers(EM_FLAG_RECV_PL_CRC | EM_FLAG_RECV_CORRECT_CRC);
+  if (Failure failure = _AskRaw(header, EM_FLAG_RECV_PL_ACK, "Waiting for ACK of pre loader timeout")) {
+    return failure;
   }
-  _ClearAnswers(EM_FLAG_RECV_PL_ACK | EM_FLAG_RECV_PL_CRC | EM_FLAG_RECV_CORRECT_CRC);
-  if (!_SendRaw(header) || !_WaitFor(EM_FLAG_RECV_PL_ACK, "Waiting for ACK of pre loader timeout")) {
-    return EM_STATE_FAILED;
-  }
-  // The wait that all others take in milliseconds, in seconds.
-  if (!_Wait(EM_FLAG_RECV_PL_CRC, std::chrono::seconds(m_iWaitTime))) {
-    if (!_Ending()) {
-      LOGE("Waiting for CRC of pre loader timeout.m_bRecvPlCrc%d", _HasFlag(EM_FLAG_RECV_PL_CRC));
-    }
-    return EM_STATE_FAILED;
-  }
+  const std::string onTimeout = FormatText("Waiting for CRC of pre loader timeout.m_bRecvPlCrc%d", 0);
+  if (Failure failure = m_line.WaitFor(EM_FLAG_RECV_PL_CRC, onTimeout, kPreLoaderCrcWaits)) return failure;
   LOGI("get CRC");
-  return _HasFlag(EM_FLAG_RECV_CORRECT_CRC) ? EM_STATE_CHANGE_BAUD_RATE : EM_STATE_FAILED;
+  if (m_flags.Has(EM_FLAG_RECV_CORRECT_CRC)) return {};
+  return Fail(Reason::PartVerify, "pre-loader: wrong check value, or the image did not go out");
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleChangeBaudRateState() {
-  _ClearAnswers(EM_FLAG_PL_READY);
-  if (!_SendRaw({EM_PRELOAD_START}) || !_WaitFor(EM_FLAG_PL_READY, "Waiting for EM_PRELOAD_READY timeout")) {
-    return EM_STATE_FAILED;
+Failure RtxExchange::_HandleChangeBaudRateState() {
+  if (Failure failure =
+          _AskRaw({EM_PRELOAD_START}, EM_FLAG_PL_READY, "Waiting for EM_PRELOAD_READY timeout")) {
+    return failure;
   }
-  if (!_SendRaw(Bytes(3, EM_PRELOADER_BAUD_230400))) return EM_STATE_FAILED;
+  if (Failure failure = m_line._SendRaw(Bytes(3, EM_PRELOADER_BAUD_230400))) return failure;
   Pause(kBaudRatePauseMs);  // until they are out
-  m_stUartInfo.eBaudRate = emSerialBaudRate_230400;
-  if (_Ending() || !m_pSerial->RestartSerial(&m_stUartInfo)) return EM_STATE_FAILED;
-  _ClearAnswers(EM_FLAG_BAUDREADY);
-  if (!_SendRaw({EM_PRELOAD_NEW_BAUDRATE}) ||
-      !_WaitFor(EM_FLAG_BAUDREADY, "Waiting for EM_PRELOAD_NEW_BAUDRATE timeout")) {
-    return EM_STATE_FAILED;
-  }
-  return EM_STATE_DL_FLASH_LOADER;
+  if (Failure failure = m_line.SpeedUp()) return failure;
+  return _AskRaw({EM_PRELOAD_NEW_BAUDRATE}, EM_FLAG_BAUDREADY, "Waiting for EM_PRELOAD_NEW_BAUDRATE timeout");
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleDlFlashLoaderState() {
+Failure RtxExchange::_HandleDlFlashLoaderState() {
   Bytes image;
-  if (!LoadImage(m_strFlashLoaderFile, image)) return EM_STATE_FAILED;
+  if (Failure failure = RtxFiles::LoadImage(m_files.m_strFlashLoaderFile, image)) return failure;
   const uint8_t crc = CrcXor(image.data(), image.size());
-  _ClearAnswers(EM_FLAG_RECV_FL_CRC);
-  if (!_SendRaw({HighByte(image.size()), LowByte(image.size())}) || !_SendRaw(image) ||
-      !_WaitFor(EM_FLAG_RECV_FL_CRC, "Waiting for CRC of flash loader timeout")) {
-    return EM_STATE_FAILED;
+  m_UartHandler.ClearAnswers(EM_FLAG_RECV_FL_CRC);
+  if (Failure failure = m_line._SendRaw({HighByte(image.size()), LowByte(image.size())})) return failure;
+  if (Failure failure = m_line._SendRaw(image)) return failure;
+  if (Failure failure = m_line.WaitFor(EM_FLAG_RECV_FL_CRC, "Waiting for CRC of flash loader timeout")) {
+    return failure;
   }
-  if (m_iFlCrcRecv != crc) {
-    LOGE("Recv error CRC!RightVal:%02X, RecvVal:%02X", crc, m_iFlCrcRecv.load());
-    return EM_STATE_FAILED;
-  }
-  return EM_STATE_WRITE_CFG_OF_FLASH;
+  const uint8_t received = m_UartHandler.FlashLoaderCrc();
+  if (received == crc) return {};
+  LOGE("Recv error CRC!RightVal:%02X, RecvVal:%02X", crc, received);
+  return Fail(Reason::PartVerify, "flash loader: check value %02X, expected %02X", received, crc);
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleWriteCfgOfFlashState() {
-  const bool written =
-      _Ask(ReadVersionRequest(), EM_FLAG_RECV_SW_VER, "Waiting for [EM_READ_SW_VERSION_CFM] timeout") &&
-      _Ask(WriteConfigRequest(), EM_FLAG_WRITE_CFG_CFM, "Waiting for [EM_WRITE_CONFIG_CFM] timeout");
-  return written ? EM_STATE_DL_FIRMWARE : EM_STATE_FAILED;
+Failure RtxExchange::_HandleWriteCfgOfFlashState() {
+  if (Failure failure = _Ask(ReadVersionRequest(), EM_READ_SW_VERSION_CFM)) return failure;
+  return _Ask(WriteConfigRequest(), EM_WRITE_CONFIG_CFM);
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleDlFirmwareState() {
-  struct Step {
-    const char* name;
-    bool (RtxExchange::*run)();
-  };
-  static constexpr std::array<Step, 4> kSteps = {{
-      {"_ParseFwFile", &RtxExchange::_ParseFwFile},
-      {"_EraseSectors", &RtxExchange::_EraseSectors},
-      {"_ProgramSectors", &RtxExchange::_ProgramSectors},
-      {"_VerifySectors", &RtxExchange::_VerifySectors},
-  }};
-  for (const Step& step : kSteps) {
-    if ((this->*step.run)()) continue;
-    if (!_Ending()) LOGE("%s failed!", step.name);
-    return EM_STATE_FAILED;
-  }
-  return EM_STATE_SUCCESS;
+Failure RtxExchange::_HandleDlFirmwareState() {
+  if (Failure failure = _ParseFwFile()) return failure;
+  if (Failure failure = _EraseSectors()) return failure;
+  if (Failure failure = _ProgramSectors()) return failure;
+  return _VerifySectors();
 }
 
-bool RtxExchange::_ParseFwFile() {
+Failure RtxExchange::_ParseFwFile() {
   if (!m_deqFwData.empty()) {
     LOGI("upg rtx2 no need parse again.");
-    return true;
+    return {};
   }
-  return IntelHexReader().ReadFile(m_strFirmwareFile, m_deqFwData);
+  if (IntelHexReader().ReadFile(m_files.m_strFirmwareFile, m_deqFwData)) return {};
+  return Fail(Reason::PartImage, "%s is no usable firmware", m_files.m_strFirmwareFile.c_str());
 }
 
-bool RtxExchange::_EraseSectors() {
+Failure RtxExchange::_EraseSectors() {
   if (m_deqFwData.empty()) {
     LOGE("Empty firmware data.");
-    return false;
+    return Fail(Reason::PartImage, "Empty firmware data.");
   }
   for (const FwData_t& block : m_deqFwData) {
     LOGI("Erase from 0x%08X to 0x%08X", block.m_iStartAddr, block.m_iEndAddr);
     for (const uint32_t address : SectorsOf(block)) {
-      if (!_Ask(EraseRequest(address), EM_FLAG_EARSE_SECTOR_CFM,
-                "Waiting for [EM_FLASH_ERASE_CFM] timeout")) {
-        return false;
-      }
+      if (Failure failure = _Ask(EraseRequest(address), EM_FLASH_ERASE_CFM)) return failure;
     }
   }
-  return true;
+  return {};
 }
 
-bool RtxExchange::_ProgramSectors() {
+Failure RtxExchange::_ProgramSectors() {
   size_t total = 0;
   for (const FwData_t& block : m_deqFwData) {
     total += (block.m_vecData.size() + kProgramChunk - 1) / kProgramChunk;
@@ -372,272 +277,57 @@ bool RtxExchange::_ProgramSectors() {
       const auto address = static_cast<uint32_t>(block.m_iStartAddr + at);
       CLog::instance()->Module(kTraceLog, "Program addr:0x%08X, size:%zu, at:%zu of %zu", address, size, at,
                                blockSize);
-      if (!_Ask(ProgramRequest(address, &block.m_vecData[at], size), EM_FLAG_PROGRAM_SECTOR_CFM,
-                "Waiting for [EM_PROG_FLASH_CFM] timeout")) {
-        return false;
-      }
-      _ChunkProgrammed(++done, total);
+      const Bytes request = ProgramRequest(address, &block.m_vecData[at], size);
+      if (Failure failure = _Ask(request, EM_PROG_FLASH_CFM)) return failure;
+      m_host.ChunkProgrammed(m_line.Module(), ++done, total);
     }
   }
-  return true;
+  return {};
 }
 
-bool RtxExchange::_VerifySectors() {
+Failure RtxExchange::_VerifySectors() {
   for (const FwData_t& block : m_deqFwData) {
     const uint32_t length = VerifyLength(block);
     LOGI("Verify addr:0x%08X, size:%zu, length:%u", block.m_iStartAddr, block.m_vecData.size(), length);
-    if (!_Ask(CalcCrc32Request(block.m_iStartAddr, length), EM_FLAG_VERIFY_SECTOR_CFM,
-              "Waiting for [EM_CALC_CRC32_CFM] timeout")) {
-      return false;
-    }
-    if (m_iCrcRecv != block.m_iCrc) {
-      LOGE("Crc not right!Store:0x%08X, Recv:0x%08X", block.m_iCrc, m_iCrcRecv.load());
-      return false;
-    }
+    const Bytes request = CalcCrc32Request(block.m_iStartAddr, length);
+    if (Failure failure = _Ask(request, EM_CALC_CRC32_CFM)) return failure;
+    const uint32_t received = m_UartHandler.FlashCrc();
+    if (received == block.m_iCrc) continue;
+    LOGE("Crc not right!Store:0x%08X, Recv:0x%08X", block.m_iCrc, received);
+    return Fail(Reason::PartVerify, "flash at 0x%08X: CRC 0x%08X, expected 0x%08X", block.m_iStartAddr,
+                received, block.m_iCrc);
   }
-  return true;
+  return {};
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleSuccessState() {
-  _CloseLine();
-  _CleanCache();
-  const char* const nextDevice = _ModuleSucceeded();
-  if (nextDevice == nullptr) return EM_STATE_IDLE;
-  return m_stUartInfo.SetDevName(nextDevice) ? EM_STATE_ENTER_BOOT : EM_STATE_FAILED;
+Failure RtxExchange::_HandleSuccessState() {
+  m_line.Close();
+  m_UartHandler._CleanCache();
+  const bool second = m_flags.Has(EM_FLAG_UPGING_RTX2);
+  const char* const nextDevice = m_host.ModuleSucceeded(m_line.Module());
+  m_bFurtherModule = !second && nextDevice != nullptr;
+  m_flags.Set(second ? EM_FLAG_UPG_RTX2_SUCCESS : EM_FLAG_UPG_RTX1_SUCCESS);
+  if (!m_bFurtherModule) return {};
+  m_flags.Set(EM_FLAG_UPGING_RTX2);
+  if (m_line.SetDevice(nextDevice)) return {};
+  return Fail(Reason::PartDevice, "%s is no device", nextDevice);
 }
 
-RtxExchange::UpgradeStateType RtxExchange::_HandleFailedState() {
-  _CloseLine();
-  _ModuleFailed();
-  _CleanCache();
-  return EM_STATE_IDLE;
+Failure RtxExchange::_HandleFailedState() {
+  m_line.Close();
+  m_UartHandler._CleanCache();
+  return {};
 }
 
-// ------------------------------------------------------------------------------------- sending and waiting
-
-bool RtxExchange::_Ask(const Bytes& payload, FlagType confirmation, const char* onTimeout) {
-  _ClearAnswers(confirmation);
-  return _SendPacket(payload) && _WaitFor(confirmation, onTimeout);
+Failure RtxExchange::_AskRaw(const Bytes& bytes, FlagType answer, const char* onTimeout) {
+  m_UartHandler.ClearAnswers(answer);
+  if (Failure failure = m_line._SendRaw(bytes)) return failure;
+  return m_line.WaitFor(answer, onTimeout);
 }
 
-bool RtxExchange::_SendPacket(const Bytes& payload) {
-  const Bytes packet = PackFlPacket(payload);
-  if (packet.empty()) return false;
-  CLog::instance()->Access("%s -> %s [%d], L:%zu, %s", kStationLabel, kModuleLabel, _Module(), packet.size(),
-                           HexText(packet.data(), packet.size()).c_str());
-  return _SendRaw(packet);
-}
-
-bool RtxExchange::_SendRaw(const Bytes& bytes) {
-  if (_Ending()) return false;
-  const auto size = static_cast<int>(bytes.size());
-  if (m_pSerial->SendFrame(reinterpret_cast<const char*>(bytes.data()), size) == size) return true;
-  if (!_Ending()) LOGE("_SendRaw error");
-  return false;
-}
-
-bool RtxExchange::_WaitFor(FlagType flag, const char* onTimeout) {
-  if (_Wait(flag, std::chrono::milliseconds(m_iWaitTime))) return true;
-  if (!_Ending()) LOGE("%s", onTimeout);
-  return false;
-}
-
-bool RtxExchange::_Wait(FlagType flag, std::chrono::milliseconds time) {
-  std::unique_lock<std::mutex> lock(m_SateLock);
-  m_cvStateMachineCtrl.wait_for(lock, time, [&] { return _HasFlag(flag) || _Ending(); });
-  return _HasFlag(flag) && !_Ending();
-}
-
-void RtxExchange::_SetFlags(uint32_t flags) {
-  const std::lock_guard<std::mutex> lock(m_SateLock);
-  m_iFlags |= flags;
-  m_cvStateMachineCtrl.notify_all();
-}
-
-void RtxExchange::_ClearAnswers(uint32_t flags) {
-  const std::lock_guard<std::mutex> lock(m_SateLock);
-  m_iFlags &= ~flags;
-  m_joiner.Reset();
-}
-
-void RtxExchange::_CloseLine() {
-  m_iLongTermFlags &= ~static_cast<uint32_t>(EM_FLAG_UART_OPEN);
-  // Whatever the flag said: a restart of the port may have crossed an earlier closing.
-  if (m_pSerial) m_pSerial->DestroySerial();
-}
-
-void RtxExchange::_CleanCache() {
-  constexpr uint32_t kExchangeFlags =
-      EM_FLAG_RECV_STX | EM_FLAG_RECV_PL_ACK | EM_FLAG_RECV_PL_CRC | EM_FLAG_PL_READY | EM_FLAG_BAUDREADY |
-      EM_FLAG_RECV_FL_CRC | EM_FLAG_RECV_SW_VER | EM_FLAG_WRITE_CFG_CFM | EM_FLAG_EARSE_SECTOR_CFM |
-      EM_FLAG_PROGRAM_SECTOR_CFM | EM_FLAG_VERIFY_SECTOR_CFM | EM_FLAG_RECV_CORRECT_CRC;
-  {
-    // The line is closed: nothing comes behind what the parser has in hand, and nothing holds it up.
-    std::unique_lock<std::mutex> lock(m_UartDataLock);
-    m_deqUartRecvList.clear();
-    m_cvUartRecvCtrl.wait(lock, [this] { return !m_bParsing; });
-  }
-  _ClearAnswers(kExchangeFlags);
-  const std::lock_guard<std::mutex> lock(m_SateLock);
-  m_vecPreloader.reset();
-}
-
-// ---------------------------------------------------------------------------------------------- receiving
-
-int RtxExchange::_UartRecvHandler(const void* data, short length) {
-  if (data == nullptr || length <= 0) {
-    LOGE("No data of %d bytes from the module!", length);
-    return -1;
-  }
-  const auto* const bytes = static_cast<const uint8_t*>(data);
-  CLog::instance()->Access("%s [%d] -> %s, L:%d, %s", kModuleLabel, _Module(), kStationLabel, length,
-                           HexText(data, static_cast<size_t>(length)).c_str());
-  const std::lock_guard<std::mutex> lock(m_UartDataLock);
-  if (m_deqUartRecvList.size() >= kMaxQueuedChunks) {
-    LOGE("Too much data from the module, %d bytes dropped!", length);
-    return -1;
-  }
-  m_deqUartRecvList.emplace_back(bytes, bytes + length);
-  m_cvUartRecvCtrl.notify_all();
-  return length;
-}
-
-void RtxExchange::Parser::OnStopRequested() {
-  const std::lock_guard<std::mutex> lock(m_exchange.m_UartDataLock);
-  m_exchange.m_cvUartRecvCtrl.notify_all();
-}
-
-void RtxExchange::_ProcessUartData() {
-  LOGI("Start processing uart data from rtx.");
-  std::unique_lock<std::mutex> lock(m_UartDataLock);
-  while (m_UartHandler.IsRunning()) {
-    if (m_deqUartRecvList.empty()) {
-      m_cvUartRecvCtrl.wait(lock);
-      continue;
-    }
-    const Bytes chunk = std::move(m_deqUartRecvList.front());
-    m_deqUartRecvList.pop_front();
-    m_bParsing = true;
-    lock.unlock();
-    _ParseUartData(chunk);
-    lock.lock();
-    m_bParsing = false;
-    m_cvUartRecvCtrl.notify_all();
-  }
-}
-
-void RtxExchange::_ParseUartData(const Bytes& chunk) {
-  if (chunk.empty()) {
-    LOGE("Empty uart data!");
-    return;
-  }
-  switch (m_emState) {
-    case EM_STATE_IDLE:
-    case EM_STATE_INIT:
-    case EM_STATE_ENTER_BOOT:
-      if (chunk.front() != EM_CFG_STX_CHAR || _HasFlag(EM_FLAG_RECV_STX)) break;
-      LOGI("Recv STX char, now RTX in boot mod.");
-      _SetFlags(EM_FLAG_RECV_STX);
-      break;
-    case EM_STATE_DL_PRE_LOADER:
-      _ParsePreLoaderData(chunk);
-      break;
-    case EM_STATE_CHANGE_BAUD_RATE:
-      _ParseBaudRateData(chunk);
-      break;
-    case EM_STATE_DL_FLASH_LOADER:
-      // The last byte: what stands before it is noise.
-      m_iFlCrcRecv = chunk.back();
-      _SetFlags(EM_FLAG_RECV_FL_CRC);
-      break;
-    case EM_STATE_WRITE_CFG_OF_FLASH:
-    case EM_STATE_DL_FIRMWARE:
-      _ProcFlPacketData(chunk);
-      break;
-    default:
-      break;
-  }
-}
-
-void RtxExchange::_ParsePreLoaderData(const Bytes& chunk) {
-  if (!_HasFlag(EM_FLAG_RECV_PL_ACK)) {
-    // A boot ROM that calls again and again may have done so once more before it.
-    if (Contains(chunk, EM_CFG_PRE_LOADER_ACK)) _SendPreLoader();
-    return;
-  }
-  const uint8_t crc = chunk.back();
-  LOGI("Recv PL CRC.Crc:0x%02X", crc);
-  uint32_t flags = EM_FLAG_RECV_PL_CRC;
-  if (crc == m_iPlCrc) {
-    // Before the flags: they let the state thread send.
-    _SendRaw({crc});
-    flags |= EM_FLAG_RECV_CORRECT_CRC;
-  } else {
-    LOGE("Recv error CRC!RightVal:%02X, RecvVal:%02X", m_iPlCrc.load(), crc);
-  }
-  _SetFlags(flags);
-}
-
-void RtxExchange::_SendPreLoader() {
-  std::shared_ptr<const Bytes> image;
-  {
-    const std::lock_guard<std::mutex> lock(m_SateLock);
-    image = m_vecPreloader;
-  }
-  _SetFlags(EM_FLAG_RECV_PL_ACK);
-  LOGI("Try to send pre loader.");
-  // For an image that did not go out no check value will come.
-  if (!image || !_SendRaw(*image)) _SetFlags(EM_FLAG_RECV_PL_CRC);
-  LOGI("Send pre loader done.");
-}
-
-/// While the line changes its speed, noise may stand around the answers.
-void RtxExchange::_ParseBaudRateData(const Bytes& chunk) {
-  if (!_HasFlag(EM_FLAG_PL_READY)) {
-    if (!Contains(chunk, EM_PRELOAD_READY)) return;
-    LOGI("Recv EM_PRELOAD_READY");
-    _SetFlags(EM_FLAG_PL_READY);
-  } else if (Contains(chunk, EM_PRELOAD_NEW_BAUDRATE_READY)) {
-    _SetFlags(EM_FLAG_BAUDREADY);
-  }
-}
-
-void RtxExchange::_ProcFlPacketData(const Bytes& chunk) {
-  std::optional<FlPayload_t> payload;
-  {
-    const std::lock_guard<std::mutex> lock(m_SateLock);
-    payload = m_joiner.Add(chunk);
-  }
-  if (payload) _ProcConfirmation(*payload);
-}
-
-/// A status of failure is told and lets the run go on: the verification decides.
-void RtxExchange::_ProcConfirmation(const FlPayload_t& payload) {
-  const Confirmation* const confirmation = FindConfirmation(payload.m_iCmd);
-  if (confirmation == nullptr) {
-    LOGE("Unknown primitive!ErrVal:%u", payload.m_iCmd);
-    return;
-  }
-  const Bytes& data = payload.m_vecData;
-  if (data.size() != static_cast<size_t>(confirmation->size)) {
-    LOGE("Error data lenth of [%s]!ErrVal:%zu", confirmation->name, data.size());
-    return;
-  }
-  if (confirmation->hasStatus && data.back() == 0) LOGE("[%s] tells a failure!", confirmation->name);
-  switch (confirmation->cmd) {
-    case EM_READ_SW_VERSION_CFM:
-      LOGI("Flash loader version:%u.%u.%u", data[0], data[1], data[2]);
-      return _SetFlags(EM_FLAG_RECV_SW_VER);
-    case EM_WRITE_CONFIG_CFM:
-      return _SetFlags(EM_FLAG_WRITE_CFG_CFM);
-    case EM_PROG_FLASH_CFM:
-      return _SetFlags(EM_FLAG_PROGRAM_SECTOR_CFM);
-    case EM_CALC_CRC32_CFM:
-      m_iCrcRecv = Crc32Of(payload);
-      return _SetFlags(EM_FLAG_VERIFY_SECTOR_CFM);
-    case EM_FLASH_ERASE_CFM:
-      return _SetFlags(EM_FLAG_EARSE_SECTOR_CFM);
-    default:
-      return;
-  }
+Failure RtxExchange::_Ask(const Bytes& payload, FlPrimitiveIdType confirmation) {
+  const Confirmation& expected = *FindConfirmation(confirmation);
+  m_UartHandler.ClearAnswers(expected.flag);
+  if (Failure failure = m_line._SendPacket(payload)) return failure;
+  return m_line.WaitFor(expected.flag, expected.onTimeout);
 }

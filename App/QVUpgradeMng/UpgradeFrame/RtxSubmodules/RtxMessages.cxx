@@ -16,11 +16,16 @@ constexpr size_t kCrcPosition = 8;
 constexpr unsigned kByteBits = 8;
 
 constexpr std::array<Confirmation, 5> kConfirmations = {{
-    {EM_READ_SW_VERSION_CFM, EM_SIZE_READ_VER_CFM, false, "EM_READ_SW_VERSION_CFM"},
-    {EM_WRITE_CONFIG_CFM, EM_SIZE_WRITE_CFG_CFM, true, "EM_WRITE_CONFIG_CFM"},
-    {EM_PROG_FLASH_CFM, EM_SIZE_PROG_FLASH_CFM, true, "EM_PROG_FLASH_CFM"},
-    {EM_CALC_CRC32_CFM, EM_SIZE_CALC_CRC32_CFM, false, "EM_CALC_CRC32_CFM"},
-    {EM_FLASH_ERASE_CFM, EM_SIZE_FLASH_EARSE_CFM, true, "EM_FLASH_ERASE_CFM"},
+    {EM_READ_SW_VERSION_CFM, EM_SIZE_READ_VER_CFM, false, EM_FLAG_RECV_SW_VER, "EM_READ_SW_VERSION_CFM",
+     "Waiting for [EM_READ_SW_VERSION_CFM] timeout"},
+    {EM_WRITE_CONFIG_CFM, EM_SIZE_WRITE_CFG_CFM, true, EM_FLAG_WRITE_CFG_CFM, "EM_WRITE_CONFIG_CFM",
+     "Waiting for [EM_WRITE_CONFIG_CFM] timeout"},
+    {EM_PROG_FLASH_CFM, EM_SIZE_PROG_FLASH_CFM, true, EM_FLAG_PROGRAM_SECTOR_CFM, "EM_PROG_FLASH_CFM",
+     "Waiting for [EM_PROG_FLASH_CFM] timeout"},
+    {EM_CALC_CRC32_CFM, EM_SIZE_CALC_CRC32_CFM, false, EM_FLAG_VERIFY_SECTOR_CFM, "EM_CALC_CRC32_CFM",
+     "Waiting for [EM_CALC_CRC32_CFM] timeout"},
+    {EM_FLASH_ERASE_CFM, EM_SIZE_FLASH_EARSE_CFM, true, EM_FLAG_EARSE_SECTOR_CFM, "EM_FLASH_ERASE_CFM",
+     "Waiting for [EM_FLASH_ERASE_CFM] timeout"},
 }};
 
 /// Appends the `size` low bytes of `value`, lowest first.

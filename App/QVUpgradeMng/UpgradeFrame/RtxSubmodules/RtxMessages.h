@@ -1,5 +1,5 @@
 /// What is said to and by a module's flash loader: the payload of each request, and what each confirmation
-/// holds. All numbers go low byte first. The exchange is the only caller.
+/// holds. All numbers go low byte first. The exchange sends the requests, its parser judges the answers.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +7,7 @@
 
 #include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
 #include "UpgradeFrame/RtxSubmodules/RtxProtocol.h"
+#include "UpgradeFrame/RtxSubmodules/RtxRun.h"
 
 namespace Rtx {
 
@@ -31,7 +32,9 @@ struct Confirmation {
   FlPrimitiveIdType cmd;
   FlPacketSizeType size;
   bool hasStatus;  ///< as the last byte
+  FlagType flag;   ///< tells the state thread of it
   const char* name;
+  const char* onTimeout;  ///< what the log says when it does not come
 };
 
 /// The entry for the primitive `cmd`; null for one that is no confirmation this side waits for.

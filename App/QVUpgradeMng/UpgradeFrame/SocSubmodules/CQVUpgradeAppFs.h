@@ -1,16 +1,13 @@
 /// Upgrades the application file system: replaces the application in the partition that is not running.
 #pragma once
 
-#include "UpgradeFrame/SocUpgraderBase.h"
+#include "UpgradeFrame/OneShotUpgrader.h"
 
-class CQVUpgradeAppFs : public SocUpgraderBase {
+class CQVUpgradeAppFs final : public OneShotUpgrader {
  public:
   CQVUpgradeAppFs();
-  ~CQVUpgradeAppFs() override;
 
  private:
-  bool _CheckUpgrade(const QVUpgradingInfo& info) override;
-
   static const Kind m_kindAppFs;
   static const Table m_MapStateMachineFunc;
 };

@@ -2,16 +2,13 @@
 /// partition that is not running.
 #pragma once
 
-#include "UpgradeFrame/SocUpgraderBase.h"
+#include "UpgradeFrame/OneShotUpgrader.h"
 
-class CQVUpgradeLinux : public SocUpgraderBase {
+class CQVUpgradeLinux final : public OneShotUpgrader {
  public:
   CQVUpgradeLinux();
-  ~CQVUpgradeLinux() override;
 
  private:
-  bool _CheckUpgrade(const QVUpgradingInfo& info) override;
-
   static const Kind m_kindLinux;
   static const Table m_MapStateMachineFunc;
 };

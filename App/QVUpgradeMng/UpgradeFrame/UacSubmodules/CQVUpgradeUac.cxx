@@ -1,9 +1,10 @@
-/// The USB audio chip's states are its base's; the transfer is XmodemSender's. Called by its base's thread.
+/// The image's way into the USB audio chip; the transfer itself is XmodemSender's.
 #include "UpgradeFrame/UacSubmodules/CQVUpgradeUac.h"
 
 #include <json/json.h>
 
 #include "BSW/BasicFun/FileUtils.h"
+#include "UpgradeFrame/UacSubmodules/UacLine.h"
 #include "UpgradeFrame/UacSubmodules/XmodemSender.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 
@@ -12,50 +13,54 @@ namespace {
 /// Far beyond the chip's flash.
 constexpr size_t kMaxImageBytes = 16U * 1024U * 1024U;
 
-}  // namespace
+class UacPayload final : public IPayload {
+ public:
+  Failure Install(const QVUpgradingInfo& info, const Steps& steps) override;
+  void Ended(const Failure& failure) override;
+  void Stop() override { m_line.Stop(); }
 
-const SocUpgraderBase::Kind CQVUpgradeUac::m_kindUac = {
-    "CQVUpgradeUac", UP_UAC, kNoErrorCode, "UacIdle", "UacCheckUpgrade", "UacSuccess", "UacFail"};
-const SocUpgraderBase::Table CQVUpgradeUac::m_MapStateMachineFunc = MakeTable(m_kindUac);
+ private:
+  Failure _Transfer(const std::string& image, const Steps& steps);
 
-CQVUpgradeUac::CQVUpgradeUac() : SocUpgraderBase(m_kindUac, m_MapStateMachineFunc) {}
+  UacLine m_line;
+};
 
-CQVUpgradeUac::~CQVUpgradeUac() {
-  StopBeforeDestruction();
-}
-
-void CQVUpgradeUac::OnStopRequested() {
-  SocUpgraderBase::OnStopRequested();
-  m_line.Stop();
-}
-
-bool CQVUpgradeUac::_CheckUpgrade(const QVUpgradingInfo& info) {
+Failure UacPayload::Install(const QVUpgradingInfo& info, const Steps& steps) {
+  const std::string& path = info.m_upgradeFilePath;
   std::string image;
-  if (!ReadFileToString(info.m_upgradeFilePath, kMaxImageBytes, image) || image.empty()) {
-    m_strFault = info.m_upgradeFilePath + " is no usable image";
-  } else if (!m_line.Open()) {
-    m_strFault = std::string(UacLine::kDevice) + " cannot be opened";
-  } else {
-    LOGI("send %zu bytes of %s to %s", image.size(), info.m_upgradeFilePath.c_str(), UacLine::kDevice);
-    const bool sent = _Transfer(image);
-    m_line.Close();
-    if (sent) return true;
+  if (!ReadFileToString(path, kMaxImageBytes, image) || image.empty()) {
+    return Fail(Reason::PartImage, "UAC upgrade failed: %s is no usable image", path.c_str());
   }
-  if (!StopRequested()) LOGE("UAC upgrade failed: %s", m_strFault.c_str());
-  return false;
+  if (!m_line.Open()) {
+    return Fail(Reason::PartDevice, "UAC upgrade failed: %s cannot be opened", UacLine::kDevice);
+  }
+  LOGI("send %zu bytes of %s to %s", image.size(), path.c_str(), UacLine::kDevice);
+  Failure failure = _Transfer(image, steps);
+  m_line.Close();
+  return failure;
 }
 
-bool CQVUpgradeUac::_Transfer(const std::string& image) {
-  XmodemSender sender(m_line);
-  const XmodemSender::Result result =
-      sender.Send(image, [this](size_t done, size_t total) { _ReportSteps(done, total); });
-  m_strFault = XmodemSender::Text(result);
-  return result == XmodemSender::Result::Done;
+Failure UacPayload::_Transfer(const std::string& image, const Steps& steps) {
+  using Result = XmodemSender::Result;
+  const Result result = XmodemSender(m_line).Send(image, steps);
+  if (result == Result::Done) return {};
+  if (result == Result::Stopped) return {Reason::Stopped, {}};
+  return Fail(result == Result::LineDown ? Reason::PartWrite : Reason::PartAnswer, "UAC upgrade failed: %s",
+              XmodemSender::Text(result));
 }
 
-void CQVUpgradeUac::_OnEnd(bool succeeded) {
-  if (succeeded) return;
+void UacPayload::Ended(const Failure& failure) {
+  if (!failure) return;
   Json::Value fault;
-  fault["FaultMsg"] = "UAC upgrade failed: " + m_strFault;
+  fault["FaultMsg"] = failure.context;
   UpgradeIpcMsg::GetUpgradeIpc()->SendUIMsg(DeviceUpgradeUIIPC::EM_CODE_REP_MODULE_UPG_EXCEPTION, fault);
 }
+
+}  // namespace
+
+const OneShotUpgrader::Kind CQVUpgradeUac::m_kindUac = {
+    "CQVUpgradeUac", UP_UAC, kNoErrorCode, "UacIdle", "UacCheckUpgrade", "UacSuccess", "UacFail"};
+const OneShotUpgrader::Table CQVUpgradeUac::m_MapStateMachineFunc = MakeTable(m_kindUac);
+
+CQVUpgradeUac::CQVUpgradeUac()
+    : OneShotUpgrader(m_kindUac, m_MapStateMachineFunc, std::make_unique<UacPayload>()) {}

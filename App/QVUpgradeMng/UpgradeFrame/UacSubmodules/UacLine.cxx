@@ -33,8 +33,8 @@ void UacLine::Close() {
 }
 
 int UacLine::Receive(std::chrono::milliseconds time) {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_cond.wait_for(lock, time, [this] { return m_bStopped || !m_received.empty(); });
+  const CLock lock(m_mutex);
+  m_cond.WaitFor(m_mutex, time, [this]() REQUIRES(m_mutex) { return m_bStopped || !m_received.empty(); });
   if (m_bStopped) return kStopped;
   if (m_received.empty()) return kSilence;
   const int byte = m_received.front();
@@ -43,7 +43,7 @@ int UacLine::Receive(std::chrono::milliseconds time) {
 }
 
 void UacLine::Purge() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_received.clear();
 }
 
@@ -53,15 +53,15 @@ bool UacLine::Send(const uint8_t* data, size_t size) {
 }
 
 void UacLine::Stop() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_bStopped = true;
-  m_cond.notify_all();
+  m_cond.NotifyAll();
 }
 
 int UacLine::_Queue(const void* data, short length) {
   const auto* const bytes = static_cast<const uint8_t*>(data);
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_received.insert(m_received.end(), bytes, bytes + length);
-  m_cond.notify_all();
+  m_cond.NotifyAll();
   return 0;
 }

@@ -2,17 +2,18 @@
 /// thread takes them. Used by the UAC upgrader alone.
 #pragma once
 
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 
 #include "BSW/Serial/SerialPort.h"
 #include "UpgradeFrame/UacSubmodules/IXmodemLine.h"
+#include "UpgradePackage/Parts.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
 
 /// The upgrader's thread calls everything but Stop.
 class UacLine : public IXmodemLine {
  public:
-  static constexpr const char* kDevice = "/dev/ttyCH341USB0";
+  static constexpr const char* kDevice = Parts::Find(UP_UAC)->target[Parts::kSideA];
 
   UacLine();
   ~UacLine() override;
@@ -31,9 +32,9 @@ class UacLine : public IXmodemLine {
  private:
   int _Queue(const void* data, short length);
 
-  std::mutex m_mutex;              ///< guards the members below
-  std::condition_variable m_cond;  ///< one of them changed
-  std::deque<uint8_t> m_received;
-  bool m_bStopped = false;
+  CMutex m_mutex;
+  CCondition m_cond;  ///< one of the next two changed
+  std::deque<uint8_t> m_received GUARDED_BY(m_mutex);
+  bool m_bStopped GUARDED_BY(m_mutex) = false;
   SerialPort m_port;  ///< last, so that its thread ends before the queue does
 };

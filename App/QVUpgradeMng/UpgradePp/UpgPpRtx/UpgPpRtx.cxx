@@ -4,30 +4,14 @@
 
 #include "BSW/Log/CLog.h"
 
-UpgPpRtx::UpgPpRtx() : RtxExchange("UpgPpRtx", "PpRtxUpgradeUart", m_iWaitTime) {}
-
-UpgPpRtx::~UpgPpRtx() {
-  CleanUp();
-}
-
-// ----------------------------------------------------------------------------------- asked by UpgradePp
-
 void UpgPpRtx::RegUpgRxResultCallBack(const ResultCallBack& callback) {
   m_resultCb = callback;
 }
 
-bool UpgPpRtx::Init() {
-  return IsRunning() || _OpenExchange();
-}
-
-bool UpgPpRtx::CleanUp() {
-  return _CloseExchange();
-}
-
 bool UpgPpRtx::StartUpgrade(const std::string& directory, const std::string& device) {
   // Held until the directory is there: the accepted run looks for it.
-  const std::lock_guard<std::mutex> lock(m_filesLock);
-  if (!_StartRun(device.c_str())) {
+  const CLock lock(m_filesLock);
+  if (!m_exchange.StartRun(device.c_str())) {
     LOGE("Cannot start the RTX upgrade of the PP at %s", device.c_str());
     return false;
   }
@@ -35,31 +19,24 @@ bool UpgPpRtx::StartUpgrade(const std::string& directory, const std::string& dev
   return true;
 }
 
-void UpgPpRtx::StopUpgrad() {
-  _AbortRun();
-}
-
-// ------------------------------------------------------------------------------------ asked by the exchange
-
-bool UpgPpRtx::_PrepareFiles() {
+Failure UpgPpRtx::PrepareFiles(RtxFiles& files) {
   std::string directory;
   {
-    const std::lock_guard<std::mutex> lock(m_filesLock);
+    const CLock lock(m_filesLock);
     directory = m_strDirectory;
   }
-  return _SetFiles(directory);
+  return files.FindIn(directory);
 }
 
-void UpgPpRtx::_EnterBoot() {
+void UpgPpRtx::EnterBoot(int /*module*/) {
   LOGI("Waiting for the boot loader of the PP's RTX");
 }
 
-void UpgPpRtx::_ChunkProgrammed(size_t done, size_t total) {
+void UpgPpRtx::ChunkProgrammed(int /*module*/, size_t done, size_t total) {
   LOGD("RTX of the PP: programmed %zu of %zu", done, total);
 }
 
-void UpgPpRtx::_ModuleFailed() {}  // the callback tells
-
-void UpgPpRtx::_RunEnded(bool success) {
-  if (m_resultCb) m_resultCb(success, success ? std::string() : _FailureText());
+void UpgPpRtx::RunEnded(int /*module*/, const Failure& failure) {
+  if (failure) LOGE("RTX of the PP: %s", failure.Text().c_str());
+  if (m_resultCb) m_resultCb(!failure, failure ? m_exchange.FailureText() : std::string());
 }

@@ -4,28 +4,26 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 
+#include "UpgradeFrame/RtxSubmodules/IRtxHost.h"
 #include "UpgradeFrame/RtxSubmodules/RtxExchange.h"
+#include "common/Mutex.h"
 
-class UpgPpRtx final : public RtxExchange {
+class UpgPpRtx final : private IRtxHost {
  public:
   /// Success and, on failure, what went wrong. Called once for each run that was accepted, on the exchange's
   /// thread with no lock held; not for a run that CleanUp ended. The next run is accepted a moment after it
   /// has returned.
   using ResultCallBack = std::function<void(bool success, const std::string& message)>;
 
-  UpgPpRtx();
-  ~UpgPpRtx() override;
-
   /// Before Init.
   void RegUpgRxResultCallBack(const ResultCallBack& callback);
   /// Starts the threads; false, logged, when one cannot start. Does nothing when they run.
-  bool Init();
+  bool Init() { return m_exchange.Open(); }
   /// Ends a run under way and the threads; waits for a callback that runs: hold no lock that it takes. Not on
   /// the callback's thread. Idempotent; Init may follow.
-  bool CleanUp();
+  bool CleanUp() { return m_exchange.Close(); }
 
   /// Begins the upgrade of the module behind `device` with the files in `directory` (the two loaders and one
   /// "*.spihex"). False, logged, before Init, while a run is under way, and for a device name over 63 bytes.
@@ -33,20 +31,19 @@ class UpgPpRtx final : public RtxExchange {
   bool StartUpgrade(const std::string& directory, const std::string& device);
   /// Ends a run at once, as a failure, and does not wait for its callback. Without a run it does nothing. Any
   /// thread.
-  void StopUpgrad();
+  void StopUpgrad() { m_exchange.AbortRun(); }
 
  private:
   static constexpr int m_iWaitTime = 3000;  ///< ms
 
-  bool _PrepareFiles() override;
-  void _EnterBoot() override;
-  int _Module() const override { return 1; }
-  void _ChunkProgrammed(size_t done, size_t total) override;
-  const char* _ModuleSucceeded() override { return nullptr; }
-  void _ModuleFailed() override;
-  void _RunEnded(bool success) override;
+  Failure PrepareFiles(RtxFiles& files) override;
+  void EnterBoot(int module) override;
+  void ChunkProgrammed(int module, size_t done, size_t total) override;
+  const char* ModuleSucceeded(int /*module*/) override { return nullptr; }
+  void RunEnded(int module, const Failure& failure) override;
 
   ResultCallBack m_resultCb;  ///< set before the threads start
-  std::mutex m_filesLock;     ///< guards m_strDirectory
-  std::string m_strDirectory;
+  CMutex m_filesLock;
+  std::string m_strDirectory GUARDED_BY(m_filesLock);
+  RtxExchange m_exchange{"UpgPpRtx", "PpRtxUpgradeUart", m_iWaitTime, *this};
 };

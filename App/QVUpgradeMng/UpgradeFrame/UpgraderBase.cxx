@@ -1,0 +1,75 @@
+/// An upgrader's side of the frame's contract. The log texts are what service looks for, odd ones included.
+#include "UpgradeFrame/UpgraderBase.h"
+
+#include <utility>
+
+#include "BSW/BasicFun/FileUtils.h"
+#include "BSW/Log/CLog.h"
+#include "BSW/MultiTask/CThread.h"
+#include "UpgradeFrame/QVUpgradeTool.h"
+
+namespace {
+
+constexpr uint32_t kPollPauseMs = 1000;
+
+}  // namespace
+
+bool UpgraderBase::setUpgradeInfo(QVUpgradingInfo info) {
+  const CLock lock(m_infoMutex);
+  m_stUpgInfo = std::move(info);
+  return true;
+}
+
+QVUpgradingInfo UpgraderBase::_Info() {
+  const CLock lock(m_infoMutex);
+  return m_stUpgInfo;
+}
+
+bool UpgraderBase::FinishUpgrade() {
+  LOGI("FinishUpgrade");
+  return true;
+}
+
+void UpgraderBase::GetUpgradeStatus(int& result, int seconds) {
+  result = kFailed;
+  for (int poll = 0; poll < seconds; ++poll) {
+    const int status = m_iStatus;
+    if (status == kDone) {
+      LOGI("upgrade WiFI ok.");
+      result = kDone;
+      return;
+    }
+    if (status < 0) {
+      LOGE("upgrade WiFi error.");
+      return;
+    }
+    if (!CThread::Pause(kPollPauseMs)) return;
+  }
+  LOGE("upgrade SOC  apps timeout.");
+}
+
+Failure UpgraderBase::GetFailure() {
+  const CLock lock(m_infoMutex);
+  return m_failure;
+}
+
+void UpgraderBase::_ReportEnd(const Failure& failure) {
+  {
+    const CLock lock(m_infoMutex);
+    m_failure = failure;
+  }
+  m_iStatus = failure ? kFailed : kDone;
+  UploadPrecent(failure ? ProgressReporter::kFailure : ProgressReporter::kSuccess);
+}
+
+Failure MustExec(Reason reason, const std::string& command) {
+  const int code = QVUpgradeTool::ExecUnlessStopped(command);
+  if (code == 0) return {};
+  if (CThread::StopRequested()) return {Reason::Stopped, {}};
+  return Fail(reason, "command failed with %d: %s", code, command.c_str());
+}
+
+Failure CheckMounted(const std::string& path) {
+  if (IsMountPoint(path)) return {};
+  return Fail(Reason::PartTarget, "%s is not mounted, nothing is written there", path.c_str());
+}
