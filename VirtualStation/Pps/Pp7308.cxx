@@ -44,7 +44,7 @@ Pp7308::Pp7308(const std::string& device, PpVersions versions, const std::vector
           device, Line::kUsb, [this](const Bytes& bytes) { _Receive(bytes); }, [this] { _BootRadio(); }) {}
 
 void Pp7308::Plug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_mode = Mode::Normal;
   m_input.clear();
   m_radio.Hold();
@@ -52,32 +52,32 @@ void Pp7308::Plug() {
 }
 
 void Pp7308::ReportReady() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_voice.ReportReady();
 }
 
 PpVersions Pp7308::Versions() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_versions;
 }
 
 Bytes Pp7308::Application() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_application;
 }
 
 std::string Pp7308::FileName() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_fileName;
 }
 
 Bytes Pp7308::RadioResult() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_radioResult;
 }
 
 void Pp7308::_Receive(const Bytes& bytes) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (_PassThrough(bytes)) {
     return;
   }
@@ -107,7 +107,7 @@ bool Pp7308::_PassThrough(const Bytes& bytes) {
 
 /// On the timer, while the host has not set the speed of the boot ROM.
 void Pp7308::_BootRadio() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_mode != Mode::RadioWaits) {
     return;
   }
