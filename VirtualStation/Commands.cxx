@@ -1,7 +1,7 @@
-/// See Commands.h. A command's program connects to a socket (one message is one packet), sends "B<line>"
-/// before it runs the command, and gets "r" (run it) or "x<code>" (end with this code); having run it, it
-/// sends "E<code>" and gets "k". A held command gets its answer late. The programs are members of the
-/// daemon's process group, by which the daemon is found and killed.
+/// Serves the programs that stand in for commands. One connects to a socket (one message is one packet),
+/// sends "B<line>" before it runs the command, and gets "r" (run it) or "x<code>" (end with this code);
+/// having run it, it sends "E<code>" and gets "k". A held command gets its answer late. The programs are
+/// members of the daemon's process group, by which the daemon is found and killed.
 #include "VirtualStation/Commands.h"
 
 #include <fnmatch.h>

@@ -1,4 +1,4 @@
-/// See Controller.h.
+/// Sends the controller's reports and keeps what the daemon says to it.
 #include "VirtualStation/Controller.h"
 
 #include <algorithm>

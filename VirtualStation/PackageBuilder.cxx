@@ -1,4 +1,4 @@
-/// See PackageBuilder.h.
+/// What the page of each part holds, and how pages become a package.
 #include "VirtualStation/PackageBuilder.h"
 
 #include <openssl/evp.h>

@@ -1,4 +1,4 @@
-/// See Reports.h.
+/// Parses what a peer heard, keeps it in order and wakes who waits for it.
 #include "VirtualStation/Reports.h"
 
 #include <algorithm>

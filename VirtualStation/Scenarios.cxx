@@ -1,4 +1,4 @@
-/// See Scenarios.h.
+/// The scenarios, the one that run-station shows first on top; what they share stands below them.
 #include "VirtualStation/Scenarios.h"
 
 #include <spawn.h>

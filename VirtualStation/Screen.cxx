@@ -1,4 +1,4 @@
-/// See Screen.h.
+/// Prints to standard output, one line at a time under a lock.
 #include "VirtualStation/Screen.h"
 
 #include <unistd.h>

@@ -1,4 +1,4 @@
-/// See Station.h.
+/// Puts the machine together, fills its partitions as a factory does, and boots it.
 #include "VirtualStation/Station.h"
 
 #include <algorithm>

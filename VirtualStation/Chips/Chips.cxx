@@ -1,4 +1,4 @@
-/// See Chips.h.
+/// The wiring of the chips, and the one list through which all of them are treated alike.
 #include "VirtualStation/Chips/Chips.h"
 
 #include <algorithm>

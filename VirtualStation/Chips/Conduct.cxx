@@ -1,4 +1,4 @@
-/// See Conduct.h.
+/// Counts the phases and decides which faults strike; the chips act on what it says.
 #include "VirtualStation/Chips/Conduct.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
-/// See FpgaFlash.h. The device is a FIFO that holds one page, so that a second write waits until the first
-/// has been taken off and each one is seen by itself. A write that fails does so with EPIPE, where the driver
-/// would say EIO.
+/// Reads the image off the device, which is a FIFO that holds one page, so that a second write waits until
+/// the first has been taken off and each one is seen by itself. A write that fails does so with EPIPE, where
+/// the driver would say EIO.
 #include "VirtualStation/Chips/FpgaFlash.h"
 
 #include <fcntl.h>

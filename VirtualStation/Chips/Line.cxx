@@ -1,6 +1,7 @@
-/// See Line.h. Bytes are taken from the pty as soon as they are there, with the speed that is set at that
-/// moment, and wait in a queue until the line would have carried them. The queue holds as much as a UART's
-/// transmit buffer; what does not fit waits in the kernel, where a flush of the host still drops it.
+/// Carries bytes at the speed of the line. They are taken from the pty as soon as they are there, with the
+/// speed that is set at that moment, and wait in a queue until the line would have carried them. The queue
+/// holds as much as a UART's transmit buffer; what does not fit waits in the kernel, where a flush of the
+/// host still drops it.
 #include "VirtualStation/Chips/Line.h"
 
 #include <fcntl.h>

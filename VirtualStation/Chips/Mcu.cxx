@@ -1,5 +1,5 @@
-/// See Mcu.h. Frames are those of SerialFrame.h, with protocol 01, project 90, device 01 (host) or 02 (MCU).
-/// The exchange; every response but the first is one status byte, 0 for success:
+/// The microcontroller's answers. Frames are those of SerialFrame.h, with protocol 01, project 90, device 01
+/// (host) or 02 (MCU). The exchange; every response but the first is one status byte, 0 for success:
 ///
 ///   1A0 version                       <- status, 0 application or 1 boot loader, four numbers, two reserved
 ///   1A1 start                         the application leaves for the boot loader

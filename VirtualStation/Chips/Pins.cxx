@@ -1,6 +1,6 @@
-/// See Pins.h. The attributes that take commands are FIFOs, so that no write is lost however quickly the next
-/// one follows; a line's files are plain ones, watched. On the device a second export of a line fails; here
-/// nobody can tell the writer, and it changes nothing.
+/// Serves the pins as files. The attributes that take commands are FIFOs, so that no write is lost however
+/// quickly the next one follows; a line's files are plain ones, watched. On the device a second export of a
+/// line fails; here nobody can tell the writer, and it changes nothing.
 #include "VirtualStation/Chips/Pins.h"
 
 #include <fcntl.h>

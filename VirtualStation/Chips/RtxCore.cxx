@@ -1,4 +1,4 @@
-/// See RtxCore.h. The exchange, host on the left:
+/// The radio's boot loaders, step by step. The exchange, host on the left:
 ///
 ///                                                        <- 02 (STX)        the ROM boot loader starts,
 ///                                                                           at 19200 bits per second

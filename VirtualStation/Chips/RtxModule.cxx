@@ -1,5 +1,5 @@
-/// See RtxModule.h. PON, power and switch lines high, BOOT high, RESET high and low again: the boot loader
-/// starts.
+/// What the pins do to a module: PON, power and switch lines high, BOOT high, RESET high and low again: the
+/// boot loader starts.
 #include "VirtualStation/Chips/RtxModule.h"
 
 namespace station {

@@ -1,7 +1,7 @@
-/// See UacLoader.h. XMODEM-1K with CRC: the loader sends 'C' once a second until the first block comes. A
-/// block is STX (SOH: 128 bytes), its number from 1 on, the number's complement, 1024 bytes and their CRC-16
-/// (high byte first); ACK takes it, NAK asks for it again. EOT ends the image. Having it all the chip leaves
-/// its loader; after a transfer that breaks off it invites anew.
+/// XMODEM-1K with CRC as the chip speaks it: the loader sends 'C' once a second until the first block comes.
+/// A block is STX (SOH: 128 bytes), its number from 1 on, the number's complement, 1024 bytes and their
+/// CRC-16 (high byte first); ACK takes it, NAK asks for it again. EOT ends the image. Having it all the chip
+/// leaves its loader; after a transfer that breaks off it invites anew.
 #include "VirtualStation/Chips/UacLoader.h"
 
 namespace station {

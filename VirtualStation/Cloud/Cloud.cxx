@@ -1,5 +1,5 @@
-/// See Cloud.h. One thread takes the connections, and each connection has a thread of its own that blocks in
-/// its socket or in a fault; a socket that is shut down and m_leaving end it.
+/// Answers the requests as told. One thread takes the connections, and each connection has a thread of its
+/// own that blocks in its socket or in a fault; a socket that is shut down and m_leaving end it.
 #include "VirtualStation/Cloud/Cloud.h"
 
 #include <arpa/inet.h>

@@ -1,6 +1,6 @@
-/// See Pp7204.h. Of the requests it knows the version's alone. Its storage is watched through the mount
-/// table: when the host has let go of it, the part looks for a file "*_S<a>.<b>.<c>.<d>*.ota" that it does
-/// not run yet.
+/// A part that is upgraded through its storage. Of the requests it knows the version's alone. Its storage is
+/// watched through the mount table: when the host has let go of it, the part looks for a file
+/// "*_S<a>.<b>.<c>.<d>*.ota" that it does not run yet.
 #include "VirtualStation/Pps/Pp7204.h"
 
 #include <fcntl.h>

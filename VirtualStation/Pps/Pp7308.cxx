@@ -1,13 +1,13 @@
-/// See Pp7308.h. The exchange, frames as in PpFrames.h:
+/// A part that is upgraded over its line. The exchange, frames as in PpFrames.h:
 ///
 ///   101 version
 ///   102 start                         from now on it takes firmware
 ///   103 01, image size (4 bytes, low byte first), version (four numbers), length and text of the file name
 ///   104 packet number (from 1, wraps), up to 1024 bytes of the image; only the last packet is shorter
 ///   105 done                          it runs the new application, without leaving the bus
-///   1A0 radio                         from now on it is a USB bridge to its radio module, with the speed
-///   that
-///                                     the host sets; the module boots once that is the boot ROM's
+///   1A0 radio                         from now on it is a USB bridge to its radio module, with the
+///                                     speed that the host sets; the module boots once that is the boot
+///                                     ROM's
 ///   1A2 result, 0 when all went well  the radio runs its new firmware
 ///
 /// A host that sets the part's own speed again is done with the module. While it is the bridge, the part
