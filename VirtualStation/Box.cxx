@@ -1,5 +1,5 @@
-/// See Box.h. Three processes take part: the caller, which only waits outside; the first process of the box,
-/// which makes it and reaps orphans; and the body.
+/// How the box is made of namespaces and an overlay. Three processes take part: the caller, which only waits
+/// outside; the first process of the box, which makes it and reaps orphans; and the body.
 #include "VirtualStation/Box.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-/// See Bus.h.
+/// Starts and stops the machine's own dbus-daemon, and calls methods over it.
 #include "VirtualStation/Bus.h"
 
 #include <dbus/dbus.h>

@@ -1,4 +1,4 @@
-/// See BusConnection.h.
+/// libdbus behind one private connection: send, call, receive, each with an end.
 #include "VirtualStation/BusConnection.h"
 
 #include "VirtualStation/Process.h"

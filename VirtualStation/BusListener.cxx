@@ -1,4 +1,4 @@
-/// See BusListener.h.
+/// A thread that reads one kind of signal off a connection of its own and hands the text on.
 #include "VirtualStation/BusListener.h"
 
 #include <poll.h>

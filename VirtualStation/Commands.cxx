@@ -1,7 +1,7 @@
-/// See Commands.h. A command's program connects to a socket (one message is one packet), sends "B<line>"
-/// before it runs the command, and gets "r" (run it) or "x<code>" (end with this code); having run it, it
-/// sends "E<code>" and gets "k". A held command gets its answer late. The programs are members of the
-/// daemon's process group, by which the daemon is found and killed.
+/// Serves the programs that stand in for commands. One connects to a socket (one message is one packet),
+/// sends "B<line>" before it runs the command, and gets "r" (run it) or "x<code>" (end with this code);
+/// having run it, it sends "E<code>" and gets "k". A held command gets its answer late. The programs are
+/// members of the daemon's process group, by which the daemon is found and killed.
 #include "VirtualStation/Commands.h"
 
 #include <fnmatch.h>
@@ -76,7 +76,7 @@ Commands::Commands() {
 
 Commands::~Commands() {
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_stop = true;
   }
   eventfd_write(m_wake, 1);
@@ -89,7 +89,7 @@ Commands::~Commands() {
 }
 
 std::vector<Command> Commands::Journal() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_journal;
 }
 
@@ -109,7 +109,7 @@ std::size_t Commands::Count(const std::string& pattern) const {
 
 void Commands::Clear() {
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_journal.clear();
     ++m_generation;
     m_failures.clear();
@@ -130,37 +130,37 @@ bool Commands::WaitForEnd(const std::string& pattern, Milliseconds timeout, std:
 
 bool Commands::_WaitFor(Milliseconds timeout, std::size_t count,
                         const std::function<bool(const Command&)>& test) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, timeout, [&] {
+  const CLock lock(m_mutex);
+  return m_changed.WaitFor(m_mutex, timeout, [&]() REQUIRES(m_mutex) {
     return static_cast<std::size_t>(std::count_if(m_journal.begin(), m_journal.end(), test)) >= count;
   });
 }
 
 void Commands::Fail(const std::string& pattern, int exitCode) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_failures[pattern] = exitCode;
 }
 
 void Commands::Hold(const std::string& pattern) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_holds.insert(pattern);
 }
 
 void Commands::Release(const std::string& pattern) {
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_holds.erase(pattern);
   }
   eventfd_write(m_wake, 1);
 }
 
 void Commands::KillBefore(const std::string& pattern, std::size_t nth) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_kills.push_back({pattern, nth, false});
 }
 
 void Commands::KillAfter(const std::string& pattern, std::size_t nth) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_kills.push_back({pattern, nth, true});
 }
 
@@ -173,7 +173,7 @@ void Commands::_Serve() {
     }
     poll(fds.data(), fds.size(), -1);
 
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     if (fds[0].revents != 0) {
       eventfd_t ignored = 0;
       eventfd_read(m_wake, &ignored);
@@ -199,7 +199,7 @@ void Commands::_Serve() {
       if (length > 0 && message[0] == 'B') {
         _Begin(fd->fd, session, message.substr(1, static_cast<std::size_t>(length) - 1));
       } else if (length > 0) {
-        _End(fd->fd, session, std::atoi(message.c_str() + 1));
+        _Finish(fd->fd, session, std::atoi(message.c_str() + 1), "k");
       } else if (length == 0 || errno != EAGAIN) {
         if (session.phase != Session::Phase::Ended) {
           _Note(session, kKilled);
@@ -216,7 +216,7 @@ void Commands::_Begin(int socket, Session& session, const std::string& line) {
   session.generation = m_generation;
   session.line = line;
   m_journal.push_back({line});
-  m_changed.notify_all();
+  m_changed.NotifyAll();
   for (auto kill = m_kills.begin(); kill != m_kills.end();) {
     if (!Matches(kill->pattern, line) || --kill->remaining > 0) {
       ++kill;
@@ -256,10 +256,6 @@ void Commands::_Answer(int socket, Session& session) {
   _Finish(socket, session, failure == m_failures.end() ? 0 : failure->second, "x");
 }
 
-void Commands::_End(int socket, Session& session, int exitCode) {
-  _Finish(socket, session, exitCode, "k");
-}
-
 void Commands::_Finish(int socket, Session& session, int exitCode, const std::string& reply) {
   session.phase = Session::Phase::Ended;
   if (session.killAfter) {
@@ -275,7 +271,7 @@ void Commands::_Note(const Session& session, int exitCode) {
     m_journal[session.entry].ended = true;
     m_journal[session.entry].exitCode = exitCode;
   }
-  m_changed.notify_all();
+  m_changed.NotifyAll();
 }
 
 void Commands::_KillDaemonOf(int socket) {

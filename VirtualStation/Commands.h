@@ -8,14 +8,15 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -81,21 +82,20 @@ class Commands {
   bool _WaitFor(Milliseconds timeout, std::size_t count,
                 const std::function<bool(const Command&)>& test) const;
   void _Serve();
-  void _Begin(int socket, Session& session, const std::string& line);
-  void _Answer(int socket, Session& session);
-  void _End(int socket, Session& session, int exitCode);
-  void _Finish(int socket, Session& session, int exitCode, const std::string& reply);
-  void _Note(const Session& session, int exitCode);
+  void _Begin(int socket, Session& session, const std::string& line) REQUIRES(m_mutex);
+  void _Answer(int socket, Session& session) REQUIRES(m_mutex);
+  void _Finish(int socket, Session& session, int exitCode, const std::string& reply) REQUIRES(m_mutex);
+  void _Note(const Session& session, int exitCode) REQUIRES(m_mutex);
   static void _KillDaemonOf(int socket);
 
-  mutable std::mutex m_mutex;  ///< guards all below but the descriptors and the thread
-  mutable std::condition_variable m_changed;
-  std::vector<Command> m_journal;
-  std::size_t m_generation = 0;  ///< counts the Clears
-  std::map<std::string, int> m_failures;
-  std::multiset<std::string> m_holds;
-  std::vector<Kill> m_kills;
-  bool m_stop = false;
+  mutable CMutex m_mutex;
+  mutable CCondition m_changed;
+  std::vector<Command> m_journal GUARDED_BY(m_mutex);
+  std::size_t m_generation GUARDED_BY(m_mutex) = 0;  ///< counts the Clears
+  std::map<std::string, int> m_failures GUARDED_BY(m_mutex);
+  std::multiset<std::string> m_holds GUARDED_BY(m_mutex);
+  std::vector<Kill> m_kills GUARDED_BY(m_mutex);
+  bool m_stop GUARDED_BY(m_mutex) = false;
 
   std::map<int, Session> m_sessions;  ///< by socket; the serving thread's alone
   int m_listener = -1;

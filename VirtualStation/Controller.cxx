@@ -1,4 +1,4 @@
-/// See Controller.h.
+/// Sends the controller's reports and keeps what the daemon says to it.
 #include "VirtualStation/Controller.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@ Controller::Controller(const Bus& bus)
 std::optional<std::string> Controller::Report(int cmd, const Json::Value& data) {
   int snr = 0;
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     snr = ++m_snr;
   }
   return Call(Message(cmd, data, snr));
@@ -33,7 +33,7 @@ std::optional<std::string> Controller::Call(const std::string& text) const {
 }
 
 void Controller::Signal(const std::string& text) {
-  const std::lock_guard<std::mutex> lock(m_sendMutex);
+  const CLock lock(m_sendMutex);
   m_connection.SendSignal("/org/SysctrlMng/object", kInterface, kMember, text);
 }
 
@@ -49,9 +49,9 @@ std::string Controller::Message(int cmd, const Json::Value& data, const Json::Va
 
 std::optional<Json::Value> Controller::WaitFor(const Test& test, Milliseconds timeout,
                                                std::size_t nth) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   std::optional<Json::Value> found;
-  m_added.wait_for(lock, timeout, [&] {
+  m_added.WaitFor(m_mutex, timeout, [&]() REQUIRES(m_mutex) {
     std::size_t remaining = nth;
     const auto at = std::find_if(m_messages.begin(), m_messages.end(), [&](const Json::Value& message) {
       return test(message) && --remaining == 0;
@@ -76,12 +76,12 @@ std::optional<Json::Value> Controller::WaitForRequest(int cmd, Milliseconds time
 }
 
 std::vector<Json::Value> Controller::All() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_messages;
 }
 
 void Controller::Clear() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_messages.clear();
 }
 
@@ -91,9 +91,9 @@ void Controller::_Heard(const std::string& text) {
   if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &message, nullptr)) {
     message = Json::Value();
   }
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_messages.push_back(message);
-  m_added.notify_all();
+  m_added.NotifyAll();
 }
 
 }  // namespace station

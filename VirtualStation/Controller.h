@@ -5,10 +5,8 @@
 #include <json/json.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +14,9 @@
 #include "VirtualStation/Bus.h"
 #include "VirtualStation/BusConnection.h"
 #include "VirtualStation/BusListener.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -61,12 +62,12 @@ class Controller {
   void _Heard(const std::string& text);
 
   const Bus& m_bus;
-  mutable std::mutex m_mutex;  ///< guards the three below
-  mutable std::condition_variable m_added;
-  std::vector<Json::Value> m_messages;
-  int m_snr = 0;
-  std::mutex m_sendMutex;  ///< guards m_connection
-  BusConnection m_connection;
+  mutable CMutex m_mutex;
+  mutable CCondition m_added;
+  std::vector<Json::Value> m_messages GUARDED_BY(m_mutex);
+  int m_snr GUARDED_BY(m_mutex) = 0;
+  CMutex m_sendMutex;
+  BusConnection m_connection GUARDED_BY(m_sendMutex);
   BusListener m_listener;  ///< last: it calls into the rest
 };
 

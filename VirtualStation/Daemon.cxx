@@ -1,5 +1,5 @@
-/// See Daemon.h. The daemon leads a process group of its own, in which every command that it runs stays: a
-/// kill of the group is what the end of its control group would be on the device.
+/// Starts, kills and watches the daemon. It leads a process group of its own, in which every command that it
+/// runs stays: a kill of the group is what the end of its control group would be on the device.
 #include "VirtualStation/Daemon.h"
 
 #include <fcntl.h>

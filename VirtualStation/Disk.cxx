@@ -1,4 +1,4 @@
-/// See Disk.h.
+/// An image, its loop device and its mounts; a cut in the power drops what was not synced.
 #include "VirtualStation/Disk.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-/// See Disks.h.
+/// The table of partitions with their sizes, and in which order the machine mounts them.
 #include "VirtualStation/Disks.h"
 
 #include <sys/mount.h>

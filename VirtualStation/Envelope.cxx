@@ -1,4 +1,4 @@
-/// See Envelope.h.
+/// Reads and checks the envelope's keys with jsoncpp.
 #include "VirtualStation/Envelope.h"
 
 #include <memory>

@@ -1,4 +1,4 @@
-/// See PackageBuilder.h.
+/// What the page of each part holds, and how pages become a package.
 #include "VirtualStation/PackageBuilder.h"
 
 #include <openssl/evp.h>
@@ -10,6 +10,7 @@
 #include <random>
 #include <utility>
 
+#include "UpgradePackage/Parts.h"
 #include "VirtualStation/Box.h"
 #include "VirtualStation/Process.h"
 
@@ -32,6 +33,11 @@ std::string Text(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
+/// Makes a page that is `content` as it stands.
+auto Raw(const std::string& content) {
+  return [content](const std::string& /*directory*/, const std::string& file) { WriteText(file, content); };
+}
+
 /// Files of `bytes` in all below `directory`.
 void MakeTree(const std::string& directory, const std::string& program, std::uint64_t bytes) {
   WriteRandomFile(directory + "/bin/" + program, bytes / 2);
@@ -52,16 +58,34 @@ PackageBuilder::PackageBuilder(std::string softVersion, std::string hardVersion)
       m_name("QV_K9031_" + m_hardVersion + "_" + m_softVersion + "_RRU_UDISK_Common_1.zip") {}
 
 PackageBuilder& PackageBuilder::App(const std::string& version, std::uint64_t bytes) {
-  return _Add(m_pages, {"app", version, "QV_K9031_app_" + version + ".tar", bytes, Flash::None, "", false});
+  return _AddPart(UP_APP, version, ".tar", [bytes](const std::string& directory, const std::string& file) {
+    MakeTree(directory + "/quorvalen", "intercom", bytes);
+    MustRun({"tar", "cf", file, "-C", directory, "quorvalen"});
+  });
 }
 
 PackageBuilder& PackageBuilder::System(const std::string& version, std::uint64_t bytes, Flash flash) {
-  return _Add(m_pages, {"system", version, "QV_K9031_system_" + version + ".tar", bytes, flash, "", false});
+  return _AddPart(UP_SYSTEM, version, ".tar", [=](const std::string& directory, const std::string& file) {
+    WriteRandomFile(directory + "/Image", bytes);
+    WriteText(directory + "/boot/station.dtb", "device tree of " + version + "\n");
+    if (flash != Flash::None) {
+      constexpr std::uint64_t kBootImage = 192 * 1024;
+      WriteRandomFile(directory + "/flash.bin", kBootImage);
+    }
+    if (flash == Flash::ImageAndMarker) {
+      WriteText(directory + "/flash.bin.upgrade", "");
+    }
+    MustRun({"tar", "cf", file, "-C", directory, "."});
+  });
 }
 
 PackageBuilder& PackageBuilder::Rootfs(const std::string& version, std::uint64_t bytes) {
-  return _Add(m_pages,
-              {"rootfs", version, "QV_K9031_rootfs_" + version + ".tar.gz", bytes, Flash::None, "", false});
+  return _AddPart(UP_ROOTFS, version, ".tar.gz",
+                  [bytes](const std::string& directory, const std::string& file) {
+                    MakeTree(directory + "/usr", "station-base", bytes);
+                    fs::create_symlink("usr/bin", directory + "/bin");
+                    MustRun({"tar", "czf", file, "-C", directory, "."});
+                  });
 }
 
 PackageBuilder& PackageBuilder::AllSocParts(const std::string& version) {
@@ -71,48 +95,64 @@ PackageBuilder& PackageBuilder::AllSocParts(const std::string& version) {
 
 PackageBuilder& PackageBuilder::Rtx(const std::string& version, const RtxContent& content) {
   RtxContent whole = content;
-  Page page = {"rtx", version, "QV_K9031_rtx_" + version + ".tar"};
-  page.files = MakeRtxFiles(version, whole);
-  page.image = whole.blocks;
-  return _Add(m_pages, std::move(page));
+  const auto files = MakeRtxFiles(version, whole);
+  const auto make = [files](const std::string& directory, const std::string& file) {
+    std::vector<std::string> tar = {"tar", "cf", file, "-C", directory};
+    for (const auto& [name, text] : files) {
+      WriteText(fs::path(directory) / name, text);
+      tar.push_back(name);
+    }
+    MustRun(tar);
+  };
+  return _AddPart(UP_RTX, version, ".tar", make, whole.blocks);
 }
 
 PackageBuilder& PackageBuilder::Mcu(const std::string& version, std::size_t bytes) {
-  Page page = {"mcu", version, "QV_K9031_mcu_" + version + ".tar"};
-  page.image = {{0, RandomBytes(bytes, version + "mcu")}};
-  page.files = {{"k9031_McuApp.bin", Text(page.image[0].data)}};
-  return _Add(m_pages, std::move(page));
+  const Bytes image = RandomBytes(bytes, version + "mcu");
+  const auto make = [=](const std::string& directory, const std::string& file) {
+    const std::string name = "k9031_McuApp.bin";
+    const std::string zip = "K9031_MCU_" + version + ".zip";
+    WriteText(fs::path(directory) / name, Text(image));
+    MustRun({"7za", "a", "-tzip", zip, name}, directory);
+    MustRun({"tar", "cf", file, "-C", directory, zip});
+  };
+  return _AddPart(UP_MCU, version, ".tar", make, {{0, image}});
 }
 
 PackageBuilder& PackageBuilder::Fpga(const std::string& version, std::size_t bytes) {
   const Bytes image = RandomBytes(bytes, version + "fpga");
-  RawPage("fpga", version, "QV_K9031_fpga_" + version + ".bin", Text(image));
-  m_pages.back().image = {{0, image}};
-  return *this;
+  return _AddPart(UP_FPGA, version, ".bin", Raw(Text(image)), {{0, image}});
 }
 
 PackageBuilder& PackageBuilder::Uac(const std::string& version, std::size_t bytes) {
   constexpr std::size_t kBlock = 1024;
   constexpr std::uint8_t kPadding = 0x1A;
-  Bytes image = RandomBytes(bytes, version + "uac");
-  RawPage("uac", version, "QV_K9031_uac_" + version + ".bin", Text(image));
-  image.resize((bytes + kBlock - 1) / kBlock * kBlock, kPadding);
-  m_pages.back().image = {{0, image}};
-  return *this;
+  const Bytes image = RandomBytes(bytes, version + "uac");
+  Bytes padded = image;
+  padded.resize((bytes + kBlock - 1) / kBlock * kBlock, kPadding);
+  return _AddPart(UP_UAC, version, ".bin", Raw(Text(image)), {{0, padded}});
 }
 
 PackageBuilder& PackageBuilder::AllParts(const std::string& version) {
-  return AllSocParts(version).Rtx(version).Mcu(version).Fpga(version).Uac(version);
+  AllSocParts(version).Rtx(version).Mcu(version).Fpga(version).Uac(version);
+  for (const Parts::Part& part : Parts::kAll) {
+    const bool has =
+        std::any_of(m_pages.begin(), m_pages.end(), [&](const Page& page) { return page.type == part.page; });
+    if (part.isStation && !has) {
+      Halt("no content is built for " + std::string(part.page));
+    }
+  }
+  return *this;
 }
 
 PackageBuilder& PackageBuilder::RawPage(const std::string& type, const std::string& version,
                                         const std::string& pageName, const std::string& content) {
-  return _Add(m_pages, {type, version, pageName, 0, Flash::None, content, true});
+  return _Add(m_pages, {type, version, pageName, Raw(content)});
 }
 
 PackageBuilder& PackageBuilder::PpPage(const std::string& type, const std::string& version,
                                        const std::string& pageName, const std::string& content) {
-  return _Add(m_ppPages, {type, version, pageName, 0, Flash::None, content, true});
+  return _Add(m_ppPages, {type, version, pageName, Raw(content)});
 }
 
 PackageBuilder& PackageBuilder::PpPage(const PpPackage& package) {
@@ -157,6 +197,14 @@ PackageBuilder& PackageBuilder::_Add(std::vector<Page>& pages, Page page) {
   return *this;
 }
 
+PackageBuilder& PackageBuilder::_AddPart(UPGRADETYPE part, const std::string& version,
+                                         const std::string& extension, Maker make,
+                                         std::vector<FlashBlock> image) {
+  const std::string page(Parts::Find(part)->page);
+  const std::string fileName = "QV_K9031_" + page + "_" + version + extension;
+  return _Add(m_pages, {page, version, fileName, std::move(make), std::move(image)});
+}
+
 Package PackageBuilder::Build() const {
   static int number = 0;
   const std::string base = std::string(kStationDir) + "/packages/" + std::to_string(++number);
@@ -175,7 +223,12 @@ Package PackageBuilder::Build() const {
     const std::string inner = base + "/" + type;
     Json::Value list = Json::arrayValue;
     for (const Page& page : pages) {
-      _MakePage(page, package.tree, inner + "/" + page.fileName);
+      const std::string file = inner + "/" + page.fileName;
+      fs::create_directories(fs::path(file).parent_path());
+      page.make(package.tree + "/" + page.type, file);
+      if (const auto change = m_editPage.find(page.type); change != m_editPage.end()) {
+        change->second(file);
+      }
       package.versions[page.type] = page.version;
       if (!page.image.empty()) {
         package.images[page.type] = page.image;
@@ -218,47 +271,6 @@ Package PackageBuilder::Build() const {
   fs::remove_all(outer);
   Apply(m_editPackage, package.path);
   return package;
-}
-
-void PackageBuilder::_MakePage(const Page& page, const std::string& tree, const std::string& file) const {
-  const std::string directory = tree + "/" + page.type;
-  fs::create_directories(fs::path(file).parent_path());
-  if (page.raw) {
-    WriteText(file, page.content);
-  } else if (!page.files.empty()) {
-    std::vector<std::string> tar = {"tar", "cf", file, "-C", directory};
-    for (const auto& [name, content] : page.files) {
-      WriteText(fs::path(directory) / name, content);
-      tar.push_back(name);
-    }
-    if (page.type == "mcu") {
-      tar.back() = "K9031_MCU_" + page.version + ".zip";
-      MustRun({"7za", "a", "-tzip", tar.back(), page.files.begin()->first}, directory);
-    }
-    MustRun(tar);
-  } else if (page.type == "rootfs") {
-    MakeTree(directory + "/usr", "station-base", page.bytes);
-    fs::create_symlink("usr/bin", directory + "/bin");
-    MustRun({"tar", "czf", file, "-C", directory, "."});
-  } else if (page.type == "app") {
-    MakeTree(directory + "/quorvalen", "intercom", page.bytes);
-    MustRun({"tar", "cf", file, "-C", directory, "quorvalen"});
-  } else {
-    WriteRandomFile(directory + "/Image", page.bytes);
-    WriteText(directory + "/boot/station.dtb", "device tree of " + page.version + "\n");
-    if (page.flash != Flash::None) {
-      constexpr std::uint64_t kBootImage = 192 * 1024;
-      WriteRandomFile(directory + "/flash.bin", kBootImage);
-    }
-    if (page.flash == Flash::ImageAndMarker) {
-      WriteText(directory + "/flash.bin.upgrade", "");
-    }
-    MustRun({"tar", "cf", file, "-C", directory, "."});
-  }
-  const auto edit = m_editPage.find(page.type);
-  if (edit != m_editPage.end()) {
-    edit->second(file);
-  }
 }
 
 PackageBuilder::FileEditor PackageBuilder::Truncate(double part) {

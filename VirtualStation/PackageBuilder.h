@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "UpgradeFrame/UpgradeTypes.h"
 #include "VirtualStation/Chips/ChipImages.h"
 #include "VirtualStation/Pps/PpPackage.h"
 
@@ -19,8 +20,7 @@ namespace station {
 struct Package {
   std::string path;  ///< of the zip
   std::string name;  ///< its file name
-  std::string
-      tree;  ///< what went in, unpacked: "<tree>/app/quorvalen/...", "<tree>/system/...", "<tree>/rootfs/..."
+  std::string tree;  ///< what went in, unpacked, by page type: "<tree>/app/quorvalen/..."
   std::string softVersion, hardVersion;
   std::map<std::string, std::string> versions;  ///< by page type
   /// What the chips' memories must hold, by page type: one block at 0, for "rtx" those of its HEX file.
@@ -48,7 +48,7 @@ class PackageBuilder {
   PackageBuilder& Mcu(const std::string& version, std::size_t bytes = 10001);
   PackageBuilder& Fpga(const std::string& version, std::size_t bytes = 65537);
   PackageBuilder& Uac(const std::string& version, std::size_t bytes = 10001);
-  /// All seven parts, each with `version`, and a boot loader.
+  /// Every part of the base station, each with `version`, and a boot loader.
   PackageBuilder& AllParts(const std::string& version);
   /// Adds a page that is `content` as it stands.
   PackageBuilder& RawPage(const std::string& type, const std::string& version, const std::string& pageName,
@@ -80,17 +80,16 @@ class PackageBuilder {
   static FileEditor AddEntry(const std::string& name, const std::string& content);
 
  private:
+  /// Makes the page `file`; what goes into an archive is laid out in `directory` first.
+  using Maker = std::function<void(const std::string& directory, const std::string& file)>;
   struct Page {
     std::string type, version, fileName;
-    std::uint64_t bytes = 0;  ///< of generated contents
-    Flash flash = Flash::None;
-    std::string content = {};  ///< of a raw page
-    bool raw = false;
-    std::map<std::string, std::string> files = {};  ///< of a chip's tar
-    std::vector<FlashBlock> image = {};             ///< of a chip
+    Maker make;
+    std::vector<FlashBlock> image = {};  ///< of a chip
   };
   PackageBuilder& _Add(std::vector<Page>& pages, Page page);
-  void _MakePage(const Page& page, const std::string& tree, const std::string& file) const;
+  PackageBuilder& _AddPart(UPGRADETYPE part, const std::string& version, const std::string& extension,
+                           Maker make, std::vector<FlashBlock> image = {});
 
   std::string m_softVersion, m_hardVersion, m_name;
   std::vector<Page> m_pages, m_ppPages;

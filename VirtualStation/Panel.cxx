@@ -1,4 +1,4 @@
-/// See Panel.h.
+/// The panel's side of the bus: its listener, and its requests to the cloud's source.
 #include "VirtualStation/Panel.h"
 
 namespace station {

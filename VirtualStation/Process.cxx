@@ -1,4 +1,4 @@
-/// See Process.h.
+/// Spawns the station's own programs and waits for them; reads and writes small text files.
 #include "VirtualStation/Process.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-/// See Reports.h.
+/// Parses what a peer heard, keeps it in order and wakes who waits for it.
 #include "VirtualStation/Reports.h"
 
 #include <algorithm>
@@ -27,19 +27,19 @@ void Reports::Add(const std::string& text) {
   }
   std::function<void(const Report&)> show;
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     show = m_show;
   }
   if (show) {
     show(report);
   }
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_reports.push_back(report);
-  m_added.notify_all();
+  m_added.NotifyAll();
 }
 
 std::vector<Report> Reports::All() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_reports;
 }
 
@@ -52,14 +52,14 @@ std::vector<Report> Reports::Progress() const {
 }
 
 void Reports::Clear() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_reports.clear();
 }
 
 std::optional<Report> Reports::WaitFor(const Test& test, Milliseconds timeout, std::size_t nth) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   std::optional<Report> found;
-  m_added.wait_for(lock, timeout, [&] {
+  m_added.WaitFor(m_mutex, timeout, [&]() REQUIRES(m_mutex) {
     std::size_t remaining = nth;
     const auto at = std::find_if(m_reports.begin(), m_reports.end(),
                                  [&](const Report& report) { return test(report) && --remaining == 0; });
@@ -80,7 +80,7 @@ std::optional<Report> Reports::WaitForCmd(int cmd, Milliseconds timeout, std::si
 }
 
 void Reports::OnReport(std::function<void(const Report&)> show) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_show = std::move(show);
 }
 

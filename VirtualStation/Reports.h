@@ -3,13 +3,14 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "VirtualStation/Envelope.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -45,10 +46,10 @@ class Reports {
   void OnReport(std::function<void(const Report&)> show);
 
  private:
-  mutable std::mutex m_mutex;
-  mutable std::condition_variable m_added;
-  std::vector<Report> m_reports;
-  std::function<void(const Report&)> m_show;
+  mutable CMutex m_mutex;
+  mutable CCondition m_added;
+  std::vector<Report> m_reports GUARDED_BY(m_mutex);
+  std::function<void(const Report&)> m_show GUARDED_BY(m_mutex);
 };
 
 }  // namespace station

@@ -1,4 +1,4 @@
-/// See Requests.h.
+/// Sends one request in the envelope and reads the reply as one.
 #include "VirtualStation/Requests.h"
 
 #include <utility>

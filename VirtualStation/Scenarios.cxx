@@ -1,4 +1,4 @@
-/// See Scenarios.h.
+/// The scenarios, the one that run-station shows first on top; what they share stands below them.
 #include "VirtualStation/Scenarios.h"
 
 #include <spawn.h>
@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 
+#include "UpgradePackage/Parts.h"
 #include "VirtualStation/Box.h"
 #include "VirtualStation/Pps/Pp7204.h"
 #include "VirtualStation/Pps/Pp7308.h"
@@ -96,18 +97,16 @@ void ShowVersions(Screen& screen, const Station& station) {
   };
   const Json::Value a = Station::Versions(Partition::A);
   const Json::Value b = Station::Versions(Partition::B);
-  const auto row = [&](const char* title, const char* group, const char* key) -> std::vector<std::string> {
-    return {title, a[group][key].asString(), b[group][key].asString()};
+  const auto row = [&](std::string_view title, const char* group,
+                       const char* key) -> std::vector<std::string> {
+    return {std::string(title), a[group][key].asString(), b[group][key].asString()};
   };
-  screen.Table({{"partition", heading(Partition::A), heading(Partition::B)},
-                row("overall", "totalVersion", "softVersion"),
-                row("application", "subModulesVersion", "appVersion"),
-                row("system", "subModulesVersion", "systemVersion"),
-                row("root files", "subModulesVersion", "rootfsVersion"),
-                row("RTX modules", "subModulesVersion", "rtxVersion"),
-                row("MCU", "subModulesVersion", "mcuVersion"),
-                row("FPGA", "subModulesVersion", "fpgaVersion"),
-                row("UAC", "subModulesVersion", "uacVersion")});
+  std::vector<std::vector<std::string>> rows = {{"partition", heading(Partition::A), heading(Partition::B)},
+                                                row("overall", "totalVersion", "softVersion")};
+  for (const Parts::Part& part : Parts::kAll) {
+    if (part.isStation) rows.push_back(row(part.page, "subModulesVersion", part.versionKey));
+  }
+  screen.Table(rows);
 }
 
 /// A copy of a partition's trees, to see later that nobody touched them.

@@ -1,4 +1,4 @@
-/// See Screen.h.
+/// Prints to standard output, one line at a time under a lock.
 #include "VirtualStation/Screen.h"
 
 #include <unistd.h>
@@ -44,19 +44,19 @@ const char* StatusName(int status) {
 Screen::Screen() : m_terminal(isatty(STDOUT_FILENO) != 0) {}
 
 void Screen::Title(const std::string& text) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _EndBar();
   std::cout << '\n' << _Colour(kBold, text) << '\n' << std::string(text.size(), '=') << std::endl;
 }
 
 void Screen::Step(const std::string& text) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _EndBar();
   std::cout << "\n " << _Colour(kBold, std::to_string(++m_steps) + "  " + text) << std::endl;
 }
 
 void Screen::Line(const std::string& text) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _EndBar();
   std::cout << "      " << text << std::endl;
 }
@@ -86,7 +86,7 @@ void Screen::Progress(const Report& report) {
       << report.percent << " %  " << std::left << std::setw(m_terminal ? kLongestName : 0)
       << StatusName(report.status);
 
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (bar.str() == m_lastBar) {
     return;
   }
@@ -102,13 +102,13 @@ bool Screen::Check(bool good, const std::string& what, const std::vector<std::st
       Line("        " + detail);
     }
   }
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_allGood = m_allGood && good;
   return good;
 }
 
 bool Screen::AllGood() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_allGood;
 }
 

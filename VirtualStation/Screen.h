@@ -2,11 +2,12 @@
 /// a moving bar on a terminal only; in a log every state is a line of its own.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "VirtualStation/Reports.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -27,15 +28,15 @@ class Screen {
   bool AllGood() const;
 
  private:
-  void _EndBar();
+  void _EndBar() REQUIRES(m_mutex);
   std::string _Colour(const char* code, const std::string& text) const;
 
-  mutable std::mutex m_mutex;
-  bool m_terminal;
-  bool m_barOpen = false;  ///< the cursor stands behind a bar
-  std::string m_lastBar;
-  int m_steps = 0;
-  bool m_allGood = true;
+  mutable CMutex m_mutex;
+  const bool m_terminal;
+  bool m_barOpen GUARDED_BY(m_mutex) = false;  ///< the cursor stands behind a bar
+  std::string m_lastBar GUARDED_BY(m_mutex);
+  int m_steps GUARDED_BY(m_mutex) = 0;
+  bool m_allGood GUARDED_BY(m_mutex) = true;
 };
 
 }  // namespace station

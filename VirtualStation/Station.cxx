@@ -1,4 +1,4 @@
-/// See Station.h.
+/// Puts the machine together, fills its partitions as a factory does, and boots it.
 #include "VirtualStation/Station.h"
 
 #include <algorithm>
@@ -8,6 +8,7 @@
 #include <memory>
 #include <sstream>
 
+#include "UpgradePackage/Parts.h"
 #include "VirtualStation/Process.h"
 #include "VirtualStation/TreeCompare.h"
 
@@ -36,9 +37,8 @@ Station::Station(const StationOptions& options)
       m_daemon(m_bus, options.pauseDivisor, options.environment) {
   m_disks.MountAll(m_running);
   std::map<std::string, std::string> parts;
-  for (const char* part :
-       {"fpga", "rtx", "mcu", "7204", "7204Evt", "7308", "app", "system", "rootfs", "uac"}) {
-    parts[std::string(part) + "Version"] = kFactoryVersion;
+  for (const Parts::Part& part : Parts::kAll) {
+    parts[part.versionKey] = kFactoryVersion;
   }
   for (const Partition p : {Partition::A, Partition::B}) {
     const std::string name = p == Partition::A ? "A" : "B";

@@ -1,4 +1,4 @@
-/// See Stick.h.
+/// Formats the stick, puts its files on it, and plugs and pulls its nodes as the kernel would.
 #include "VirtualStation/Stick.h"
 
 #include <sys/mount.h>

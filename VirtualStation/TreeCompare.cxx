@@ -1,4 +1,4 @@
-/// See TreeCompare.h.
+/// Walks both trees and says the first differences in words.
 #include "VirtualStation/TreeCompare.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-/// See WebServer.h.
+/// Where the web server stores an upload, and its side of the bus: listener and requests.
 #include "VirtualStation/WebServer.h"
 
 #include <filesystem>

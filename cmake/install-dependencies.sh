@@ -7,8 +7,8 @@ build_packages="g++ cmake ninja-build pkg-config git libjsoncpp-dev liblog4cpp5-
 runtime_packages="p7zip-full tar unzip e2fsprogs mount util-linux procps dbus dbus-daemon time
   ca-certificates"
 station_packages="bzip2 openssl findutils"
-lint_packages="clang clang-format clang-tidy"
 fuzz_packages="clang libclang-rt-14-dev"
+lint_packages="$fuzz_packages clang-format clang-tidy"
 
 # as_root COMMAND...: runs it as root, through sudo where needed; 126 when neither works.
 as_root() {

@@ -4,7 +4,6 @@
 #include "Backend/Download.h"
 
 #include <charconv>
-#include <mutex>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -66,7 +65,7 @@ Download::Download(TransferLoop& loop, std::weak_ptr<IDownloadQueue> queue, cons
 }
 
 DownloadTask::Status Download::GetStatus() const {
-  const std::lock_guard<CMutex> lock(m_statusMutex);
+  const CLock lock(m_statusMutex);
   return m_status;
 }
 
@@ -270,20 +269,21 @@ void Download::_Fail(const std::string& why, bool discard) {
 }
 
 void Download::_DoPause() {
-  if (HasEnded(m_status.state) || m_status.state == State::Paused) return;
+  const State state = GetStatus().state;
+  if (HasEnded(state) || state == State::Paused) return;
   _StopWork();
   _SetState(State::Paused, "");
   _TurnChanged();
 }
 
 void Download::_DoResume() {
-  if (m_status.state != State::Paused) return;
+  if (GetStatus().state != State::Paused) return;
   _SetState(State::Queued, "");
   _TurnChanged();
 }
 
 void Download::_DoCancel() {
-  if (HasEnded(m_status.state)) return;
+  if (HasEnded(GetStatus().state)) return;
   LOGI("download of %s is cancelled", m_request.fileName.c_str());
   _End(State::Cancelled, "", true);
 }
@@ -331,15 +331,16 @@ void Download::_Later(Milliseconds delay, void (Download::*action)()) {
 
 void Download::_WatchProgress() {
   m_progressTimer = m_loop.StartTimer(m_loop.Settings().progressInterval, [this] {
-    if (m_status.received != m_reported) _Notify();
+    if (GetStatus().received != m_reported) _Notify();
     _WatchProgress();
   });
 }
 
 void Download::_SetState(State state, const std::string& message) {
-  const bool news = state != m_status.state || message != m_status.message;
+  bool news = false;
   {
-    const std::lock_guard<CMutex> lock(m_statusMutex);
+    const CLock lock(m_statusMutex);
+    news = state != m_status.state || message != m_status.message;
     m_status.state = state;
     m_status.message = message;
     if (m_file.IsOpen()) m_status.received = m_file.Length();
@@ -348,16 +349,17 @@ void Download::_SetState(State state, const std::string& message) {
 }
 
 void Download::_SetReceived() {
-  const std::lock_guard<CMutex> lock(m_statusMutex);
+  const CLock lock(m_statusMutex);
   m_status.received = m_file.Length();
 }
 
 /// Posted, because this is also reached from inside curl, and because the callback may end anything.
 void Download::_Notify() {
-  m_reported = m_status.received;
+  const Status status = GetStatus();
+  m_reported = status.received;
   const std::shared_ptr<IDownloadQueue> queue = m_queue.lock();
   if (!queue || !m_callback) return;
-  queue->Post([self = shared_from_this(), status = m_status] {
+  queue->Post([self = shared_from_this(), status] {
     if (!self->m_bHalted) self->m_callback(status);
   });
 }

@@ -13,6 +13,7 @@
 #include "Backend/PartFile.h"
 #include "Backend/TransferLoop.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace Quorvalen {
 
@@ -114,9 +115,8 @@ class Download final : public DownloadTask,
   const DownloadRequest m_request;
   const Callback m_callback;
 
-  mutable CMutex
-      m_statusMutex;  ///< guards writing m_status, and reading it elsewhere than on the transfer thread
-  Status m_status;
+  mutable CMutex m_statusMutex;
+  Status m_status GUARDED_BY(m_statusMutex);  ///< changed by the transfer thread alone
 
   // Transfer thread only.
   PartFile m_file;

@@ -5,7 +5,6 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
 
 #include "BSW/BasicFun/StringUtils.h"
@@ -16,6 +15,7 @@
 #include "Backend/HttpTransfer.h"
 #include "Backend/TransferLoop.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace Quorvalen {
 namespace {
@@ -68,9 +68,9 @@ class QuorvalenBackendServer::Impl final : public std::enable_shared_from_this<I
 
   TransferLoop& m_loop;
 
-  CMutex m_mutex;          ///< guards both
-  bool m_bOnWire = false;  ///< also while it waits for the transfer thread
-  uint64_t m_number = 0;   ///< of the query that counts
+  CMutex m_mutex;
+  bool m_bOnWire GUARDED_BY(m_mutex) = false;  ///< also while it waits for the transfer thread
+  uint64_t m_number GUARDED_BY(m_mutex) = 0;   ///< of the query that counts
 
   // Transfer thread only.
   HttpRequest m_request;
@@ -108,7 +108,7 @@ QueryResult QuorvalenBackendServer::ParseAnswer(const std::string& text) {
 bool QuorvalenBackendServer::Impl::Query(HttpRequest request, ResultCallback callback) {
   uint64_t number = 0;
   {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     if (m_bOnWire) return false;
     m_bOnWire = true;
     number = ++m_number;
@@ -124,7 +124,7 @@ bool QuorvalenBackendServer::Impl::Query(HttpRequest request, ResultCallback cal
 void QuorvalenBackendServer::Impl::_Begin(uint64_t number, const HttpRequest& request,
                                           ResultCallback callback) {
   {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     if (number != m_number) return;
   }
   _Forget();
@@ -187,7 +187,7 @@ void QuorvalenBackendServer::Impl::_Tell(QueryResult result, bool mayPass) {
 }
 
 bool QuorvalenBackendServer::Impl::_TakeWire(bool taken) {
-  const std::lock_guard<CMutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return std::exchange(m_bOnWire, taken) != taken;
 }
 
@@ -198,7 +198,7 @@ void QuorvalenBackendServer::Impl::Cancel() {
     _Forget();
     // Here, not before: a query that is asked meanwhile either begins before this job and ends with it, or
     // begins after it and counts for nothing.
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     ++m_number;
     m_bOnWire = false;
   });

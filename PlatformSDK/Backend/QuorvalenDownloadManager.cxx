@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <limits>
 #include <list>
-#include <mutex>
 #include <utility>
 
 #include "BSW/BasicFun/Md5.h"
@@ -14,6 +13,7 @@
 #include "Backend/PartFile.h"
 #include "Backend/TransferLoop.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace Quorvalen {
 namespace {
@@ -37,12 +37,13 @@ class QuorvalenDownloadManager::Impl final : public IDownloadQueue,
  private:
   using Queue = std::list<std::shared_ptr<Download>>;
 
-  bool _IsQueued(const DownloadRequest& request) const;
+  bool _IsQueued(const DownloadRequest& request) const REQUIRES(m_mutex);
   void _GiveTurn();
 
-  CMutex m_mutex;         ///< guards both
-  TransferLoop* m_pLoop;  ///< null once the manager is gone: tasks may outlive it, and the loop
-  Queue m_queue;
+  CMutex m_mutex;
+  /// Null once the manager is gone: tasks may outlive it, and the loop.
+  TransferLoop* m_pLoop GUARDED_BY(m_mutex);
+  Queue m_queue GUARDED_BY(m_mutex);
 };
 
 QuorvalenDownloadManager::QuorvalenDownloadManager(TransferLoop& loop)
@@ -67,7 +68,7 @@ std::shared_ptr<DownloadTask> QuorvalenDownloadManager::Impl::Add(const Download
     error = "\"" + request.fileName + "\" is announced without size or md5";
   } else if (IsAllowedAddress(request.url, error) &&
              (PartFile::MayBeFinished(request) || PartFile::HasRoom(request, error))) {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     if (_IsQueued(request)) {
       error = "\"" + request.fileName + "\" is in the queue already";
       return nullptr;
@@ -82,7 +83,6 @@ std::shared_ptr<DownloadTask> QuorvalenDownloadManager::Impl::Add(const Download
   return nullptr;
 }
 
-/// With m_mutex held.
 bool QuorvalenDownloadManager::Impl::_IsQueued(const DownloadRequest& request) const {
   return std::any_of(m_queue.begin(), m_queue.end(), [&request](const std::shared_ptr<Download>& other) {
     return other->Request().directory == request.directory && other->Request().fileName == request.fileName &&
@@ -91,7 +91,7 @@ bool QuorvalenDownloadManager::Impl::_IsQueued(const DownloadRequest& request) c
 }
 
 void QuorvalenDownloadManager::Impl::Post(TransferLoop::Job job) {
-  const std::lock_guard<CMutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_pLoop != nullptr) m_pLoop->Post(std::move(job));
 }
 
@@ -103,7 +103,7 @@ void QuorvalenDownloadManager::Impl::_GiveTurn() {
   Queue ended;  // its owners' callbacks go with it, after the lock
   std::shared_ptr<Download> next;
   {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     for (auto download = m_queue.begin(); download != m_queue.end();) {
       const auto current = download++;
       if (Download::HasEnded((*current)->GetStatus().state)) ended.splice(ended.end(), m_queue, current);
@@ -124,7 +124,7 @@ void QuorvalenDownloadManager::Impl::Close() {
   TransferLoop* loop = nullptr;
   Queue queue;
   {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     std::swap(loop, m_pLoop);
     queue.swap(m_queue);
   }

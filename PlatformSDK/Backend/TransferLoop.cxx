@@ -8,7 +8,6 @@
 #include <csignal>
 #include <future>
 #include <memory>
-#include <mutex>
 
 #include "BSW/Log/CLog.h"
 
@@ -45,7 +44,7 @@ TransferLoop::~TransferLoop() {
 }
 
 bool TransferLoop::Start() {
-  const std::lock_guard<CMutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_phase != Phase::NotStarted || m_pMulti == nullptr || !CreateThread(0)) {
     LOGE("the transfer thread cannot start");
     return false;
@@ -56,7 +55,7 @@ bool TransferLoop::Start() {
 
 void TransferLoop::Stop() {
   DestroyThread(true, true);
-  const std::lock_guard<CMutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_phase == Phase::NotStarted) m_phase = Phase::Stopped;
 }
 
@@ -80,7 +79,7 @@ void TransferLoop::OnStopRequested() {
 
 bool TransferLoop::Post(Job job) {
   {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     if (m_phase == Phase::Stopped) return false;
     m_jobs.push_back(std::move(job));
   }
@@ -93,7 +92,7 @@ void TransferLoop::RunAndWait(const Job& job) {
   if (t_pLoop == this) return job();
   const auto done = std::make_shared<std::promise<void>>();
   {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     // Under the mutex: the thread cannot start meanwhile.
     if (m_phase != Phase::Running) return job();
     m_jobs.emplace_back([&job, done] {
@@ -108,7 +107,7 @@ void TransferLoop::RunAndWait(const Job& job) {
 void TransferLoop::_RunJobs() {
   std::deque<Job> jobs;
   {
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     jobs.swap(m_jobs);
   }
   for (const Job& job : jobs) job();
@@ -170,7 +169,7 @@ void TransferLoop::_CloseDown() {
   while (!m_transfers.empty()) Remove(**m_transfers.begin());
   for (;;) {
     _RunJobs();
-    const std::lock_guard<CMutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     if (!m_jobs.empty()) continue;
     m_phase = Phase::Stopped;
     return;

@@ -14,6 +14,7 @@
 
 #include "BSW/MultiTask/CThread.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace Quorvalen {
 
@@ -97,9 +98,9 @@ class TransferLoop final : private CThread {
   const TransferSettings m_settings;
   void* const m_pMulti;  ///< CURLM; waking it is the one thing that other threads do with it
 
-  CMutex m_mutex;  ///< guards m_phase and m_jobs
-  Phase m_phase = Phase::NotStarted;
-  std::deque<Job> m_jobs;
+  CMutex m_mutex;
+  Phase m_phase GUARDED_BY(m_mutex) = Phase::NotStarted;
+  std::deque<Job> m_jobs GUARDED_BY(m_mutex);
 
   // Transfer thread only.
   std::map<std::pair<Clock::time_point, TimerId>, Job> m_timers;

@@ -1,10 +1,8 @@
 // What a download costs, against `curl -o` followed by `openssl md5` in the same run, and the memory that it
 // takes. The counter "ratio" is bare time over ours, so 1 is as fast; "ratio_synced" gives the bare commands
 // a `sync` of the file, which ours always does. Run by hand; see Docs/performance.md.
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -20,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "../unit/Backend/LoopbackListener.h"
 #include "BSW/BasicFun/Md5.h"
 #include "BSW/BasicFun/ShellRunner.h"
 #include "BSW/BasicFun/UniqueFd.h"
@@ -36,10 +35,10 @@ double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-[[noreturn]] void ServeFile(int listener, const std::string& path) {
+[[noreturn]] void ServeFile(const LoopbackListener& listener, const std::string& path) {
   signal(SIGPIPE, SIG_IGN);
   for (;;) {
-    const UniqueFd line(accept(listener, nullptr, nullptr));
+    const UniqueFd line = listener.Accept();
     const UniqueFd file(open(path.c_str(), O_RDONLY));
     struct stat info {};
     fstat(file.Get(), &info);
@@ -56,19 +55,8 @@ double SecondsSince(Clock::time_point start) {
 // A server of one file, in a process of its own.
 class FileServer {
  public:
-  explicit FileServer(const std::string& path) : m_listener(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    if (bind(m_listener.Get(), plain, length) != 0 || listen(m_listener.Get(), 8) != 0 ||
-        getsockname(m_listener.Get(), plain, &length) != 0) {
-      std::abort();
-    }
-    m_strUrl = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/package.zip";
-    m_child = fork();
-    if (m_child == 0) ServeFile(m_listener.Get(), path);
+  explicit FileServer(const std::string& path) : m_child(fork()) {
+    if (m_child == 0) ServeFile(m_listener, path);
   }
   ~FileServer() {
     kill(m_child, SIGKILL);
@@ -76,12 +64,11 @@ class FileServer {
   }
   FileServer(const FileServer&) = delete;
   FileServer& operator=(const FileServer&) = delete;
-  const std::string& Url() const { return m_strUrl; }
+  std::string Url() const { return m_listener.Url("/package.zip"); }
 
  private:
-  const UniqueFd m_listener;
-  std::string m_strUrl;
-  pid_t m_child = -1;
+  const LoopbackListener m_listener;
+  const pid_t m_child;
 };
 
 // VmHWM of this process in MiB.

@@ -38,7 +38,7 @@ void McuFrames(benchmark::State& state) {
     }
     if (found != kFrames) state.SkipWithError("a frame was lost");
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * line.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(line.size()));
 }
 BENCHMARK(McuFrames);
 
@@ -81,7 +81,7 @@ void LegacyFrames(benchmark::State& state) {
     while (reader.GetLine(out.data(), 1000, refill) > 0) ++found;
     if (found != kFrames) state.SkipWithError("a frame was lost");
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * line.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(line.size()));
 }
 BENCHMARK(LegacyFrames);
 
@@ -90,7 +90,7 @@ void RtxPackets(benchmark::State& state) {
   while (state.KeepRunning()) {
     if (!Rtx::ParseFlPacket(packet)) state.SkipWithError("the packet was refused");
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * packet.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(packet.size()));
 }
 BENCHMARK(RtxPackets);
 

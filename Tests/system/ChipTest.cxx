@@ -124,6 +124,7 @@ TEST_F(ChipTest, OnePackageUpgradesAllSevenParts) {
 
   std::vector<std::pair<int, int>> levels;
   const std::vector<PinChange> changes = station.chips().pins().Changes();
+  levels.reserve(changes.size());
   for (const PinChange& change : changes) levels.emplace_back(change.pin, change.level);
   const std::vector<std::pair<int, int>> expected = {{39, 1}, {102, 1}, {133, 1}, {8, 1},   {9, 0},  {9, 1},
                                                      {9, 0},  {8, 0},   {139, 1}, {102, 1}, {12, 1}, {10, 1},
@@ -146,8 +147,8 @@ struct Failure {
   Chip chip;
   Phase phase;
   Kind kind;
-  std::size_t after, bytes;  ///< see Fault
-  int seconds;               ///< from the fault to the reported failure
+  unsigned after, bytes;  ///< see Fault
+  int seconds;            ///< from the fault to the reported failure
   const char* log;
 };
 
@@ -272,6 +273,7 @@ void PrintTo(const Nuisance& nuisance, std::ostream* out) {
 // The same fault in several phases.
 std::vector<Fault> In(const std::vector<Phase>& phases, FaultKind kind, std::size_t bytes = 0) {
   std::vector<Fault> faults;
+  faults.reserve(phases.size());
   for (const Phase phase : phases) faults.push_back({kind, phase, bytes});
   return faults;
 }

@@ -1,4 +1,4 @@
-/// See Bytes.h. Bit by bit: images of a simulated station are small.
+/// The check values bit by bit, without tables: images of a simulated station are small.
 #include "VirtualStation/Chips/Bytes.h"
 
 #include <functional>

@@ -1,4 +1,4 @@
-/// See ChipImages.h.
+/// Generates the images of the chips: the same bytes for the same version at each run.
 #include "VirtualStation/Chips/ChipImages.h"
 
 #include <algorithm>

@@ -1,8 +1,9 @@
-/// See Chips.h.
+/// The wiring of the chips, and the one list through which all of them are treated alike.
 #include "VirtualStation/Chips/Chips.h"
 
 #include <algorithm>
 
+#include "UpgradePackage/Parts.h"
 #include "VirtualStation/PackageBuilder.h"
 
 namespace station {
@@ -21,67 +22,82 @@ void Compare(std::vector<std::string>& differences, const std::string& chip, std
   }
 }
 
-/// Nothing that was under way on the line outlives this.
 template <typename Chip>
-void RestartOnLine(Chip& chip) {
-  chip.line().Unplug();
-  chip.PowerCycle();
-  chip.conduct().Clear();
-  chip.line().Plug();
+std::function<void()> RestartOnLine(Chip& chip) {
+  return [&chip] {
+    chip.line().Unplug();
+    chip.PowerCycle();
+    chip.conduct().Clear();
+    chip.line().Plug();
+  };
+}
+
+std::function<Bytes(const FlashBlock&)> FlashOf(const RtxModule& module) {
+  return [&module](const FlashBlock& wanted) {
+    return module.core().Memory(wanted.address, wanted.data.size());
+  };
 }
 
 }  // namespace
 
 Chips::Chips()
-    : m_rtx1(kModule1), m_rtx2(kModule2), m_pins([this](const PinChange& change) {
+    : m_rtx1(kModule1),
+      m_rtx2(kModule2),
+      m_all{
+          {"RTX module 1", UP_RTX, &m_rtx1.conduct(), &m_rtx1.line(), RestartOnLine(m_rtx1), FlashOf(m_rtx1)},
+          {"RTX module 2", UP_RTX, &m_rtx2.conduct(), &m_rtx2.line(), RestartOnLine(m_rtx2), FlashOf(m_rtx2)},
+          {"MCU", UP_MCU, &m_mcu.conduct(), &m_mcu.line(), RestartOnLine(m_mcu),
+           [this](const FlashBlock& wanted) { return m_mcu.Memory(wanted.data.size()); }},
+          {"UAC", UP_UAC, &m_uac.conduct(), &m_uac.line(), RestartOnLine(m_uac),
+           [this](const FlashBlock&) { return m_uac.Memory(); }},
+          {"FPGA", UP_FPGA, &m_fpga.conduct(), nullptr,
+           [this] {
+             m_fpga.PowerCycle();
+             m_fpga.conduct().Clear();
+           },
+           [this](const FlashBlock&) { return m_fpga.Memory(); }}},
+      m_pins([this](const PinChange& change) {
         m_rtx1.OnPin(change);
         m_rtx2.OnPin(change);
       }) {}
 
 void Chips::SetPaced(bool paced) {
-  for (Line* line : {&m_rtx1.line(), &m_rtx2.line(), &m_mcu.line(), &m_uac.line()}) {
-    line->SetPaced(paced);
+  for (const Item& chip : m_all) {
+    if (chip.line != nullptr) {
+      chip.line->SetPaced(paced);
+    }
   }
 }
 
 void Chips::PowerCycle() {
   m_pins.PowerCycle();
-  for (RtxModule* module : {&m_rtx1, &m_rtx2}) {
-    RestartOnLine(*module);
+  for (const Item& chip : m_all) {
+    chip.restart();
   }
-  RestartOnLine(m_mcu);
-  RestartOnLine(m_uac);
-  m_fpga.PowerCycle();
-  m_fpga.conduct().Clear();
 }
 
 std::vector<std::string> Chips::DifferencesFrom(const Package& package) const {
   std::vector<std::string> differences;
-  for (const auto& [type, blocks] : package.images) {
-    for (const FlashBlock& block : type == "rtx" ? ErasedAround(blocks) : blocks) {
-      if (type == "rtx") {
-        Compare(differences, "RTX module 1", block.address, block.data,
-                m_rtx1.core().Memory(block.address, block.data.size()));
-        Compare(differences, "RTX module 2", block.address, block.data,
-                m_rtx2.core().Memory(block.address, block.data.size()));
-      } else if (type == "mcu") {
-        Compare(differences, "MCU", 0, block.data, m_mcu.Memory(block.data.size()));
-      } else if (type == "uac") {
-        Compare(differences, "UAC", 0, block.data, m_uac.Memory());
-      } else if (type == "fpga") {
-        Compare(differences, "FPGA", 0, block.data, m_fpga.Memory());
-      }
+  for (const Item& chip : m_all) {
+    const auto image = package.images.find(std::string(Parts::Find(chip.part)->page));
+    if (image == package.images.end()) {
+      continue;
+    }
+    const std::vector<FlashBlock>& blocks = image->second;
+    for (const FlashBlock& block : chip.part == UP_RTX ? ErasedAround(blocks) : blocks) {
+      Compare(differences, chip.name, block.address, block.data, chip.memory(block));
     }
   }
   return differences;
 }
 
 std::vector<Chips::Story> Chips::Stories() const {
-  return {{"RTX module 1", Words(m_rtx1.conduct())},
-          {"RTX module 2", Words(m_rtx2.conduct())},
-          {"MCU", Words(m_mcu.conduct())},
-          {"UAC", Words(m_uac.conduct())},
-          {"FPGA", Words(m_fpga.conduct())}};
+  std::vector<Story> stories;
+  stories.reserve(m_all.size());
+  for (const Item& chip : m_all) {
+    stories.push_back({chip.name, Words(*chip.conduct)});
+  }
+  return stories;
 }
 
 }  // namespace station

@@ -1,9 +1,12 @@
 /// The chips of the base station that the daemon upgrades. Owned by Station; made before the daemon starts.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "UpgradeFrame/UpgradeTypes.h"
+#include "VirtualStation/Chips/ChipImages.h"
 #include "VirtualStation/Chips/FpgaFlash.h"
 #include "VirtualStation/Chips/Mcu.h"
 #include "VirtualStation/Chips/Pins.h"
@@ -44,10 +47,21 @@ class Chips {
   std::vector<Story> Stories() const;
 
  private:
+  /// A chip as all of them are treated here.
+  struct Item {
+    const char* name;
+    UPGRADETYPE part;
+    const Conduct* conduct;
+    Line* line;                     ///< null: it is on none
+    std::function<void()> restart;  ///< nothing that was under way outlives it
+    std::function<Bytes(const FlashBlock& wanted)> memory;
+  };
+
   RtxModule m_rtx1, m_rtx2;
   Mcu m_mcu;
   UacLoader m_uac;
   FpgaFlash m_fpga;
+  const std::vector<Item> m_all;
   Pins m_pins;  ///< last: it calls into the modules
 };
 

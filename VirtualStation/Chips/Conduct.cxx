@@ -1,4 +1,4 @@
-/// See Conduct.h.
+/// Counts the phases and decides which faults strike; the chips act on what it says.
 #include "VirtualStation/Chips/Conduct.h"
 
 #include <algorithm>
@@ -48,44 +48,44 @@ const char* Name(Phase phase) {
 }
 
 void Conduct::Add(const Fault& fault) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.push_back(fault);
 }
 
 void Conduct::ClearFaults() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.clear();
   m_hears = kEver;
 }
 
 void Conduct::Clear() {
   ClearFaults();
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_counts.clear();
   m_trail.clear();
 }
 
 bool Conduct::WaitFor(Phase phase, Milliseconds timeout, std::size_t count) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  return m_reached.wait_for(lock, timeout, [&] {
+  const CLock lock(m_mutex);
+  return m_reached.WaitFor(m_mutex, timeout, [&]() REQUIRES(m_mutex) {
     const auto reached = m_counts.find(phase);
     return reached != m_counts.end() && reached->second >= count;
   });
 }
 
 std::size_t Conduct::Count(Phase phase) const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   const auto reached = m_counts.find(phase);
   return reached == m_counts.end() ? 0 : reached->second;
 }
 
 std::vector<std::pair<Phase, std::size_t>> Conduct::Trail() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_trail;
 }
 
 std::optional<Conduct::Faults> Conduct::Reach(Phase phase) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_hears == 0) {
     return std::nullopt;
   }
@@ -94,7 +94,7 @@ std::optional<Conduct::Faults> Conduct::Reach(Phase phase) {
     m_trail.emplace_back(phase, 0);
   }
   ++m_trail.back().second;
-  m_reached.notify_all();
+  m_reached.NotifyAll();
 
   Faults faults;
   for (Fault& fault : m_faults) {
@@ -119,7 +119,7 @@ std::optional<Conduct::Faults> Conduct::Reach(Phase phase) {
 }
 
 std::size_t Conduct::Hear(std::size_t count) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_hears == kEver) {
     return count;
   }

@@ -3,16 +3,17 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <limits>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "VirtualStation/Chips/Bytes.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -103,12 +104,13 @@ class Conduct {
   std::size_t Hear(std::size_t count);
 
  private:
-  mutable std::mutex m_mutex;  ///< guards all below
-  mutable std::condition_variable m_reached;
-  std::vector<Fault> m_faults;
-  std::map<Phase, std::size_t> m_counts;
-  std::vector<std::pair<Phase, std::size_t>> m_trail;
-  std::size_t m_hears = std::numeric_limits<std::size_t>::max();  ///< bytes left to hear; dead at 0
+  mutable CMutex m_mutex;
+  mutable CCondition m_reached;
+  std::vector<Fault> m_faults GUARDED_BY(m_mutex);
+  std::map<Phase, std::size_t> m_counts GUARDED_BY(m_mutex);
+  std::vector<std::pair<Phase, std::size_t>> m_trail GUARDED_BY(m_mutex);
+  std::size_t m_hears GUARDED_BY(m_mutex) =
+      std::numeric_limits<std::size_t>::max();  ///< bytes left to hear; dead at 0
 };
 
 /// The phases in words, for a display.

@@ -1,4 +1,4 @@
-/// See FlashModel.h.
+/// A flash kept sector by sector, as far as somebody has touched it.
 #include "VirtualStation/Chips/FlashModel.h"
 
 namespace station {

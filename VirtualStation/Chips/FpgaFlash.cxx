@@ -1,6 +1,6 @@
-/// See FpgaFlash.h. The device is a FIFO that holds one page, so that a second write waits until the first
-/// has been taken off and each one is seen by itself. A write that fails does so with EPIPE, where the driver
-/// would say EIO.
+/// Reads the image off the device, which is a FIFO that holds one page, so that a second write waits until
+/// the first has been taken off and each one is seen by itself. A write that fails does so with EPIPE, where
+/// the driver would say EIO.
 #include "VirtualStation/Chips/FpgaFlash.h"
 
 #include <fcntl.h>
@@ -39,7 +39,7 @@ FpgaFlash::FpgaFlash() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 
 FpgaFlash::~FpgaFlash() {
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_stop = true;
     _Wake();
   }
@@ -49,23 +49,23 @@ FpgaFlash::~FpgaFlash() {
 }
 
 Bytes FpgaFlash::Memory() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_memory;
 }
 
 std::vector<std::size_t> FpgaFlash::Pieces() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_pieces;
 }
 
 void FpgaFlash::Unplug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _Close(true);
   _Wake();
 }
 
 void FpgaFlash::Plug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _Close(true);
   constexpr mode_t kOwner = 0600;
   if (mkfifo(kDevice, kOwner) != 0) {
@@ -79,12 +79,12 @@ void FpgaFlash::Plug() {
 
 void FpgaFlash::_Serve() {
   Bytes piece;
-  std::unique_lock<std::mutex> lock(m_mutex);
+  CLock lock(m_mutex);
   while (!m_stop) {
     std::array<pollfd, 2> fds = {{{m_wake, POLLIN, 0}, {m_stuck ? -1 : m_fifo, POLLIN, 0}}};
-    lock.unlock();
+    lock.Unlock();
     poll(fds.data(), fds.size(), -1);
-    lock.lock();
+    lock.Lock();
     eventfd_t ignored = 0;
     eventfd_read(m_wake, &ignored);
     if (m_fifo < 0 || m_stuck || fds[1].revents == 0) {

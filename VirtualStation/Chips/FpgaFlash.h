@@ -2,12 +2,13 @@
 /// Owned by Chips; tests and scenarios make it misbehave and read what it holds.
 #pragma once
 
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "VirtualStation/Chips/Bytes.h"
 #include "VirtualStation/Chips/Conduct.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -35,16 +36,18 @@ class FpgaFlash {
 
  private:
   void _Serve();
-  void _TakePiece(const Bytes& piece);
-  void _Close(bool unplug);
+  void _TakePiece(const Bytes& piece) REQUIRES(m_mutex);
+  void _Close(bool unplug) REQUIRES(m_mutex);
   void _Wake() const;
 
   Conduct m_conduct;
-  mutable std::mutex m_mutex;  ///< guards the next four
-  Bytes m_memory;
-  std::vector<std::size_t> m_pieces;
-  bool m_ended = true, m_stop = false, m_stuck = false;
-  int m_fifo = -1;
+  mutable CMutex m_mutex;
+  Bytes m_memory GUARDED_BY(m_mutex);
+  std::vector<std::size_t> m_pieces GUARDED_BY(m_mutex);
+  bool m_ended GUARDED_BY(m_mutex) = true;
+  bool m_stop GUARDED_BY(m_mutex) = false;
+  bool m_stuck GUARDED_BY(m_mutex) = false;
+  int m_fifo GUARDED_BY(m_mutex) = -1;
   int m_wake;  ///< eventfd
   std::thread m_thread;
 };

@@ -1,6 +1,7 @@
-/// See Line.h. Bytes are taken from the pty as soon as they are there, with the speed that is set at that
-/// moment, and wait in a queue until the line would have carried them. The queue holds as much as a UART's
-/// transmit buffer; what does not fit waits in the kernel, where a flush of the host still drops it.
+/// Carries bytes at the speed of the line. They are taken from the pty as soon as they are there, with the
+/// speed that is set at that moment, and wait in a queue until the line would have carried them. The queue
+/// holds as much as a UART's transmit buffer; what does not fit waits in the kernel, where a flush of the
+/// host still drops it.
 #include "VirtualStation/Chips/Line.h"
 
 #include <fcntl.h>
@@ -84,7 +85,7 @@ Line::Line(std::string device, unsigned speed, Received received, Timer timer)
 
 Line::~Line() {
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_stop = true;
     _Wake();
   }
@@ -94,7 +95,7 @@ Line::~Line() {
 }
 
 void Line::Plug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_master >= 0) {
     return;
   }
@@ -120,7 +121,7 @@ void Line::Plug() {
 }
 
 void Line::Unplug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_master < 0) {
     return;
   }
@@ -135,32 +136,32 @@ void Line::Unplug() {
 }
 
 bool Line::Plugged() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_master >= 0;
 }
 
 bool Line::WaitForPort(bool open, Milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  return m_portChanged.wait_for(lock, timeout, [&] { return m_open == open; });
+  const CLock lock(m_mutex);
+  return m_portChanged.WaitFor(m_mutex, timeout, [&]() REQUIRES(m_mutex) { return m_open == open; });
 }
 
 void Line::SetPaced(bool paced) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_paced = paced;
 }
 
 std::uint64_t Line::ReceivedCount() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_count;
 }
 
 unsigned Line::HostSpeed() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return _HostSpeed();
 }
 
 void Line::SetSpeed(unsigned bitsPerSecond) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_speed = bitsPerSecond;
 }
 
@@ -189,14 +190,14 @@ void Line::Send(Bytes answer, const Conduct::Faults& faults) {
     const Bytes noise = Noise(faults.at(FaultKind::Noise), answer);
     answer.insert(answer.begin(), noise.begin(), noise.end());
   }
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _Enqueue(m_outgoing, answer, m_speed, strikes(FaultKind::Split) ? kSplitGap : Clock::duration::zero(),
            Milliseconds(strikes(FaultKind::Late) ? faults.at(FaultKind::Late) : 0));
   _Wake();
 }
 
 void Line::SetTimer(std::optional<Clock::time_point> when) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_timer = when;
   _Wake();
 }
@@ -208,8 +209,8 @@ void Line::_Run() {
   priority.sched_priority = sched_get_priority_min(SCHED_FIFO);
   pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
   prctl(PR_SET_TIMERSLACK, 1UL);
-  std::unique_lock<std::mutex> lock(m_mutex);
-  while (_Wait(lock)) {
+  CLock lock(m_mutex);
+  while (_Wait()) {
     _ReadPort();
     const Clock::time_point now = Clock::now();
     _WritePort(now);
@@ -219,19 +220,19 @@ void Line::_Run() {
     if (rings) {
       m_timer.reset();
     }
-    lock.unlock();
+    lock.Unlock();
     if (!due.empty()) {
       m_received(due);
     }
     if (rings) {
       m_timerRings();
     }
-    lock.lock();
+    lock.Lock();
   }
 }
 
 /// Waits, unlocked, until something is to be done. False: the line ends.
-bool Line::_Wait(std::unique_lock<std::mutex>& lock) {
+bool Line::_Wait() {
   const Clock::time_point now = Clock::now();
   Clock::time_point next = m_timer.value_or(Clock::time_point::max());
   for (const Queue* queue : {&m_incoming, &m_outgoing}) {
@@ -245,9 +246,9 @@ bool Line::_Wait(std::unique_lock<std::mutex>& lock) {
   const auto left = std::max(nanoseconds(next - now), nanoseconds(0));
   const timespec timeout = {static_cast<time_t>(left.count() / std::nano::den),
                             static_cast<long>(left.count() % std::nano::den)};
-  lock.unlock();
+  m_mutex.Unlock();
   ppoll(fds.data(), fds.size(), next == Clock::time_point::max() ? nullptr : &timeout, nullptr);
-  lock.lock();
+  m_mutex.Lock();
   Drain(m_wake);
   return !m_stop;
 }
@@ -309,7 +310,7 @@ void Line::_Enqueue(Queue& queue, const Bytes& bytes, unsigned speed, Clock::dur
 
 void Line::_SetOpen(bool open) {
   m_open = open;
-  m_portChanged.notify_all();
+  m_portChanged.NotifyAll();
 }
 
 /// The master shows the settings of the device. 0: a speed that no chip has.

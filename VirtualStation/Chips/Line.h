@@ -7,17 +7,18 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "VirtualStation/Chips/Bytes.h"
 #include "VirtualStation/Chips/Conduct.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -70,33 +71,34 @@ class Line {
   using Queue = std::deque<TimedByte>;
 
   void _Run();
-  bool _Wait(std::unique_lock<std::mutex>& lock);
-  void _ReadPort();
-  void _WritePort(Clock::time_point now);
-  Bytes _TakeDue(Queue& queue, Clock::time_point now, unsigned receiverSpeed) const;
+  bool _Wait() REQUIRES(m_mutex);
+  void _ReadPort() REQUIRES(m_mutex);
+  void _WritePort(Clock::time_point now) REQUIRES(m_mutex);
+  Bytes _TakeDue(Queue& queue, Clock::time_point now, unsigned receiverSpeed) const REQUIRES(m_mutex);
   void _Enqueue(Queue& queue, const Bytes& bytes, unsigned speed, Clock::duration gap = {},
-                Clock::duration delay = {}) const;
-  void _SetOpen(bool open);
-  unsigned _HostSpeed() const;
+                Clock::duration delay = {}) const REQUIRES(m_mutex);
+  void _SetOpen(bool open) REQUIRES(m_mutex);
+  unsigned _HostSpeed() const REQUIRES(m_mutex);
   void _Wake() const;
 
   const std::string m_device;
   const bool m_usb;
   const Received m_received;
   const Timer m_timerRings;
+  const int m_wake;  ///< eventfd
 
-  mutable std::mutex m_mutex;  ///< guards all below but the thread
-  mutable std::condition_variable m_portChanged;
-  bool m_stop = false;
-  bool m_paced = true;
-  bool m_open = false;  ///< somebody has the device open
-  int m_master = -1;    ///< -1: unplugged
-  int m_watch = -1;     ///< inotify: the device was opened
-  int m_wake = -1;      ///< eventfd
-  unsigned m_speed;
-  Queue m_incoming, m_outgoing;
-  std::uint64_t m_count = 0;
-  std::optional<Clock::time_point> m_timer;
+  mutable CMutex m_mutex;
+  mutable CCondition m_portChanged;
+  bool m_stop GUARDED_BY(m_mutex) = false;
+  bool m_paced GUARDED_BY(m_mutex) = true;
+  bool m_open GUARDED_BY(m_mutex) = false;  ///< somebody has the device open
+  int m_master GUARDED_BY(m_mutex) = -1;    ///< -1: unplugged
+  int m_watch GUARDED_BY(m_mutex) = -1;     ///< inotify: the device was opened
+  unsigned m_speed GUARDED_BY(m_mutex);
+  Queue m_incoming GUARDED_BY(m_mutex);
+  Queue m_outgoing GUARDED_BY(m_mutex);
+  std::uint64_t m_count GUARDED_BY(m_mutex) = 0;
+  std::optional<Clock::time_point> m_timer GUARDED_BY(m_mutex);
   std::thread m_thread;
 };
 

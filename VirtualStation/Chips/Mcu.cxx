@@ -1,5 +1,5 @@
-/// See Mcu.h. Frames are those of SerialFrame.h, with protocol 01, project 90, device 01 (host) or 02 (MCU).
-/// The exchange; every response but the first is one status byte, 0 for success:
+/// The microcontroller's answers. Frames are those of SerialFrame.h, with protocol 01, project 90, device 01
+/// (host) or 02 (MCU). The exchange; every response but the first is one status byte, 0 for success:
 ///
 ///   1A0 version                       <- status, 0 application or 1 boot loader, four numbers, two reserved
 ///   1A1 start                         the application leaves for the boot loader
@@ -46,38 +46,38 @@ constexpr std::size_t kFlashSize = 512 * 1024;
 Mcu::Mcu() : m_line(kDevice, kSpeed, [this](const Bytes& bytes) { _Receive(bytes); }) {}
 
 Bytes Mcu::Memory(std::size_t size) const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_flash.Read(0, size);
 }
 
 bool Mcu::InBootLoader() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_bootLoader;
 }
 
 Mcu::Version Mcu::ApplicationVersion() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_version;
 }
 
 void Mcu::SetApplicationVersion(const Version& version) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_version = version;
 }
 
 std::string Mcu::ImageName() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_imageName;
 }
 
 void Mcu::PowerCycle() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_input.clear();
   m_deafUntil = {};
 }
 
 void Mcu::_Receive(const Bytes& bytes) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   const auto heard = static_cast<std::ptrdiff_t>(m_conduct.Hear(bytes.size()));
   if (Line::Clock::now() < m_deafUntil) {
     return;

@@ -4,13 +4,14 @@
 #pragma once
 
 #include <array>
-#include <mutex>
 #include <string>
 
 #include "VirtualStation/Chips/Bytes.h"
 #include "VirtualStation/Chips/Conduct.h"
 #include "VirtualStation/Chips/FlashModel.h"
 #include "VirtualStation/Chips/Line.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -39,24 +40,25 @@ class Mcu {
 
  private:
   void _Receive(const Bytes& bytes);
-  void _Dispatch(unsigned command, const Bytes& data);
-  std::uint8_t _TakeDescription(const Bytes& data);
-  std::uint8_t _TakePackage(const Bytes& data);
-  void _Answer(Phase phase, unsigned command, Bytes data);
-  void _Switch(bool bootLoader);
+  void _Dispatch(unsigned command, const Bytes& data) REQUIRES(m_mutex);
+  std::uint8_t _TakeDescription(const Bytes& data) REQUIRES(m_mutex);
+  std::uint8_t _TakePackage(const Bytes& data) REQUIRES(m_mutex);
+  void _Answer(Phase phase, unsigned command, Bytes data) REQUIRES(m_mutex);
+  void _Switch(bool bootLoader) REQUIRES(m_mutex);
 
   Conduct m_conduct;
-  mutable std::mutex m_mutex;  ///< guards the state below
-  FlashModel m_flash;
-  Version m_version = {1, 0, 6, 50};
-  Version m_newVersion = {};
-  std::string m_imageName;
-  bool m_bootLoader = false;
-  std::size_t m_imageSize = 0, m_written = 0;
-  std::uint8_t m_nextPackage = 1;
-  std::uint8_t m_number = 0;  ///< sequence number of the request under way
-  Line::Clock::time_point m_deafUntil;
-  Bytes m_input;
+  mutable CMutex m_mutex;
+  FlashModel m_flash GUARDED_BY(m_mutex);
+  Version m_version GUARDED_BY(m_mutex) = {1, 0, 6, 50};
+  Version m_newVersion GUARDED_BY(m_mutex) = {};
+  std::string m_imageName GUARDED_BY(m_mutex);
+  bool m_bootLoader GUARDED_BY(m_mutex) = false;
+  std::size_t m_imageSize GUARDED_BY(m_mutex) = 0;
+  std::size_t m_written GUARDED_BY(m_mutex) = 0;
+  std::uint8_t m_nextPackage GUARDED_BY(m_mutex) = 1;
+  std::uint8_t m_number GUARDED_BY(m_mutex) = 0;  ///< sequence number of the request under way
+  Line::Clock::time_point m_deafUntil GUARDED_BY(m_mutex);
+  Bytes m_input GUARDED_BY(m_mutex);
   Line m_line;  ///< last: it calls into the rest
 };
 

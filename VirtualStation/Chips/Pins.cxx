@@ -1,6 +1,6 @@
-/// See Pins.h. The attributes that take commands are FIFOs, so that no write is lost however quickly the next
-/// one follows; a line's files are plain ones, watched. On the device a second export of a line fails; here
-/// nobody can tell the writer, and it changes nothing.
+/// Serves the pins as files. The attributes that take commands are FIFOs, so that no write is lost however
+/// quickly the next one follows; a line's files are plain ones, watched. On the device a second export of a
+/// line fails; here nobody can tell the writer, and it changes nothing.
 #include "VirtualStation/Chips/Pins.h"
 
 #include <fcntl.h>
@@ -82,12 +82,12 @@ Pins::~Pins() {
 }
 
 std::vector<PinChange> Pins::Changes() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_changes;
 }
 
 std::set<int> Pins::Exported() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   std::set<int> pins;
   for (const auto& line : m_exported) {
     pins.insert(line.first);
@@ -96,7 +96,7 @@ std::set<int> Pins::Exported() const {
 }
 
 void Pins::PowerCycle() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_changes.clear();
   while (!m_exported.empty()) {
     _Remove(m_exported.begin()->first);
@@ -126,7 +126,7 @@ void Pins::_Serve() {
 
 void Pins::_Export(const std::string& text) {
   std::istringstream numbers(text);
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   for (int pin = 0; numbers >> pin;) {
     if (m_exported.count(pin) == 0) {
       const std::string value = LineDirectory(pin) + "/value";
@@ -139,7 +139,7 @@ void Pins::_Export(const std::string& text) {
 
 /// Numbers that were written one right after the other may stand without anything between them.
 void Pins::_Unexport(std::string text) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   while (!text.empty()) {
     const auto line = std::find_if(m_exported.begin(), m_exported.end(), [&](const auto& item) {
       return text.rfind(std::to_string(item.first), 0) == 0;
@@ -166,7 +166,7 @@ void Pins::_ReadLines() {
     offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     int pin = -1;
     {
-      const std::lock_guard<std::mutex> lock(m_mutex);
+      const CLock lock(m_mutex);
       for (const auto& [line, watch] : m_exported) {
         pin = watch == event->wd ? line : pin;
       }
@@ -181,7 +181,7 @@ void Pins::_ReadLines() {
 void Pins::_Note(int pin, int level) {
   const PinChange change = {pin, level, std::chrono::steady_clock::now()};
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_changes.push_back(change);
   }
   m_changed(change);

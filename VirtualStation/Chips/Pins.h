@@ -5,11 +5,12 @@
 #include <chrono>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -44,12 +45,12 @@ class Pins {
   void _Command(const std::string& text);
   void _ReadLines();
   void _Note(int pin, int level);
-  void _Remove(int pin);
+  void _Remove(int pin) REQUIRES(m_mutex);
 
   const std::function<void(const PinChange&)> m_changed;
-  mutable std::mutex m_mutex;  ///< guards the next two
-  std::vector<PinChange> m_changes;
-  std::map<int, int> m_exported;  ///< line, inotify watch
+  mutable CMutex m_mutex;
+  std::vector<PinChange> m_changes GUARDED_BY(m_mutex);
+  std::map<int, int> m_exported GUARDED_BY(m_mutex);  ///< line, inotify watch
   int m_command, m_export, m_unexport;
   int m_inotify;
   int m_stop;  ///< eventfd

@@ -1,4 +1,4 @@
-/// See RtxCore.h. The exchange, host on the left:
+/// The radio's boot loaders, step by step. The exchange, host on the left:
 ///
 ///                                                        <- 02 (STX)        the ROM boot loader starts,
 ///                                                                           at 19200 bits per second
@@ -48,32 +48,32 @@ constexpr std::uint32_t kFlashSize = 16U << 20U;
 RtxCore::RtxCore(Conduct& conduct, Line& line) : m_conduct(conduct), m_line(line) {}
 
 Bytes RtxCore::Memory(std::uint32_t start, std::size_t size) const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_flash.Read(start, size);
 }
 
 Bytes RtxCore::PreLoader() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_preLoader;
 }
 
 Bytes RtxCore::FlashLoader() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_flashLoader;
 }
 
 unsigned RtxCore::HighestSpeed() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_highestSpeed;
 }
 
 unsigned RtxCore::Speed() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_speed;
 }
 
 void RtxCore::PowerCycle() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_preLoader.clear();
   m_flashLoader.clear();
   m_highestSpeed = 0;
@@ -81,12 +81,12 @@ void RtxCore::PowerCycle() {
 }
 
 void RtxCore::Hold() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _Enter(Program::None, Step::Header);
 }
 
 void RtxCore::Boot() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_configured = false;
   _Enter(Program::Rom, Step::Header);
   _SetSpeed(kRomSpeed);
@@ -94,7 +94,7 @@ void RtxCore::Boot() {
 }
 
 void RtxCore::Receive(const Bytes& bytes) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   const auto heard = static_cast<std::ptrdiff_t>(m_conduct.Hear(bytes.size()));
   m_input.insert(m_input.end(), bytes.begin(), bytes.begin() + heard);
   while (!m_input.empty() && _TakeStep()) {

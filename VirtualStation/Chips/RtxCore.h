@@ -3,12 +3,12 @@
 /// it. The protocol is told in the source file.
 #pragma once
 
-#include <mutex>
-
 #include "VirtualStation/Chips/Bytes.h"
 #include "VirtualStation/Chips/Conduct.h"
 #include "VirtualStation/Chips/FlashModel.h"
 #include "VirtualStation/Chips/Line.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -41,31 +41,33 @@ class RtxCore {
   enum class Program { None, Rom, PreLoader, FlashLoader };
   enum class Step { Header, Image, Echo, Start, Speed, SpeedReady, Packet };
 
-  bool _TakeStep();
-  bool _TakeHeader();
-  bool _TakeImage();
-  bool _TakeEcho();
-  bool _TakeSpeed();
-  bool _TakePacket();
-  bool _TakeByte(std::uint8_t wanted, Phase phase, std::uint8_t answer, Step next);
-  void _Dispatch(const Bytes& payload);
-  void _AnswerByte(Phase phase, std::uint8_t answer);
-  void _AnswerPacket(Phase phase, std::uint8_t primitive, Bytes data, bool hasStatus);
-  void _Enter(Program program, Step step);
-  void _SetSpeed(unsigned bitsPerSecond);
+  bool _TakeStep() REQUIRES(m_mutex);
+  bool _TakeHeader() REQUIRES(m_mutex);
+  bool _TakeImage() REQUIRES(m_mutex);
+  bool _TakeEcho() REQUIRES(m_mutex);
+  bool _TakeSpeed() REQUIRES(m_mutex);
+  bool _TakePacket() REQUIRES(m_mutex);
+  bool _TakeByte(std::uint8_t wanted, Phase phase, std::uint8_t answer, Step next) REQUIRES(m_mutex);
+  void _Dispatch(const Bytes& payload) REQUIRES(m_mutex);
+  void _AnswerByte(Phase phase, std::uint8_t answer) REQUIRES(m_mutex);
+  void _AnswerPacket(Phase phase, std::uint8_t primitive, Bytes data, bool hasStatus) REQUIRES(m_mutex);
+  void _Enter(Program program, Step step) REQUIRES(m_mutex);
+  void _SetSpeed(unsigned bitsPerSecond) REQUIRES(m_mutex);
 
   Conduct& m_conduct;
   Line& m_line;
-  mutable std::mutex m_mutex;  ///< guards the state below
-  FlashModel m_flash;
-  Program m_program = Program::None;
-  Step m_step = Step::Header;
-  Bytes m_input;
-  std::size_t m_imageSize = 0;
-  std::uint8_t m_check = 0;  ///< of the image that came last
-  bool m_configured = false;
-  Bytes m_preLoader, m_flashLoader;
-  unsigned m_speed = 0, m_highestSpeed = 0;
+  mutable CMutex m_mutex;
+  FlashModel m_flash GUARDED_BY(m_mutex);
+  Program m_program GUARDED_BY(m_mutex) = Program::None;
+  Step m_step GUARDED_BY(m_mutex) = Step::Header;
+  Bytes m_input GUARDED_BY(m_mutex);
+  std::size_t m_imageSize GUARDED_BY(m_mutex) = 0;
+  std::uint8_t m_check GUARDED_BY(m_mutex) = 0;  ///< of the image that came last
+  bool m_configured GUARDED_BY(m_mutex) = false;
+  Bytes m_preLoader GUARDED_BY(m_mutex);
+  Bytes m_flashLoader GUARDED_BY(m_mutex);
+  unsigned m_speed GUARDED_BY(m_mutex) = 0;
+  unsigned m_highestSpeed GUARDED_BY(m_mutex) = 0;
 };
 
 }  // namespace station

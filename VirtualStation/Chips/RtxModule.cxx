@@ -1,5 +1,5 @@
-/// See RtxModule.h. PON, power and switch lines high, BOOT high, RESET high and low again: the boot loader
-/// starts.
+/// What the pins do to a module: PON, power and switch lines high, BOOT high, RESET high and low again: the
+/// boot loader starts.
 #include "VirtualStation/Chips/RtxModule.h"
 
 namespace station {
@@ -10,14 +10,14 @@ RtxModule::RtxModule(const Wiring& wiring)
       m_line(wiring.device, RtxCore::kRomSpeed, [this](const Bytes& bytes) { m_core.Receive(bytes); }) {}
 
 void RtxModule::PowerCycle() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_levels.clear();
   m_core.PowerCycle();
 }
 
 /// RESET holds the module while it is high; when it falls, BOOT decides what starts.
 void RtxModule::OnPin(const PinChange& change) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   const bool wasReset = _IsHigh(m_wiring.reset);
   m_levels[change.pin] = change.level;
   if (change.pin != m_wiring.reset || wasReset == (change.level != 0)) {

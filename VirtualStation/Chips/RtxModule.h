@@ -3,13 +3,14 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "VirtualStation/Chips/Conduct.h"
 #include "VirtualStation/Chips/Line.h"
 #include "VirtualStation/Chips/Pins.h"
 #include "VirtualStation/Chips/RtxCore.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -35,14 +36,14 @@ class RtxModule {
   void PowerCycle();
 
  private:
-  bool _IsHigh(int pin) const;
+  bool _IsHigh(int pin) const REQUIRES(m_mutex);
 
   const Wiring m_wiring;
   Conduct m_conduct;
   RtxCore m_core;
-  mutable std::mutex m_mutex;   ///< guards the levels
-  std::map<int, int> m_levels;  ///< by pin
-  Line m_line;                  ///< last: it calls into the rest
+  mutable CMutex m_mutex;
+  std::map<int, int> m_levels GUARDED_BY(m_mutex);  ///< by pin
+  Line m_line;                                      ///< last: it calls into the rest
 };
 
 }  // namespace station

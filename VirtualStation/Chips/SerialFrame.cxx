@@ -1,4 +1,4 @@
-/// See SerialFrame.h.
+/// Packs frames, with the faults that strike them, and finds them in what comes in.
 #include "VirtualStation/Chips/SerialFrame.h"
 
 namespace station {

@@ -1,7 +1,7 @@
-/// See UacLoader.h. XMODEM-1K with CRC: the loader sends 'C' once a second until the first block comes. A
-/// block is STX (SOH: 128 bytes), its number from 1 on, the number's complement, 1024 bytes and their CRC-16
-/// (high byte first); ACK takes it, NAK asks for it again. EOT ends the image. Having it all the chip leaves
-/// its loader; after a transfer that breaks off it invites anew.
+/// XMODEM-1K with CRC as the chip speaks it: the loader sends 'C' once a second until the first block comes.
+/// A block is STX (SOH: 128 bytes), its number from 1 on, the number's complement, 1024 bytes and their
+/// CRC-16 (high byte first); ACK takes it, NAK asks for it again. EOT ends the image. Having it all the chip
+/// leaves its loader; after a transfer that breaks off it invites anew.
 #include "VirtualStation/Chips/UacLoader.h"
 
 namespace station {
@@ -34,17 +34,17 @@ UacLoader::UacLoader()
 }
 
 Bytes UacLoader::Memory() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_memory;
 }
 
 bool UacLoader::Complete() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_complete;
 }
 
 void UacLoader::PowerCycle() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_input.clear();
   m_underWay = m_complete = false;
   m_line.SetTimer(Line::Clock::now() + kInviteEvery);
@@ -52,7 +52,7 @@ void UacLoader::PowerCycle() {
 
 /// A block has stopped half way, the transfer has broken off, or it is time for the next invitation.
 void UacLoader::_TimeOut() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (!m_input.empty()) {
     m_input.clear();
     m_line.SetTimer(Line::Clock::now() + kBreakOff);
@@ -67,7 +67,7 @@ void UacLoader::_TimeOut() {
 }
 
 void UacLoader::_Receive(const Bytes& bytes) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   const auto heard = static_cast<std::ptrdiff_t>(m_conduct.Hear(bytes.size()));
   m_input.insert(m_input.end(), bytes.begin(), bytes.begin() + heard);
   if (m_complete) {

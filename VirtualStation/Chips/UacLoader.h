@@ -2,11 +2,11 @@
 /// make it misbehave and read what it holds. The protocol is told in the source file.
 #pragma once
 
-#include <mutex>
-
 #include "VirtualStation/Chips/Bytes.h"
 #include "VirtualStation/Chips/Conduct.h"
 #include "VirtualStation/Chips/Line.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -29,15 +29,17 @@ class UacLoader {
  private:
   void _Receive(const Bytes& bytes);
   void _TimeOut();
-  bool _TakeItem();
-  void _TakeBlock(std::size_t size);
+  bool _TakeItem() REQUIRES(m_mutex);
+  void _TakeBlock(std::size_t size) REQUIRES(m_mutex);
   void _Answer(Phase phase, std::uint8_t answer);
 
   Conduct m_conduct;
-  mutable std::mutex m_mutex;  ///< guards the state below
-  Bytes m_memory, m_input;
-  bool m_underWay = false, m_complete = false;
-  std::uint8_t m_nextBlock = 1;
+  mutable CMutex m_mutex;
+  Bytes m_memory GUARDED_BY(m_mutex);
+  Bytes m_input GUARDED_BY(m_mutex);
+  bool m_underWay GUARDED_BY(m_mutex) = false;
+  bool m_complete GUARDED_BY(m_mutex) = false;
+  std::uint8_t m_nextBlock GUARDED_BY(m_mutex) = 1;
   Line m_line;  ///< last: it calls into the rest
 };
 

@@ -1,5 +1,5 @@
-/// See Cloud.h. One thread takes the connections, and each connection has a thread of its own that blocks in
-/// its socket or in a fault; a socket that is shut down and m_leaving end it.
+/// Answers the requests as told. One thread takes the connections, and each connection has a thread of its
+/// own that blocks in its socket or in a fault; a socket that is shut down and m_leaving end it.
 #include "VirtualStation/Cloud/Cloud.h"
 
 #include <arpa/inet.h>
@@ -116,9 +116,9 @@ void Cloud::Leave() {
   close(m_secure);
   std::list<Client> clients;
   {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_leaving = true;
-    m_changed.notify_all();
+    m_changed.NotifyAll();
     for (const Client& client : m_clients) {
       shutdown(client.socket, SHUT_RDWR);
     }
@@ -128,7 +128,7 @@ void Cloud::Leave() {
     client.thread.join();
     close(client.socket);
   }
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_leaving = false;
 }
 
@@ -140,7 +140,7 @@ void Cloud::_Accept() {
                              ? -1
                              : accept4(secure ? m_secure : m_plain, nullptr, nullptr, SOCK_CLOEXEC);
       if (socket >= 0) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CLock lock(m_mutex);
         m_clients.push_back({socket, std::thread(&Cloud::_Serve, this, socket, secure)});
       }
     }
@@ -166,10 +166,10 @@ bool Cloud::_Answer(HttpConnection& connection, const HttpRequest& request) {
   std::string text;
   Delivery delivery;
   {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     (query ? m_queries : m_downloads).push_back(request);
-    m_changed.notify_all();
-    if (m_faults.silent && !_WaitForRelease(lock)) return false;
+    m_changed.NotifyAll();
+    if (m_faults.silent && !_WaitForRelease()) return false;
     if (query) {
       text = m_faults.answer ? *m_faults.answer : _QueryAnswer(request);
       text.insert(0, Head(m_faults.answerStatus, text.size(), "Content-Type: application/json\r\n"));
@@ -180,7 +180,6 @@ bool Cloud::_Answer(HttpConnection& connection, const HttpRequest& request) {
   return query ? connection.Write(text) : _Deliver(connection, delivery);
 }
 
-/// Caller holds m_mutex.
 std::string Cloud::_QueryAnswer(const HttpRequest& request) const {
   Json::Value asked;
   std::istringstream body(request.body);
@@ -203,7 +202,6 @@ std::string Cloud::_QueryAnswer(const HttpRequest& request) const {
   return answer.toStyledString();
 }
 
-/// Caller holds m_mutex.
 Cloud::Delivery Cloud::_Plan(const HttpRequest& request) {
   Delivery delivery;
   if (m_faults.refusals > 0) {
@@ -260,13 +258,13 @@ bool Cloud::_Deliver(HttpConnection& connection, const Delivery& delivery) {
     for (const auto& stop : {delivery.breakAfter, delivery.holdAfter}) {
       if (stop && *stop > sent) count = std::min(count, *stop - sent);
     }
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (delivery.holdAfter == sent && !_WaitForRelease(lock)) return false;
+    CLock lock(m_mutex);
+    if (delivery.holdAfter == sent && !_WaitForRelease()) return false;
     if (delivery.bytesPerSecond > 0) {
-      m_changed.wait_for(lock, std::chrono::microseconds(count * 1000000 / delivery.bytesPerSecond),
-                         [this] { return m_leaving; });
+      m_changed.WaitFor(m_mutex, std::chrono::microseconds(count * 1000000 / delivery.bytesPerSecond),
+                        [this]() REQUIRES(m_mutex) { return m_leaving; });
     }
-    lock.unlock();
+    lock.Unlock();
     std::string data(count, '\0');
     if (!file.read(data.data(), static_cast<std::streamsize>(count)) || !connection.Write(data)) {
       return false;
@@ -277,17 +275,18 @@ bool Cloud::_Deliver(HttpConnection& connection, const Delivery& delivery) {
 }
 
 /// False when the backend leaves.
-bool Cloud::_WaitForRelease(std::unique_lock<std::mutex>& lock) {
+bool Cloud::_WaitForRelease() {
   ++m_held;
-  m_changed.notify_all();
-  m_changed.wait(lock, [this, before = m_releases] { return m_releases != before || m_leaving; });
+  m_changed.NotifyAll();
+  m_changed.Wait(
+      m_mutex, [this, before = m_releases]() REQUIRES(m_mutex) { return m_releases != before || m_leaving; });
   --m_held;
   return !m_leaving;
 }
 
 void Cloud::Offer(const Package& package) {
   ReplaceFile(package.path);
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_offer = Json::objectValue;
   m_offer["softVersion"] = package.softVersion;
   m_offer["fileName"] = package.name;
@@ -297,23 +296,23 @@ void Cloud::Offer(const Package& package) {
 }
 
 void Cloud::EditOffer(const std::function<void(Json::Value& data)>& edit) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   edit(m_offer);
 }
 
 void Cloud::ReplaceFile(const std::string& path) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_file = path;
   ++m_edition;
 }
 
 std::vector<HttpRequest> Cloud::Queries() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_queries;
 }
 
 std::vector<HttpRequest> Cloud::Downloads() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_downloads;
 }
 
@@ -326,11 +325,11 @@ std::vector<std::uint64_t> Cloud::Starts() const {
 }
 
 bool Cloud::WaitForQuery(Milliseconds timeout, std::size_t nth) const {
-  return _WaitFor(m_queries, timeout, nth);
+  return _WaitFor(&Cloud::m_queries, timeout, nth);
 }
 
 bool Cloud::WaitForDownload(Milliseconds timeout, std::size_t nth) const {
-  return _WaitFor(m_downloads, timeout, nth);
+  return _WaitFor(&Cloud::m_downloads, timeout, nth);
 }
 
 bool Cloud::WaitForLookUp(Milliseconds timeout) const {
@@ -338,66 +337,66 @@ bool Cloud::WaitForLookUp(Milliseconds timeout) const {
   return poll(&question, 1, static_cast<int>(timeout.count())) == 1;
 }
 
-bool Cloud::_WaitFor(const std::vector<HttpRequest>& requests, Milliseconds timeout, std::size_t nth) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, timeout, [&] { return requests.size() >= nth; });
+bool Cloud::_WaitFor(std::vector<HttpRequest> Cloud::*requests, Milliseconds timeout, std::size_t nth) const {
+  const CLock lock(m_mutex);
+  return m_changed.WaitFor(m_mutex, timeout, [&] { return (this->*requests).size() >= nth; });
 }
 
 bool Cloud::WaitForHeld(Milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, timeout, [this] { return m_held > 0; });
+  const CLock lock(m_mutex);
+  return m_changed.WaitFor(m_mutex, timeout, [this]() REQUIRES(m_mutex) { return m_held > 0; });
 }
 
 void Cloud::BreakAfter(std::uint64_t bytes, std::size_t times) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.breakAfter = bytes;
   m_faults.breaks = times;
 }
 
 void Cloud::HoldAfter(std::uint64_t bytes) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.holdAfter = bytes;
 }
 
 void Cloud::HoldAnswers() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.silent = true;
 }
 
 void Cloud::Release() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.holdAfter.reset();
   m_faults.silent = false;
   ++m_releases;
-  m_changed.notify_all();
+  m_changed.NotifyAll();
 }
 
 void Cloud::Limit(std::uint64_t bytesPerSecond) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.bytesPerSecond = bytesPerSecond;
 }
 
 void Cloud::RefuseDownload(int status, const std::string& headers, std::size_t times) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.refusal = status;
   m_faults.refusalHeaders = headers;
   m_faults.refusals = times;
 }
 
 void Cloud::IgnoreRanges() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.noRanges = true;
 }
 
 void Cloud::AnswerQueries(const std::string& text, int status) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults.answer = text;
   m_faults.answerStatus = status;
 }
 
 void Cloud::Behave() {
   Release();
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_faults = {};
 }
 

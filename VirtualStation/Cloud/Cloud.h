@@ -9,11 +9,9 @@
 #include <json/json.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -22,6 +20,9 @@
 #include "VirtualStation/Cloud/CloudTls.h"
 #include "VirtualStation/Cloud/HttpConnection.h"
 #include "VirtualStation/PackageBuilder.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -120,11 +121,11 @@ class Cloud {
   void _Accept();
   void _Serve(int socket, bool secure);
   bool _Answer(HttpConnection& connection, const HttpRequest& request);
-  std::string _QueryAnswer(const HttpRequest& request) const;
-  Delivery _Plan(const HttpRequest& request);
+  std::string _QueryAnswer(const HttpRequest& request) const REQUIRES(m_mutex);
+  Delivery _Plan(const HttpRequest& request) REQUIRES(m_mutex);
   bool _Deliver(HttpConnection& connection, const Delivery& delivery);
-  bool _WaitForRelease(std::unique_lock<std::mutex>& lock);
-  bool _WaitFor(const std::vector<HttpRequest>& requests, Milliseconds timeout, std::size_t nth) const;
+  bool _WaitForRelease() REQUIRES(m_mutex);
+  bool _WaitFor(std::vector<HttpRequest> Cloud::*requests, Milliseconds timeout, std::size_t nth) const;
 
   const CloudTls m_tls;
   int m_nameServer;                 ///< hears every question and answers none
@@ -132,16 +133,18 @@ class Cloud {
   int m_plain = -1, m_secure = -1;  ///< listening sockets
   std::thread m_accept;             ///< runs while the backend is there
 
-  mutable std::mutex m_mutex;  ///< guards all below
-  mutable std::condition_variable m_changed;
-  std::list<Client> m_clients;
-  bool m_leaving = false;
-  std::vector<HttpRequest> m_queries, m_downloads;
-  Json::Value m_offer;  ///< null: there is no package
-  std::string m_file;
-  int m_edition = 0;  ///< of the file: its entity tag
-  std::size_t m_held = 0, m_releases = 0;
-  Faults m_faults;
+  mutable CMutex m_mutex;
+  mutable CCondition m_changed;
+  std::list<Client> m_clients GUARDED_BY(m_mutex);
+  bool m_leaving GUARDED_BY(m_mutex) = false;
+  std::vector<HttpRequest> m_queries GUARDED_BY(m_mutex);
+  std::vector<HttpRequest> m_downloads GUARDED_BY(m_mutex);
+  Json::Value m_offer GUARDED_BY(m_mutex);  ///< null: there is no package
+  std::string m_file GUARDED_BY(m_mutex);
+  int m_edition GUARDED_BY(m_mutex) = 0;  ///< of the file: its entity tag
+  std::size_t m_held GUARDED_BY(m_mutex) = 0;
+  std::size_t m_releases GUARDED_BY(m_mutex) = 0;
+  Faults m_faults GUARDED_BY(m_mutex);
 };
 
 }  // namespace station

@@ -1,4 +1,4 @@
-/// See CloudTls.h.
+/// Makes the authority and the certificates with OpenSSL, anew for each station.
 #include "VirtualStation/Cloud/CloudTls.h"
 
 #include <openssl/pem.h>

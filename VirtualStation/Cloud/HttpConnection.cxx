@@ -1,4 +1,4 @@
-/// See HttpConnection.h.
+/// Reads requests and writes bytes, in the clear or through OpenSSL.
 #include "VirtualStation/Cloud/HttpConnection.h"
 
 #include <sys/socket.h>

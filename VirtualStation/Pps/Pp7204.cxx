@@ -1,6 +1,6 @@
-/// See Pp7204.h. Of the requests it knows the version's alone. Its storage is watched through the mount
-/// table: when the host has let go of it, the part looks for a file "*_S<a>.<b>.<c>.<d>*.ota" that it does
-/// not run yet.
+/// A part that is upgraded through its storage. Of the requests it knows the version's alone. Its storage is
+/// watched through the mount table: when the host has let go of it, the part looks for a file
+/// "*_S<a>.<b>.<c>.<d>*.ota" that it does not run yet.
 #include "VirtualStation/Pps/Pp7204.h"
 
 #include <fcntl.h>
@@ -57,7 +57,7 @@ Pp7204::Pp7204(PpVersions versions, const std::vector<Fault>& faults, PpNodes no
       m_versions(std::move(versions)),
       m_stop(eventfd(0, EFD_CLOEXEC)),
       m_line(m_nodes.serial, Line::kUsb, [this](const Bytes& bytes) { _Receive(bytes); }) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   _Appear();
   m_watch = std::thread(&Pp7204::_Watch, this);
 }
@@ -70,13 +70,13 @@ Pp7204::~Pp7204() {
 }
 
 void Pp7204::Plug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_inSocket = true;
   _Appear();
 }
 
 void Pp7204::Unplug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_inSocket = false;
   _Vanish();
 }
@@ -103,27 +103,27 @@ void Pp7204::_Vanish() {
 }
 
 void Pp7204::ReportReady() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_voice.ReportReady();
 }
 
 PpVersions Pp7204::Versions() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_versions;
 }
 
 std::string Pp7204::Firmware() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_firmware;
 }
 
 bool Pp7204::WaitForRestart(std::chrono::milliseconds timeout, int count) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  return m_restarted.wait_for(lock, timeout, [&] { return m_restarts >= count; });
+  const CLock lock(m_mutex);
+  return m_restarted.WaitFor(m_mutex, timeout, [&]() REQUIRES(m_mutex) { return m_restarts >= count; });
 }
 
 void Pp7204::_Receive(const Bytes& bytes) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   const auto heard = static_cast<std::ptrdiff_t>(m_conduct.Hear(bytes.size()));
   m_input.insert(m_input.end(), bytes.begin(), bytes.begin() + heard);
   while (const std::optional<SerialFrame> request = TakeRequest(m_input)) {
@@ -139,10 +139,10 @@ void Pp7204::_Watch() {
   bool mounted = false;
   while (fds[0].revents == 0) {
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
+      const CLock lock(m_mutex);
       const bool before = std::exchange(mounted, m_disk && !m_disk->MountPoints().empty());
       if (before && !mounted && m_disk) {
-        _LookForFirmware(lock);
+        _LookForFirmware();
       }
     }
     while (poll(fds, 2, -1) < 0 && errno == EINTR) {
@@ -151,7 +151,7 @@ void Pp7204::_Watch() {
   close(mounts);
 }
 
-void Pp7204::_LookForFirmware(std::unique_lock<std::mutex>& lock) {
+void Pp7204::_LookForFirmware() {
   const std::string hidden = std::string(kStationDir) + "/pp7204";
   m_disk->MakeNode(hidden + ".node");
   if (!m_disk->Mount(hidden + ".node", hidden)) {
@@ -175,26 +175,25 @@ void Pp7204::_LookForFirmware(std::unique_lock<std::mutex>& lock) {
       m_inSocket = false;
       _Vanish();
     } else {
-      _Restart(lock, name, content, faults->count(FaultKind::Refuse) == 0);
+      _Restart(name, content, faults->count(FaultKind::Refuse) == 0);
     }
   }
 }
 
-void Pp7204::_Restart(std::unique_lock<std::mutex>& lock, const std::string& name, const std::string& content,
-                      bool takesIt) {
+void Pp7204::_Restart(const std::string& name, const std::string& content, bool takesIt) {
   _Vanish();
   if (takesIt) {
     m_versions.software = *VersionIn(name);
     m_firmware = content;
   }
   pollfd stop = {m_stop, POLLIN, 0};
-  lock.unlock();
+  m_mutex.Unlock();
   const bool stopped = poll(&stop, 1, static_cast<int>(kRestartTime.count())) != 0;
-  lock.lock();
+  m_mutex.Lock();
   if (!stopped && m_inSocket) {
     _Appear();
     ++m_restarts;
-    m_restarted.notify_all();
+    m_restarted.NotifyAll();
   }
 }
 

@@ -3,15 +3,16 @@
 /// and scenarios.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "VirtualStation/Disk.h"
 #include "VirtualStation/Pps/PpFrames.h"
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -46,23 +47,23 @@ class Pp7204 {
  private:
   void _Receive(const Bytes& bytes);
   void _Watch();
-  void _Appear();
-  void _Vanish();
-  void _LookForFirmware(std::unique_lock<std::mutex>& lock);
-  void _Restart(std::unique_lock<std::mutex>& lock, const std::string& name, const std::string& content,
-                bool takesIt);
+  void _Appear() REQUIRES(m_mutex);
+  void _Vanish() REQUIRES(m_mutex);
+  void _LookForFirmware() REQUIRES(m_mutex);
+  /// Gives the mutex up while the part is away.
+  void _Restart(const std::string& name, const std::string& content, bool takesIt) REQUIRES(m_mutex);
 
   const PpNodes m_nodes;
   Conduct m_conduct;
   PpVoice m_voice;
-  mutable std::mutex m_mutex;  ///< guards the state below and the voice
-  mutable std::condition_variable m_restarted;
-  PpVersions m_versions;
-  Bytes m_input;
-  bool m_inSocket = true;
-  std::unique_ptr<Disk> m_disk;  ///< none while it is off the bus
-  std::string m_firmware;
-  int m_restarts = 0;
+  mutable CMutex m_mutex;  ///< also for the voice
+  mutable CCondition m_restarted;
+  PpVersions m_versions GUARDED_BY(m_mutex);
+  Bytes m_input GUARDED_BY(m_mutex);
+  bool m_inSocket GUARDED_BY(m_mutex) = true;
+  std::unique_ptr<Disk> m_disk GUARDED_BY(m_mutex);  ///< none while it is off the bus
+  std::string m_firmware GUARDED_BY(m_mutex);
+  int m_restarts GUARDED_BY(m_mutex) = 0;
   int m_stop;  ///< eventfd
   Line m_line;
   std::thread m_watch;  ///< last: it uses the rest

@@ -1,13 +1,13 @@
-/// See Pp7308.h. The exchange, frames as in PpFrames.h:
+/// A part that is upgraded over its line. The exchange, frames as in PpFrames.h:
 ///
 ///   101 version
 ///   102 start                         from now on it takes firmware
 ///   103 01, image size (4 bytes, low byte first), version (four numbers), length and text of the file name
 ///   104 packet number (from 1, wraps), up to 1024 bytes of the image; only the last packet is shorter
 ///   105 done                          it runs the new application, without leaving the bus
-///   1A0 radio                         from now on it is a USB bridge to its radio module, with the speed
-///   that
-///                                     the host sets; the module boots once that is the boot ROM's
+///   1A0 radio                         from now on it is a USB bridge to its radio module, with the
+///                                     speed that the host sets; the module boots once that is the boot
+///                                     ROM's
 ///   1A2 result, 0 when all went well  the radio runs its new firmware
 ///
 /// A host that sets the part's own speed again is done with the module. While it is the bridge, the part
@@ -44,7 +44,7 @@ Pp7308::Pp7308(const std::string& device, PpVersions versions, const std::vector
           device, Line::kUsb, [this](const Bytes& bytes) { _Receive(bytes); }, [this] { _BootRadio(); }) {}
 
 void Pp7308::Plug() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_mode = Mode::Normal;
   m_input.clear();
   m_radio.Hold();
@@ -52,32 +52,32 @@ void Pp7308::Plug() {
 }
 
 void Pp7308::ReportReady() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   m_voice.ReportReady();
 }
 
 PpVersions Pp7308::Versions() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_versions;
 }
 
 Bytes Pp7308::Application() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_application;
 }
 
 std::string Pp7308::FileName() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_fileName;
 }
 
 Bytes Pp7308::RadioResult() const {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   return m_radioResult;
 }
 
 void Pp7308::_Receive(const Bytes& bytes) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (_PassThrough(bytes)) {
     return;
   }
@@ -107,7 +107,7 @@ bool Pp7308::_PassThrough(const Bytes& bytes) {
 
 /// On the timer, while the host has not set the speed of the boot ROM.
 void Pp7308::_BootRadio() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const CLock lock(m_mutex);
   if (m_mode != Mode::RadioWaits) {
     return;
   }

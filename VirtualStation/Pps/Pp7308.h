@@ -3,12 +3,13 @@
 /// what it holds. The exchange is told in the source file.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "VirtualStation/Chips/RtxCore.h"
 #include "VirtualStation/Pps/PpFrames.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace station {
 
@@ -39,25 +40,26 @@ class Pp7308 {
 
   void _Receive(const Bytes& bytes);
   void _BootRadio();
-  bool _PassThrough(const Bytes& bytes);
-  void _Dispatch(const SerialFrame& request);
-  bool _TakeFirmwareInfo(const Bytes& data);
-  bool _TakePacket(const Bytes& data);
-  void _TakeRadioResult(const SerialFrame& request);
+  bool _PassThrough(const Bytes& bytes) REQUIRES(m_mutex);
+  void _Dispatch(const SerialFrame& request) REQUIRES(m_mutex);
+  bool _TakeFirmwareInfo(const Bytes& data) REQUIRES(m_mutex);
+  bool _TakePacket(const Bytes& data) REQUIRES(m_mutex);
+  void _TakeRadioResult(const SerialFrame& request) REQUIRES(m_mutex);
 
   Conduct m_conduct;
   RtxCore m_radio;
   PpVoice m_voice;
-  mutable std::mutex m_mutex;  ///< guards the state below and the voice
-  PpVersions m_versions;
-  Mode m_mode = Mode::Normal;
-  Bytes m_input;
-  PpVersions::Software m_newVersion = {};
-  std::size_t m_imageSize = 0;
-  Bytes m_image;
-  std::uint8_t m_nextPacket = 1;
-  Bytes m_application, m_radioResult;
-  std::string m_fileName;
+  mutable CMutex m_mutex;  ///< also for the voice
+  PpVersions m_versions GUARDED_BY(m_mutex);
+  Mode m_mode GUARDED_BY(m_mutex) = Mode::Normal;
+  Bytes m_input GUARDED_BY(m_mutex);
+  PpVersions::Software m_newVersion GUARDED_BY(m_mutex) = {};
+  std::size_t m_imageSize GUARDED_BY(m_mutex) = 0;
+  Bytes m_image GUARDED_BY(m_mutex);
+  std::uint8_t m_nextPacket GUARDED_BY(m_mutex) = 1;
+  Bytes m_application GUARDED_BY(m_mutex);
+  Bytes m_radioResult GUARDED_BY(m_mutex);
+  std::string m_fileName GUARDED_BY(m_mutex);
   Line m_line;  ///< last: it calls into the rest
 };
 

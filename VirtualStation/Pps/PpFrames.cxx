@@ -1,6 +1,6 @@
-/// See PpFrames.h. Requests carry protocol 01, project 90, device 31 (the base station's model, and its half
-/// of it); a part's frames its own model number. An answer repeats the request's sequence number; its data is
-/// one byte, 0 for yes, but for the version:
+/// What the parts' frames carry. Requests carry protocol 01, project 90, device 31 (the base station's model,
+/// and its half of it); a part's frames its own model number. An answer repeats the request's sequence
+/// number; its data is one byte, 0 for yes, but for the version:
 ///
 ///   four numbers, length and text of the hardware version, length and text of the radio's version
 ///

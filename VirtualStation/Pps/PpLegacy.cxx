@@ -1,5 +1,5 @@
-/// See PpLegacy.h. A frame: BB (host) or AA (part), DD, command, length of the data (low byte first), data,
-/// XOR of all bytes before it. The one command, in either direction:
+/// Answers the one legacy request. A frame: BB (host) or AA (part), DD, command, length of the data (low byte
+/// first), data, XOR of all bytes before it. The one command, in either direction:
 ///
 ///   B1 version                        no data
 ///   <- radio on (1) or off (0), then model, software, hardware and radio version, each with its length

@@ -2,7 +2,6 @@
 /// tests and scenarios.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 

@@ -1,4 +1,4 @@
-/// See PpPackage.h.
+/// Makes the firmware files and puts them where the base station keeps them.
 #include "VirtualStation/Pps/PpPackage.h"
 
 #include <json/json.h>

@@ -11,9 +11,10 @@
 
 #include <cerrno>
 #include <csignal>
-#include <mutex>
 
 #include "BSW/BasicFun/UniqueFd.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ constexpr int kCannotExec = 127;
 class ChildSignalHold {
  public:
   ChildSignalHold() {
-    const std::lock_guard<std::mutex> lock(s_mutex);
+    const CLock lock(s_mutex);
     if (s_holders == 0) {
       struct sigaction standard {};
       standard.sa_handler = SIG_DFL;
@@ -38,7 +39,7 @@ class ChildSignalHold {
   }
   ~ChildSignalHold() {
     if (m_error != 0) return;
-    const std::lock_guard<std::mutex> lock(s_mutex);
+    const CLock lock(s_mutex);
     if (--s_holders == 0) sigaction(SIGCHLD, &s_found, nullptr);
   }
   ChildSignalHold(const ChildSignalHold&) = delete;
@@ -48,9 +49,9 @@ class ChildSignalHold {
   int Error() const { return m_error; }
 
  private:
-  inline static std::mutex s_mutex;  ///< guards the two below
-  inline static int s_holders = 0;
-  inline static struct sigaction s_found {};
+  inline static CMutex s_mutex;
+  inline static int s_holders GUARDED_BY(s_mutex) = 0;
+  inline static struct sigaction s_found GUARDED_BY(s_mutex) {};
   int m_error = 0;
 };
 

@@ -15,7 +15,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -26,6 +25,7 @@
 namespace {
 
 constexpr int kQueryMs = 20;
+constexpr std::chrono::milliseconds kQueryTime(kQueryMs);
 constexpr uint32_t kClosedPauseMs = 10;
 /// How long a message may take to reach a bus that does not read; later it is written by the receive thread.
 constexpr uint32_t kFlushMs = 1000;
@@ -104,7 +104,7 @@ bool CDbusHandler::Init(const char* busName) {
   ConnectionPtr connection = _Connect();
   if (connection) _RequestName(connection.get(), busName);
   {
-    const std::lock_guard<CMutex> lock(m_Mutex);
+    const CLock lock(m_Mutex);
     m_dbusConn = std::move(connection);
   }
   return CreateThread(0);
@@ -112,10 +112,10 @@ bool CDbusHandler::Init(const char* busName) {
 
 bool CDbusHandler::CleanUp() {
   if (!DestroyThread(true, true) || HasCrashed()) return false;
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   if (m_dbusConn) dbus_connection_remove_filter(m_dbusConn.get(), &CDbusHandler::_Receive, this);
   m_dbusConn.reset();
-  const std::lock_guard<std::mutex> receiveLock(m_receiveMutex);
+  const CLock receiveLock(m_receiveMutex);
   m_queReceived.clear();
   return true;
 }
@@ -150,7 +150,7 @@ bool CDbusHandler::RegisteredServices(const char* path, const char* interface, c
          reinterpret_cast<const void*>(callback));
     return false;
   }
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   if (listenSignals) _AddMatch(interface, member);
   m_VcDbusServices.push_back({path, interface, member, callback});
   return true;
@@ -162,7 +162,7 @@ bool CDbusHandler::UnRegisteredServices(const char* path, const char* interface,
          Address(interface), Address(member));
     return false;
   }
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   const auto end =
       std::remove_if(m_VcDbusServices.begin(), m_VcDbusServices.end(), [&](const DBUS_SERVICES& service) {
         return SameText(service.pstrObjectName, path) && SameText(service.pstrInterface, interface) &&
@@ -174,7 +174,7 @@ bool CDbusHandler::UnRegisteredServices(const char* path, const char* interface,
 }
 
 void CDbusHandler::SignalListen(const char* interface, const char* member) {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   _AddMatch(interface, member);
 }
 
@@ -204,7 +204,7 @@ bool CDbusHandler::SignalSend(const char* path, const char* interface, const cha
     return false;
   }
   {
-    const std::lock_guard<CMutex> lock(m_Mutex);
+    const CLock lock(m_Mutex);
     const MessagePtr message(dbus_message_new_signal(path, interface, member));
     if (!message) {
       LOGE("dbus_message_new_signal Error!");
@@ -228,7 +228,7 @@ bool CDbusHandler::MethodSend(const char* destination, const char* path, const c
   const ConnectionPtr connection = _Connection();
   if (!CanSend(__func__, connection.get(), value)) return false;
   if (!HasMethodNames(__func__, destination, path, interface, member, value)) return false;
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   const MessagePtr message = _NewMethodCall(destination, path, interface, member, value);
   if (!message) return false;
   dbus_message_set_no_reply(message.get(), TRUE);
@@ -245,68 +245,52 @@ bool CDbusHandler::MethodSendGetReply(const char* destination, const char* path,
   if (!HasMethodNames(__func__, destination, path, interface, member, value)) return false;
   dbus_uint32_t serial = 0;
   {
-    const std::lock_guard<CMutex> lock(m_Mutex);
+    const CLock lock(m_Mutex);
     const MessagePtr message = _NewMethodCall(destination, path, interface, member, value);
     if (!message) return false;
     // Held over the send: the answer may come in before anybody looks for it.
-    const std::lock_guard<std::mutex> receiveLock(m_receiveMutex);
+    const CLock receiveLock(m_receiveMutex);
     if (dbus_connection_send(connection.get(), message.get(), &serial) == 0) {
       LOGE("dbus_connection_send: Out of Memory!");
       return false;
     }
-    m_mapAnswer.emplace(serial, Answer());
+    m_mapReply.emplace(serial, nullptr);
   }
-  Answer answer = _AwaitAnswer(connection.get(), serial, timeoutMs);
-  if (!answer.errorName.empty()) {
-    LOGE("Error %s: %s! SendMsg: %s ", answer.errorName.c_str(), answer.errorText.c_str(), value.c_str());
+  const MessagePtr answer = _AwaitReply(connection.get(), serial, timeoutMs);
+  BusError error;
+  if (!answer) {
+    dbus_set_error_const(error.Get(), DBUS_ERROR_NO_REPLY, "none came");
+  } else {
+    dbus_set_error_from_message(error.Get(), answer.get());
+  }
+  if (error.IsSet()) {
+    LOGE("Error %s: %s! SendMsg: %s ", error.Name(), error.Text(), value.c_str());
     return false;
   }
-  if (answer.argument == FirstArgument::None) LOGE("Message has no arguments!");
-  if (answer.argument == FirstArgument::OtherType) LOGE("Argument is not string!");
-  if (answer.argument == FirstArgument::Text) reply = std::move(answer.text);
+  const FirstArgument argument = _ReadText(answer.get(), reply);
+  if (argument == FirstArgument::None) LOGE("Message has no arguments!");
+  if (argument == FirstArgument::OtherType) LOGE("Argument is not string!");
   return true;
 }
 
-CDbusHandler::Answer CDbusHandler::_AwaitAnswer(DBusConnection* connection, dbus_uint32_t serial,
-                                                int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  std::unique_lock<std::mutex> lock(m_receiveMutex);
-  Answer& answer = m_mapAnswer.at(serial);
-  const auto giveUp = [&answer](const char* errorName, const char* errorText) {
-    answer.complete = true;
-    answer.errorName = errorName;
-    answer.errorText = errorText;
-  };
-  while (!answer.complete) {
-    if (dbus_connection_get_is_connected(connection) == 0) {
-      giveUp(DBUS_ERROR_DISCONNECTED, "the connection is closed");
-    } else if (std::chrono::steady_clock::now() >= deadline) {
-      giveUp(DBUS_ERROR_NO_REPLY, "no reply in time");
-    } else if (StopRequested()) {
-      giveUp(DBUS_ERROR_NO_REPLY, "the waiting thread is stopped");
-    } else {
-      _AwaitMessages(connection, answer, lock);
-    }
-  }
-  Answer taken = std::move(answer);
-  m_mapAnswer.erase(serial);
-  return taken;
-}
-
-void CDbusHandler::_AwaitMessages(DBusConnection* connection, const Answer& answer,
-                                  std::unique_lock<std::mutex>& lock) {
+CDbusHandler::MessagePtr CDbusHandler::_AwaitReply(DBusConnection* connection, dbus_uint32_t serial,
+                                                   int timeoutMs) {
   const bool onReceiveThread = std::this_thread::get_id() == m_receiveThread.load();
-  if (!onReceiveThread) {
-    m_answerCond.wait_for(lock, std::chrono::milliseconds(kQueryMs));
-    if (answer.complete) return;
+  const auto deadline = CCondition::Clock::now() + std::chrono::milliseconds(timeoutMs);
+  const CLock lock(m_receiveMutex);
+  const MessagePtr& reply = m_mapReply.at(serial);
+  while (!reply && !StopRequested() && CCondition::Clock::now() < deadline &&
+         dbus_connection_get_is_connected(connection) != 0) {
+    if (!onReceiveThread) m_replyCond.WaitFor(m_receiveMutex, kQueryTime, [&] { return reply != nullptr; });
+    if (reply) break;
+    // Nobody reads now: we are the receive thread in a callback, or it is busy with one.
+    m_receiveMutex.Unlock();
+    dbus_connection_read_write_dispatch(connection, onReceiveThread ? kQueryMs : 0);
+    while (dbus_connection_dispatch(connection) == DBUS_DISPATCH_DATA_REMAINS) {
+    }
+    m_receiveMutex.Lock();
   }
-  // Else nobody reads now: we are the receive thread in a callback, or it is busy with one.
-  lock.unlock();
-  dbus_connection_read_write_dispatch(connection, onReceiveThread ? kQueryMs : 0);
-  while (dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_DATA_REMAINS) {
-    dbus_connection_dispatch(connection);
-  }
-  lock.lock();
+  return std::move(m_mapReply.extract(serial).mapped());
 }
 
 CDbusHandler::MessagePtr CDbusHandler::_NewMethodCall(const char* destination, const char* path,
@@ -325,7 +309,7 @@ CDbusHandler::MessagePtr CDbusHandler::_NewMethodCall(const char* destination, c
 }
 
 CDbusHandler::ConnectionPtr CDbusHandler::_Connection() {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   return ConnectionPtr(m_dbusConn ? dbus_connection_ref(m_dbusConn.get()) : nullptr);
 }
 
@@ -345,34 +329,27 @@ void CDbusHandler::ThreadProc() {
 }
 
 std::vector<DBUS_SERVICES> CDbusHandler::_Services() {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   return m_VcDbusServices;
 }
 
 bool CDbusHandler::QueryMessage(int timeoutMs) {
-  return m_dbusConn && dbus_connection_read_write_dispatch(m_dbusConn.get(), timeoutMs) != 0;
+  const ConnectionPtr connection = _Connection();
+  return connection && dbus_connection_read_write_dispatch(connection.get(), timeoutMs) != 0;
 }
 
 DBusHandlerResult CDbusHandler::_Receive(DBusConnection* /*connection*/, DBusMessage* message, void* self) {
   auto* const handler = static_cast<CDbusHandler*>(self);
   const int type = dbus_message_get_type(message);
-  const std::lock_guard<std::mutex> lock(handler->m_receiveMutex);
+  const CLock lock(handler->m_receiveMutex);
   if (type == DBUS_MESSAGE_TYPE_METHOD_CALL || type == DBUS_MESSAGE_TYPE_SIGNAL) {
     handler->m_queReceived.emplace_back(dbus_message_ref(message));
     return DBUS_HANDLER_RESULT_HANDLED;
   }
-  const auto waiting = handler->m_mapAnswer.find(dbus_message_get_reply_serial(message));
-  if (waiting == handler->m_mapAnswer.end()) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-  Answer& answer = waiting->second;
-  BusError error;
-  if (dbus_set_error_from_message(error.Get(), message) != 0) {
-    answer.errorName = error.Name();
-    answer.errorText = error.Text();
-  } else {
-    answer.argument = _ReadText(message, answer.text);
-  }
-  answer.complete = true;
-  handler->m_answerCond.notify_all();
+  const auto waiting = handler->m_mapReply.find(dbus_message_get_reply_serial(message));
+  if (waiting == handler->m_mapReply.end()) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+  waiting->second.reset(dbus_message_ref(message));
+  handler->m_replyCond.NotifyAll();
   return DBUS_HANDLER_RESULT_HANDLED;
 }
 
@@ -387,12 +364,12 @@ CDbusHandler::FirstArgument CDbusHandler::_ReadText(DBusMessage* message, std::s
 }
 
 bool CDbusHandler::_HasReceived() {
-  const std::lock_guard<std::mutex> lock(m_receiveMutex);
+  const CLock lock(m_receiveMutex);
   return !m_queReceived.empty();
 }
 
 CDbusHandler::MessagePtr CDbusHandler::_TakeReceived() {
-  const std::lock_guard<std::mutex> lock(m_receiveMutex);
+  const CLock lock(m_receiveMutex);
   if (m_queReceived.empty()) return nullptr;
   MessagePtr message = std::move(m_queReceived.front());
   m_queReceived.pop_front();
@@ -400,7 +377,7 @@ CDbusHandler::MessagePtr CDbusHandler::_TakeReceived() {
 }
 
 bool CDbusHandler::HandleMessage(const std::vector<DBUS_SERVICES>& services, size_t count) {
-  if (!m_dbusConn) {
+  if (!_Connection()) {
     std::printf("m_dbusConn not vaild!");
     return false;
   }
@@ -440,15 +417,16 @@ bool CDbusHandler::_HandleSignal(const DBUS_SERVICES& service, DBusMessage* sign
 
 void CDbusHandler::_Reply(DBusMessage* call, const std::string& text) {
   if (dbus_message_get_no_reply(call) != 0) return;
-  if (!CanSend("HandleMessage", m_dbusConn.get(), text)) return;
+  const ConnectionPtr connection = _Connection();
+  if (!CanSend("HandleMessage", connection.get(), text)) return;
   {
-    const std::lock_guard<CMutex> lock(m_Mutex);
+    const CLock lock(m_Mutex);
     const MessagePtr reply(dbus_message_new_method_return(call));
     if (!reply || !AppendText(reply.get(), text.c_str()) ||
-        dbus_connection_send(m_dbusConn.get(), reply.get(), nullptr) == 0) {
+        dbus_connection_send(connection.get(), reply.get(), nullptr) == 0) {
       LOGE("Out Of Memory!");
       return;
     }
   }
-  Flush(m_dbusConn.get());
+  Flush(connection.get());
 }

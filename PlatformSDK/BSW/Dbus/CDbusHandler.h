@@ -5,19 +5,19 @@
 #include <dbus/dbus.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "BSW/MultiTask/CSingleton.h"
 #include "BSW/MultiTask/CThread.h"
+#include "common/Condition.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// Gets the message's string and gives the reply, which a signal's sender never sees. Runs on the receive
 /// thread, one message at a time, without any lock held: it may send and register, and it delays all later
@@ -50,19 +50,19 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   /// Removes the matching services; a callback of theirs that runs already is not waited for. False when
   /// there was none or an argument is null.
   bool UnRegisteredServices(const char* path, const char* interface, const char* member);
-  /// Adds the match rule for a signal, as RegisteredServices does.
+  /// Adds the match rule for a signal, as RegisteredServices does. No caller yet.
   void SignalListen(const char* interface, const char* member);
 
   /// Sends one signal and flushes it. Any thread. False when a name is null, the value no UTF-8, or nothing
   /// connected.
   bool SignalSend(const char* path, const char* interface, const char* member, const char* value);
   /// Sends a method call and waits for nothing; the callee is told that no reply is wanted. Fails like
-  /// SignalSend.
+  /// SignalSend. No caller yet.
   bool MethodSend(const char* destination, const char* path, const char* interface, const char* member,
                   const std::string& value);
   /// Sends a method call and waits at most `timeoutMs` for its reply; other threads send and receive
   /// meanwhile. The reply's first argument goes into `reply` if it is a string. False on a bus error, on a
-  /// time-out, and when the calling thread is stopped.
+  /// time-out, and when the calling thread is stopped. No caller yet.
   bool MethodSendGetReply(const char* destination, const char* path, const char* interface,
                           const char* member, const std::string& value, std::string& reply, int timeoutMs);
 
@@ -79,14 +79,6 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   using ConnectionPtr = std::unique_ptr<DBusConnection, Unref>;
 
   enum class FirstArgument { Text, None, OtherType };
-  /// What became of a method call that waits: the reply's first argument, or an error.
-  struct Answer {
-    bool complete = false;
-    FirstArgument argument = FirstArgument::None;
-    std::string text;
-    std::string errorName;  ///< empty when there is none
-    std::string errorText;
-  };
 
   CDbusHandler();
 
@@ -95,8 +87,7 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   static void _RequestName(DBusConnection* connection, const char* busName);
   /// A reference of the caller's own; null when there is no connection.
   ConnectionPtr _Connection();
-  /// SignalListen with m_Mutex held.
-  void _AddMatch(const char* interface, const char* member);
+  void _AddMatch(const char* interface, const char* member) REQUIRES(m_Mutex);
 
   /// A copy of the services as they are now.
   std::vector<DBUS_SERVICES> _Services();
@@ -116,22 +107,20 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   /// The oldest received message; null when there is none.
   MessagePtr _TakeReceived();
   static FirstArgument _ReadText(DBusMessage* message, std::string& text);
-  /// The outcome of the call `serial` of m_mapAnswer, which is removed; an error of ours when nothing comes
-  /// in time.
-  Answer _AwaitAnswer(DBusConnection* connection, dbus_uint32_t serial, int timeoutMs);
-  /// Waits a short time, with m_receiveMutex released, for `answer` or whatever else comes in.
-  void _AwaitMessages(DBusConnection* connection, const Answer& answer, std::unique_lock<std::mutex>& lock);
+  /// The reply to the call `serial` of m_mapReply, which is removed; null when none comes in time.
+  MessagePtr _AwaitReply(DBusConnection* connection, dbus_uint32_t serial, int timeoutMs);
 
   /// A method call with its one string; null, logged, on failure.
   static MessagePtr _NewMethodCall(const char* destination, const char* path, const char* interface,
                                    const char* member, const std::string& value);
 
-  ConnectionPtr m_dbusConn;  ///< shared bus connection, from Init to CleanUp
-  CMutex m_Mutex;            ///< guards m_VcDbusServices and m_dbusConn, serialises all sends
-  std::vector<DBUS_SERVICES> m_VcDbusServices;
-  std::mutex m_receiveMutex;  ///< guards the two below; may be taken with m_Mutex held
-  std::deque<MessagePtr> m_queReceived;
-  std::map<dbus_uint32_t, Answer> m_mapAnswer;  ///< by the serials of the calls that wait
-  std::condition_variable m_answerCond;
+  ConnectionPtr m_dbusConn GUARDED_BY(m_Mutex);  ///< shared bus connection, from Init to CleanUp
+  CMutex m_Mutex;                                ///< also serialises all sends
+  std::vector<DBUS_SERVICES> m_VcDbusServices GUARDED_BY(m_Mutex);
+  CMutex m_receiveMutex;  ///< may be taken with m_Mutex held
+  std::deque<MessagePtr> m_queReceived GUARDED_BY(m_receiveMutex);
+  /// The replies to the calls that wait, by serial; null until they come.
+  std::map<dbus_uint32_t, MessagePtr> m_mapReply GUARDED_BY(m_receiveMutex);
+  CCondition m_replyCond;
   std::atomic<std::thread::id> m_receiveThread{};
 };

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/JsonUtils.h"
@@ -47,7 +46,7 @@ void DropOldest(std::vector<ErrorNumRecord>& records) {
 }  // namespace
 
 bool ErrorNum::Init(const std::string& productCode, const std::string& directory) {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   if (!XCreateFullPathDir(directory, kDirectoryMode)) {
     LOGE("error numbers are not kept, cannot make %s: %s", directory.c_str(), std::strerror(errno));
     return false;
@@ -67,13 +66,13 @@ bool ErrorNum::Init(const std::string& productCode, const std::string& directory
 }
 
 bool ErrorNum::CleanUp() {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   m_strRecordFile.clear();
   return true;
 }
 
 bool ErrorNum::Record(SubModType submodule, int code) {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   m_vecRecord.push_back({FormatText("%s-%d-%04X", m_strProductCode.c_str(), static_cast<int>(submodule),
                                     static_cast<unsigned>(code)),
                          system_clock::now()});
@@ -83,7 +82,7 @@ bool ErrorNum::Record(SubModType submodule, int code) {
 }
 
 std::vector<ErrorNumRecord> ErrorNum::Records() {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   return m_vecRecord;
 }
 

@@ -9,6 +9,7 @@
 
 #include "BSW/MultiTask/CSingleton.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// The device's parts as error numbers name them.
 enum SubModType {
@@ -45,11 +46,12 @@ class ErrorNum : public CSingleton<ErrorNum> {
   friend class CSingleton<ErrorNum>;
   ErrorNum() = default;
   ~ErrorNum() = default;
-  bool _Save();
+  bool _Save() REQUIRES(m_Mutex);
 
-  CMutex m_Mutex;  ///< guards all members below
-  std::string m_strProductCode;
-  std::string m_strRecordFile;  ///< empty before Init
-  std::vector<ErrorNumRecord> m_vecRecord;
-  size_t m_unsavedCount = 0;  ///< the newest records of the table, which are in no file yet
+  CMutex m_Mutex;
+  std::string m_strProductCode GUARDED_BY(m_Mutex);
+  std::string m_strRecordFile GUARDED_BY(m_Mutex);  ///< empty before Init
+  std::vector<ErrorNumRecord> m_vecRecord GUARDED_BY(m_Mutex);
+  size_t m_unsavedCount GUARDED_BY(m_Mutex) =
+      0;  ///< the newest records of the table, which are in no file yet
 };

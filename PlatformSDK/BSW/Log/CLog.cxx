@@ -3,17 +3,18 @@
 /// runner.
 #include "BSW/Log/CLog.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <iterator>
 #include <log4cpp/Category.hh>
 #include <log4cpp/OstreamAppender.hh>
 #include <log4cpp/PatternLayout.hh>
 #include <log4cpp/RollingFileAppender.hh>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -111,7 +112,7 @@ CLog::~CLog() {
 bool CLog::Init(const char* path, bool coutOn) {
   if (path == nullptr) return false;
   {
-    const std::lock_guard<CMutex> lock(m_Mutex);
+    const CLock lock(m_Mutex);
     if (m_bInited) return true;
     if (!XFilePathExists(path)) XCreateFullPathDir(path, kDirectoryMode);
     std::snprintf(m_strLogPath, sizeof(m_strLogPath), "%s", path);
@@ -131,14 +132,14 @@ bool CLog::Init(const char* path, bool coutOn) {
 bool CLog::CleanUp() {
   m_bInited = false;
   DestroyThread(true, true);
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   m_strQAppender = nullptr;
   log4cpp::Category::shutdown();
   return true;
 }
 
 void CLog::SetDebugLevel(int level) {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   _ApplyPriority(level);
 }
 
@@ -153,7 +154,7 @@ int CLog::Debug(LOG_E_LEVEL level, const char* fmt, ...) {
 int CLog::System(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  const int result = _Write(m_SystemCategory, Priority::INFO, fmt, args);
+  const int result = _Write(&m_SystemCategory, Priority::INFO, fmt, args);
   va_end(args);
   return result;
 }
@@ -161,7 +162,7 @@ int CLog::System(const char* fmt, ...) {
 int CLog::Access(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  const int result = _Write(m_AccessCategory, Priority::INFO, fmt, args);
+  const int result = _Write(&m_AccessCategory, Priority::INFO, fmt, args);
   va_end(args);
   return result;
 }
@@ -169,7 +170,7 @@ int CLog::Access(const char* fmt, ...) {
 int CLog::Alarm(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  const int result = _Write(m_AlarmCategory, Priority::INFO, fmt, args);
+  const int result = _Write(&m_AlarmCategory, Priority::INFO, fmt, args);
   va_end(args);
   return result;
 }
@@ -177,8 +178,7 @@ int CLog::Alarm(const char* fmt, ...) {
 int CLog::Module(MODULE_LOG m, const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  log4cpp::Category* const none = nullptr;
-  const int result = _Write(m < MODULE_LOG_SIZE ? m_ModuleCategory[m] : none, Priority::DEBUG, fmt, args);
+  const int result = _Write(m < MODULE_LOG_SIZE ? &m_ModuleCategory[m] : nullptr, Priority::DEBUG, fmt, args);
   va_end(args);
   return result;
 }
@@ -196,7 +196,7 @@ void CLog::Statement(LOG_E_LEVEL level, const char* file, int line, const char* 
   errno = callersErrno;
   _Debug(level, format.c_str(), args);
   errno = callersErrno;
-  _Write(m_SystemCategory, Priority::INFO, format.c_str(), argsForSystem);
+  _Write(&m_SystemCategory, Priority::INFO, format.c_str(), argsForSystem);
   va_end(argsForSystem);
   va_end(args);
   errno = callersErrno;
@@ -217,7 +217,7 @@ bool CLog::CopyLogToUdisk(const char* dir) {
 void CLog::DeleteLog() {
   if (m_strLogPath[0] == '\0') return;
   RunShell(FormatText("rm %s/*", ShellQuote(m_strLogPath).c_str()).c_str());
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   log4cpp::Appender::reopenAll();  // else later lines would go into files that no longer have a name
 }
 
@@ -232,7 +232,7 @@ void CLog::_OpenAppenders() {
                                  RollingFile("Access", m_strLogPath, "access.log", kFileBytes, kBackups));
   m_AlarmCategory = AddAppender("Alarm ", Priority::INFO,
                                 RollingFile("Alarm", m_strLogPath, "alarm.log", kFileBytes, kAlarmBackups));
-  for (size_t i = 0; i < m_ModuleCategory.size(); ++i) {
+  for (size_t i = 0; i < MODULE_LOG_SIZE; ++i) {
     const std::string name = FormatText("%s%zu", "Module", i);
     auto file = RollingFile(name, m_strLogPath, name + ".log", kModuleFileBytes, kModuleBackups);
     if (i == kLongKeptModule) file->setMaxBackupIndex(kLongKeptModuleBackups);
@@ -241,7 +241,7 @@ void CLog::_OpenAppenders() {
 }
 
 void CLog::_ApplyPriority(int level) {
-  std::vector<log4cpp::Category*> categories(m_ModuleCategory.begin(), m_ModuleCategory.end());
+  std::vector<log4cpp::Category*> categories(std::begin(m_ModuleCategory), std::end(m_ModuleCategory));
   categories.insert(categories.end(), {m_DebugCategory, m_SystemCategory, m_AccessCategory, m_AlarmCategory});
   for (log4cpp::Category* const category : categories) {
     if (category != nullptr) category->setPriority(PriorityOf(level));
@@ -262,11 +262,11 @@ int CLog::_Debug(LOG_E_LEVEL level, const char* fmt, va_list args) {
   return 0;
 }
 
-int CLog::_Write(log4cpp::Category* const& category, int priority, const char* fmt, va_list args) {
+int CLog::_Write(log4cpp::Category* const* category, int priority, const char* fmt, va_list args) {
   if (!m_bOpenModule) return 1;
   std::array<char, kLineBufferBytes> buffer{};
   if (!m_bInited) return -1;
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   const int length = std::vsnprintf(buffer.data(), buffer.size(), fmt, args);
   if (length < 0 || static_cast<size_t>(length) >= buffer.size()) {
     std::fprintf(stderr, "vsnprintf len warn! len = %d\n", length);
@@ -275,7 +275,7 @@ int CLog::_Write(log4cpp::Category* const& category, int priority, const char* f
     std::fputs("MODULE_LOG error!\n", stderr);
     return -1;
   }
-  category->log(priority, std::string(buffer.data()));
+  (*category)->log(priority, std::string(buffer.data()));
   return length;
 }
 

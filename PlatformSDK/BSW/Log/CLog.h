@@ -3,7 +3,6 @@
 /// evaluated once.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdarg>
 #include <cstddef>
@@ -12,6 +11,7 @@
 #include "BSW/MultiTask/CSingleton.h"
 #include "BSW/MultiTask/CThread.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 namespace log4cpp {
 class Appender;
@@ -86,27 +86,27 @@ class CLog : public CThread, public CSingleton<CLog> {
  private:
   friend class CSingleton<CLog>;
   CLog();
-  /// Formats into the 81,920-byte buffer and hands it to `category`, which is read once the log is known to
-  /// be open; null stands for a module that does not exist.
-  int _Write(log4cpp::Category* const& category, int priority, const char* fmt, va_list args);
+  /// Formats into the 81,920-byte buffer and hands it to the category at `category`, which is read once the
+  /// log is known to be open; null stands for a module that does not exist.
+  int _Write(log4cpp::Category* const* category, int priority, const char* fmt, va_list args);
   int _Debug(LOG_E_LEVEL level, const char* fmt, va_list args);
-  /// Makes all categories and appenders, with m_Mutex held. Throws what log4cpp throws.
-  void _OpenAppenders();
-  /// Sets the threshold of the categories that exist, with m_Mutex held.
-  void _ApplyPriority(int level);
+  /// Makes all categories and appenders. Throws what log4cpp throws.
+  void _OpenAppenders() REQUIRES(m_Mutex);
+  /// Sets the threshold of the categories that exist.
+  void _ApplyPriority(int level) REQUIRES(m_Mutex);
 
   std::atomic<bool> m_bInited{false};
   std::atomic<bool> m_bCoutOn{false};
   int m_loglevel = LOG_LEVEL_DBG;
   std::atomic<bool> m_bOpenModule{true};
   char m_strLogPath[64] = {};
-  log4cpp::Category* m_SystemCategory = nullptr;
-  log4cpp::Category* m_AccessCategory = nullptr;
-  log4cpp::Category* m_AlarmCategory = nullptr;
-  log4cpp::Category* m_DebugCategory = nullptr;
-  std::array<log4cpp::Category*, MODULE_LOG_SIZE> m_ModuleCategory{};
-  log4cpp::Appender* m_strQAppender = nullptr;
-  CMutex m_Mutex;  ///< serialises Init, CleanUp and the file functions; guards the categories
+  log4cpp::Category* m_SystemCategory GUARDED_BY(m_Mutex) = nullptr;
+  log4cpp::Category* m_AccessCategory GUARDED_BY(m_Mutex) = nullptr;
+  log4cpp::Category* m_AlarmCategory GUARDED_BY(m_Mutex) = nullptr;
+  log4cpp::Category* m_DebugCategory = nullptr;  ///< made before m_bCoutOn is set, then only read
+  log4cpp::Category* m_ModuleCategory[MODULE_LOG_SIZE] GUARDED_BY(m_Mutex) = {};
+  log4cpp::Appender* m_strQAppender GUARDED_BY(m_Mutex) = nullptr;
+  CMutex m_Mutex;  ///< also serialises Init, CleanUp and the file functions
 };
 
 /// Logs on the named category when it exists and has the priority enabled.

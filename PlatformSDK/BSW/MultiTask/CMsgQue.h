@@ -1,13 +1,13 @@
-/// A bounded queue between threads: any thread pushes, one or more take. Package sources receive their
-/// requests through it, CTaskQue its tasks.
+/// A bounded queue between threads: any thread pushes, one or more take. CTaskQue gets its tasks through it.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <utility>
+#include "common/Condition.h"
+#include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 template <class Message>
 class CMsgQue {
@@ -16,35 +16,35 @@ class CMsgQue {
 
   /// False, and the message is dropped, when the queue is full or closed.
   bool Push(Message message) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     if (m_bClosed || m_queue.size() >= m_capacity) return false;
     m_queue.push_back(std::move(message));
-    m_cond.notify_one();
+    m_cond.NotifyOne();
     return true;
   }
 
   /// Waits for a message; empty once the queue is closed. Messages left at that moment are not delivered.
   std::optional<Message> Take() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_cond.wait(lock, [this] { return m_bClosed || !m_queue.empty(); });
+    const CLock lock(m_mutex);
+    m_cond.Wait(m_mutex, [this]() REQUIRES(m_mutex) { return m_bClosed || !m_queue.empty(); });
     return _Pop();
   }
 
   /// Takes what is there without waiting.
   std::optional<Message> TryTake() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     return _Pop();
   }
 
   /// Ends every waiting Take and refuses further messages. A queue stays closed.
   void Close() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CLock lock(m_mutex);
     m_bClosed = true;
-    m_cond.notify_all();
+    m_cond.NotifyAll();
   }
 
  private:
-  std::optional<Message> _Pop() {
+  std::optional<Message> _Pop() REQUIRES(m_mutex) {
     if (m_bClosed || m_queue.empty()) return std::nullopt;
     std::optional<Message> message(std::move(m_queue.front()));
     m_queue.pop_front();
@@ -52,8 +52,8 @@ class CMsgQue {
   }
 
   const size_t m_capacity;
-  std::mutex m_mutex;  ///< guards m_queue and m_bClosed
-  std::condition_variable m_cond;
-  std::deque<Message> m_queue;
-  bool m_bClosed = false;
+  CMutex m_mutex;
+  CCondition m_cond;
+  std::deque<Message> m_queue GUARDED_BY(m_mutex);
+  bool m_bClosed GUARDED_BY(m_mutex) = false;
 };

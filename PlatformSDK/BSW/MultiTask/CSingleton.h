@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 
 #include "BSW/MultiTask/CThread.h"
 #include "common/Mutex.h"
@@ -19,7 +18,7 @@ class CSingleton {
   static T* instance() {
     T* made = _instance.load(std::memory_order_acquire);
     if (made == nullptr) {
-      const std::lock_guard<CMutex> lock(m_SingletonMutex);
+      const CLock lock(m_SingletonMutex);
       made = _instance.load(std::memory_order_relaxed);
       if (made == nullptr) {
         made = new T();

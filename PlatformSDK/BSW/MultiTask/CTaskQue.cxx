@@ -2,7 +2,6 @@
 #include "BSW/MultiTask/CTaskQue.h"
 
 #include <cstddef>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -21,7 +20,7 @@ CTaskQue::~CTaskQue() {
 
 bool CTaskQue::Post(Task task) {
   {
-    const std::lock_guard<CMutex> lock(m_startMutex);
+    const CLock lock(m_startMutex);
     if (m_bStopped) return false;
     if (!m_bStarted) m_bStarted = CreateThread(0);
     if (!m_bStarted) return false;
@@ -38,7 +37,7 @@ void CTaskQue::ThreadProc() {
 
 void CTaskQue::OnStopRequested() {
   {
-    const std::lock_guard<CMutex> lock(m_startMutex);
+    const CLock lock(m_startMutex);
     m_bStopped = true;
   }
   m_queTask.Close();

@@ -9,6 +9,7 @@
 #include "BSW/MultiTask/CMsgQue.h"
 #include "BSW/MultiTask/CThread.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 class CTaskQue : public CThread {
  public:
@@ -28,7 +29,7 @@ class CTaskQue : public CThread {
 
  private:
   CMsgQue<Task> m_queTask;
-  CMutex m_startMutex;  ///< guards the two below
-  bool m_bStarted = false;
-  bool m_bStopped = false;
+  CMutex m_startMutex;
+  bool m_bStarted GUARDED_BY(m_startMutex) = false;
+  bool m_bStopped GUARDED_BY(m_startMutex) = false;
 };

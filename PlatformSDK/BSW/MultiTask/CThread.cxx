@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <utility>
 
 #include "BSW/BasicFun/TimeUtils.h"
@@ -51,7 +50,7 @@ CThread::~CThread() {
 }
 
 bool CThread::CreateThread(int stackBytes) {
-  const std::lock_guard<CMutex> lock(m_threadMutex);
+  const CLock lock(m_threadMutex);
   if (m_bCreated) return false;
   while (m_semStop.WaitFor(0)) {
     // what an earlier stop left behind
@@ -71,7 +70,7 @@ bool CThread::DestroyThread(bool requestStop, bool join) {
   }
   if (!join) return true;
   if (t_pCurrent == this) return false;
-  const std::lock_guard<CMutex> lock(m_threadMutex);
+  const CLock lock(m_threadMutex);
   if (m_bCreated) {
     pthread_join(m_thread, nullptr);
     m_bCreated = false;

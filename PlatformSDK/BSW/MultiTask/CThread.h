@@ -11,6 +11,7 @@
 
 #include "common/Mutex.h"
 #include "common/Semaphore.h"
+#include "common/ThreadAnnotations.h"
 
 class CThread {
  public:
@@ -63,7 +64,7 @@ class CThread {
   const std::string m_strThreadName;
   std::atomic<bool> m_bRun{false};
   CSemaphore m_semStop;
-  CMutex m_threadMutex;  ///< guards m_thread and m_bCreated
-  pthread_t m_thread{};
-  bool m_bCreated = false;
+  CMutex m_threadMutex;
+  pthread_t m_thread GUARDED_BY(m_threadMutex){};
+  bool m_bCreated GUARDED_BY(m_threadMutex) = false;
 };

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <mutex>
 #include <regex>
 
 #include "BSW/BasicFun/ShellRunner.h"
@@ -75,13 +74,13 @@ bool PhyInterface::CleanUp() {
 }
 
 bool PhyInterface::RegisterInterface(const std::string& pattern, const InterfaceCallback& callback) {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   m_MapOnChange.emplace(pattern, callback);
   return true;
 }
 
 bool PhyInterface::UnRegisterInterface(const std::string& pattern) {
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   if (m_MapOnChange.erase(pattern) > 0) return true;
   LOGE("%s not find", pattern.c_str());
   return false;
@@ -137,7 +136,7 @@ void PhyInterface::_HandleEvents(const char* events, size_t length) {
 
 bool PhyInterface::_HotProcess(const std::string& name, bool plugged) {
   const std::string path = m_strDevDir + name;
-  const std::lock_guard<CMutex> lock(m_Mutex);
+  const CLock lock(m_Mutex);
   if (m_MapOnChange.empty()) {
     LOGW("m_MapOnChange is empty");
     return false;

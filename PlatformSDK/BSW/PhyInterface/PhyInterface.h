@@ -12,6 +12,7 @@
 #include "BSW/MultiTask/CSingleton.h"
 #include "BSW/MultiTask/CThread.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// Full device path, and true when it was plugged in, false when removed. The result is ignored. Runs on the
 /// monitor thread with the table locked: hand work to another thread, and neither register nor unregister
@@ -48,8 +49,8 @@ class PhyInterface : public CThread, public CSingleton<PhyInterface> {
   void _HandleEvents(const char* events, size_t length);
 
   std::string m_strMSID;
-  CMutex m_Mutex;  ///< guards m_MapOnChange
-  MapInterfaceCallback_t m_MapOnChange;
+  CMutex m_Mutex;
+  MapInterfaceCallback_t m_MapOnChange GUARDED_BY(m_Mutex);
   int m_PhyFd = -1;
   std::atomic<int> m_iWatchFd{-1};
   static const std::string m_strDevDir;

@@ -68,7 +68,7 @@ void FinishSending(int fd) {
 class CSerial::Lease {
  public:
   explicit Lease(CSerial& serial) : m_serial(serial) {
-    const std::lock_guard<std::mutex> lock(serial.m_fdMutex);
+    const CLock lock(serial.m_fdMutex);
     m_fd = serial.m_fd;
     if (m_fd < 0) return;
     m_info = serial.m_pstUartMngInfo;
@@ -76,8 +76,8 @@ class CSerial::Lease {
   }
   ~Lease() {
     if (m_fd < 0) return;
-    const std::lock_guard<std::mutex> lock(m_serial.m_fdMutex);
-    if (--m_serial.m_iUsers == 0) m_serial.m_cvUnused.notify_all();
+    const CLock lock(m_serial.m_fdMutex);
+    if (--m_serial.m_iUsers == 0) m_serial.m_cvUnused.NotifyAll();
   }
   Lease(const Lease&) = delete;
   Lease& operator=(const Lease&) = delete;
@@ -106,11 +106,11 @@ bool CSerial::Open(const UART_MNG_INFO_S* info, int timeoutMs) {
   auto record = std::make_shared<UART_MNG_INFO_S>(*info);
   record->szDevName[sizeof record->szDevName - 1] = '\0';
 
-  std::unique_lock<std::mutex> lock(m_fdMutex);
+  const CLock lock(m_fdMutex);
   m_pstUartMngInfo = record;
   if (m_fd < 0) {
     // A close under way on another thread comes first: its readers still have to see the stop event.
-    m_cvUnused.wait(lock, [this] { return m_iUsers == 0; });
+    m_cvUnused.Wait(m_fdMutex, [this]() REQUIRES(m_fdMutex) { return m_iUsers == 0; });
     // Non-blocking: neither a missing carrier nor a full output buffer may hold a thread; waiting is
     // _WaitReady's.
     m_fd = open(record->szDevName, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
@@ -120,7 +120,7 @@ bool CSerial::Open(const UART_MNG_INFO_S* info, int timeoutMs) {
     }
   }
   if (!_Configure(m_fd, *record, timeoutMs)) {
-    _Close(lock);
+    _Close();
     return false;
   }
   Drain(m_stopFd);
@@ -149,23 +149,23 @@ bool CSerial::_Configure(int fd, const UART_MNG_INFO_S& info, int timeoutMs) {
 }
 
 bool CSerial::Close() {
-  std::unique_lock<std::mutex> lock(m_fdMutex);
-  if (m_fd >= 0) _Close(lock);
+  const CLock lock(m_fdMutex);
+  if (m_fd >= 0) _Close();
   return true;
 }
 
-void CSerial::_Close(std::unique_lock<std::mutex>& lock) {
+void CSerial::_Close() {
   const int fd = std::exchange(m_fd, -1);
   const auto record = m_pstUartMngInfo;
   Signal(m_stopFd);
-  m_cvUnused.wait(lock, [this] { return m_iUsers == 0; });
+  m_cvUnused.Wait(m_fdMutex, [this]() REQUIRES(m_fdMutex) { return m_iUsers == 0; });
   FinishSending(fd);
   close(fd);
   LOGD("[%s] #### Close Serial OK. m_fd = %d ####", record->szDevName, fd);
 }
 
 void CSerial::Interrupt() {
-  const std::lock_guard<std::mutex> lock(m_fdMutex);
+  const CLock lock(m_fdMutex);
   Signal(m_stopFd);
 }
 
@@ -227,7 +227,7 @@ int CSerial::Read(char* buffer, int length, bool blocking, int timeoutMs) {
 }
 
 int CSerial::Write(const char* buf, int length) {
-  const std::lock_guard<CMutex> oneWriter(m_writeMutex);
+  const CLock oneWriter(m_writeMutex);
   const Lease line(*this);
   if (line.Fd() < 0) {
     LOGE("Write fd error!");

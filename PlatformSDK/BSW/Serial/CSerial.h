@@ -3,12 +3,12 @@
 /// is part of the timing that the chips were tuned with.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 
 #include "BSW/Serial/UartMngInfo.h"
+#include "common/Condition.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// Any thread may call any member at any time. Close waits until nobody uses the descriptor, and everybody
 /// leaves it at once then, so that no read or write ever meets a descriptor number that was given away again.
@@ -52,14 +52,14 @@ class CSerial {
   /// Waits until `fd` is ready for `events`, has failed, or the wait is interrupted; -1 waits without an end.
   [[nodiscard]] Wait _WaitReady(int fd, short events, int timeoutMs) const;
   [[nodiscard]] bool _WriteAll(int fd, const char* buf, int length) const;
-  /// m_fdMutex must be held by `lock`.
-  void _Close(std::unique_lock<std::mutex>& lock);
+  void _Close() REQUIRES(m_fdMutex);
 
-  const int m_stopFd;                  ///< eventfd; readable while reads and writes are to end
-  CMutex m_writeMutex;                 ///< serialises Write; taken before m_fdMutex
-  std::mutex m_fdMutex;                ///< guards the members below and the lifetime of the descriptor
-  std::condition_variable m_cvUnused;  ///< m_iUsers fell to 0
-  int m_fd = -1;                       ///< -1 when closed
-  int m_iUsers = 0;                    ///< leases of the descriptor
-  std::shared_ptr<const UART_MNG_INFO_S> m_pstUartMngInfo;  ///< as of the last Open; null before the first
+  const int m_stopFd;                      ///< eventfd; readable while reads and writes are to end
+  CMutex m_writeMutex;                     ///< serialises Write; taken before m_fdMutex
+  CMutex m_fdMutex;                        ///< also guards the lifetime of the descriptor
+  CCondition m_cvUnused;                   ///< m_iUsers fell to 0
+  int m_fd GUARDED_BY(m_fdMutex) = -1;     ///< -1 when closed
+  int m_iUsers GUARDED_BY(m_fdMutex) = 0;  ///< leases of the descriptor
+  /// As of the last Open; null before the first.
+  std::shared_ptr<const UART_MNG_INFO_S> m_pstUartMngInfo GUARDED_BY(m_fdMutex);
 };

@@ -25,7 +25,7 @@ bool CSerialLink::CreateSerial(const UART_MNG_INFO_S* info) {
   // A thread that a callback stopped is still to be joined.
   if (!IsReceiving()) m_Thread.DestroyThread(false, true);
   {
-    const std::lock_guard<std::mutex> lock(m_portMutex);
+    const CLock lock(m_portMutex);
     if (info == nullptr || m_bStopping || !_OpenLine(*info)) {
       m_bRunFlag = false;
       m_pCSerial->Close();
@@ -41,13 +41,13 @@ bool CSerialLink::CreateSerial(const UART_MNG_INFO_S* info) {
 
 bool CSerialLink::DestroySerial() {
   {
-    const std::lock_guard<std::mutex> lock(m_portMutex);
+    const CLock lock(m_portMutex);
     m_bStopping = true;
     m_bRunFlag = false;
   }
   const bool joined = m_Thread.DestroyThread(true, true);
   {
-    const std::lock_guard<std::mutex> lock(m_portMutex);
+    const CLock lock(m_portMutex);
     m_pCSerial->Close();
     ++m_iLine;
     m_bStopping = false;
@@ -57,14 +57,14 @@ bool CSerialLink::DestroySerial() {
 }
 
 bool CSerialLink::RestartSerial(const UART_MNG_INFO_S* info) {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const CLock lock(m_portMutex);
   if (info != nullptr && !m_bStopping && _Reopen(*info)) return true;
   LOGE("Restart Serial error!");
   return false;
 }
 
 void CSerialLink::Recover(uint32_t number) {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const CLock lock(m_portMutex);
   if (number != m_iLine || !m_bRunFlag) return;
   LOGE("SerialPort error restart");
   if (!_Reopen(m_serialInfo)) LOGE("Restart Serial error!");
@@ -82,39 +82,39 @@ bool CSerialLink::_OpenLine(const UART_MNG_INFO_S& info) {
   if (!m_pCSerial->Open(&info, kLineTimeoutMs)) return false;
   if (&info != &m_serialInfo) m_serialInfo = info;
   {
-    const std::lock_guard<CMutex> lock(m_nameMutex);
+    const CLock lock(m_nameMutex);
     if (!info.strMasterType.empty()) m_SerialMasterName = info.strMasterType;
     if (!info.strSlaverType.empty()) m_SerialSlaverName = info.strSlaverType;
   }
   ++m_iLine;
   m_bRunFlag = true;
-  m_cvUsable.notify_all();
+  m_cvUsable.NotifyAll();
   return true;
 }
 
 bool CSerialLink::WaitUntilUsable(uint32_t idleMs) {
-  std::unique_lock<std::mutex> lock(m_portMutex);
-  m_cvUsable.wait_for(lock, std::chrono::milliseconds(idleMs),
-                      [this] { return m_bRunFlag || !IsReceiving(); });
+  const CLock lock(m_portMutex);
+  m_cvUsable.WaitFor(m_portMutex, std::chrono::milliseconds(idleMs),
+                     [this]() REQUIRES(m_portMutex) { return m_bRunFlag || !IsReceiving(); });
   return m_bRunFlag;
 }
 
 bool CSerialLink::IsUsable() const {
-  const std::lock_guard<std::mutex> lock(m_portMutex);
+  const CLock lock(m_portMutex);
   return m_bRunFlag;
 }
 
 void CSerialLink::_WakeReceiver() {
   {
     // The thread either has yet to look at its run flag, or waits already.
-    const std::lock_guard<std::mutex> lock(m_portMutex);
+    const CLock lock(m_portMutex);
   }
-  m_cvUsable.notify_all();
+  m_cvUsable.NotifyAll();
   m_pCSerial->Interrupt();
 }
 
 void CSerialLink::ModifySerialName(const std::string& master, const std::string& slaver) {
-  const std::lock_guard<CMutex> lock(m_nameMutex);
+  const CLock lock(m_nameMutex);
   m_SerialMasterName = master;
   m_SerialSlaverName = slaver;
 }
@@ -124,7 +124,7 @@ void CSerialLink::DumpFrame(SerialName from, SerialDataType type, const char* da
   std::string sender;
   std::string receiver;
   {
-    const std::lock_guard<CMutex> lock(m_nameMutex);
+    const CLock lock(m_nameMutex);
     sender = m_SerialMasterName;
     receiver = m_SerialSlaverName;
   }

@@ -3,17 +3,17 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
 #include "BSW/MultiTask/CThread.h"
 #include "BSW/Serial/CSerial.h"
 #include "BSW/Serial/UartMngInfo.h"
+#include "common/Condition.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// Any thread may call the public members, the receive thread's callbacks included, unless said otherwise.
 class CSerialLink {
@@ -85,23 +85,22 @@ class CSerialLink {
     CSerialLink& m_link;
   };
 
-  /// Opens the line with `info` and makes it usable, or leaves it closed and unusable. m_portMutex must be
-  /// held.
-  bool _OpenLine(const UART_MNG_INFO_S& info);
-  /// Closes and opens the line. m_portMutex must be held.
-  bool _Reopen(const UART_MNG_INFO_S& info);
+  /// Opens the line with `info` and makes it usable, or leaves it closed and unusable.
+  bool _OpenLine(const UART_MNG_INFO_S& info) REQUIRES(m_portMutex);
+  /// Closes and opens the line.
+  bool _Reopen(const UART_MNG_INFO_S& info) REQUIRES(m_portMutex);
   void _WakeReceiver();
 
-  mutable std::mutex m_portMutex;      ///< serialises open, close and restart; guards the next three members
-  std::condition_variable m_cvUsable;  ///< m_bRunFlag was set, or the thread is to stop
-  bool m_bRunFlag = true;              ///< the line may be used
-  bool m_bStopping = false;            ///< DestroySerial is under way: nobody opens the line
-  UART_MNG_INFO_S m_serialInfo;        ///< what a recovery opens
+  mutable CMutex m_portMutex;                        ///< also serialises open, close and restart
+  CCondition m_cvUsable;                             ///< m_bRunFlag was set, or the thread is to stop
+  bool m_bRunFlag GUARDED_BY(m_portMutex) = true;    ///< the line may be used
+  bool m_bStopping GUARDED_BY(m_portMutex) = false;  ///< DestroySerial is under way: nobody opens the line
+  UART_MNG_INFO_S m_serialInfo GUARDED_BY(m_portMutex);  ///< what a recovery opens
   std::atomic<uint32_t> m_iLine{0};
 
-  mutable CMutex m_nameMutex;  ///< guards the labels
-  std::string m_SerialMasterName;
-  std::string m_SerialSlaverName;
+  mutable CMutex m_nameMutex;
+  std::string m_SerialMasterName GUARDED_BY(m_nameMutex);
+  std::string m_SerialSlaverName GUARDED_BY(m_nameMutex);
 
   const std::string m_Name;
   ReceiveThread m_Thread;

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <mutex>
 #include <numeric>
 
 #include "BSW/Log/CLog.h"
@@ -52,14 +51,14 @@ void SerialPort::ReceiveLoop() {
 void SerialPort::_HandOver(int length) {
   SerialRecvCallback callback;
   {
-    const std::lock_guard<CMutex> lock(m_callbackMutex);
+    const CLock lock(m_callbackMutex);
     callback = m_RecvFun;
   }
   if (callback) callback(m_RecvBuff.data(), static_cast<short>(length));
 }
 
 void SerialPort::RegisterUartEventCallback(const SerialRecvCallback& callback) {
-  const std::lock_guard<CMutex> lock(m_callbackMutex);
+  const CLock lock(m_callbackMutex);
   m_RecvFun = callback;
 }
 

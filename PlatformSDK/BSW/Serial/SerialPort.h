@@ -10,6 +10,7 @@
 
 #include "BSW/Serial/CSerialLink.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 class SerialPort : public CSerialLink {
  public:
@@ -39,6 +40,6 @@ class SerialPort : public CSerialLink {
   void _HandOver(int length);
 
   std::vector<char> m_RecvBuff;  ///< receive thread only
-  CMutex m_callbackMutex;        ///< guards m_RecvFun
-  SerialRecvCallback m_RecvFun;
+  CMutex m_callbackMutex;
+  SerialRecvCallback m_RecvFun GUARDED_BY(m_callbackMutex);
 };

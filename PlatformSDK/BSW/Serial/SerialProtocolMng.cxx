@@ -54,7 +54,7 @@ SerialProtocolMng::~SerialProtocolMng() {
 }
 
 void SerialProtocolMng::RegFrameRecvCb(const ProtocolDataHandler& handler) {
-  const std::lock_guard<CMutex> lock(m_handlerMutex);
+  const CLock lock(m_handlerMutex);
   m_ProtocolDataHandler = handler;
 }
 
@@ -63,7 +63,7 @@ void SerialProtocolMng::UnregFrameRecvCb() {
 }
 
 bool SerialProtocolMng::PackAndSendFrame(const ProtocolData_t& data) {
-  const std::lock_guard<CMutex> lock(m_sendMutex);
+  const CLock lock(m_sendMutex);
   const std::vector<uint8_t> frame = McuFrame::Pack(m_stPayloadCfg, m_iSnr, data);
   const auto* bytes = reinterpret_cast<const char*>(frame.data());
   const auto size = static_cast<int>(frame.size());
@@ -85,7 +85,7 @@ int SerialProtocolMng::_UartRecvCallback(const void* data, short length) {
   const auto size = static_cast<size_t>(length);
   const uint32_t line = LineNumber();
   {
-    const std::lock_guard<std::mutex> lock(m_RecvLock);
+    const CLock lock(m_RecvLock);
     // The rest of a frame that the end of an earlier line cut off will never come.
     if (line != m_iQueuedLine) m_deqRecvBuf.clear();
     m_iQueuedLine = line;
@@ -96,7 +96,7 @@ int SerialProtocolMng::_UartRecvCallback(const void* data, short length) {
     if (fits) m_deqRecvBuf.insert(m_deqRecvBuf.end(), bytes, bytes + size);
     m_bBufferReadFlag = true;
   }
-  m_cvBufferRead.notify_one();
+  m_cvBufferRead.NotifyOne();
   _LogTraffic(bytes, size);
   return 0;
 }
@@ -111,17 +111,17 @@ void SerialProtocolMng::ThreadProc() {
 
 void SerialProtocolMng::OnStopRequested() {
   {
-    const std::lock_guard<std::mutex> lock(m_RecvLock);
+    const CLock lock(m_RecvLock);
     m_bBufferReadFlag = true;
   }
-  m_cvBufferRead.notify_all();
+  m_cvBufferRead.NotifyAll();
 }
 
 void SerialProtocolMng::LineClosed() {
-  std::unique_lock<std::mutex> lock(m_RecvLock);
+  const CLock lock(m_RecvLock);
   m_deqRecvBuf.clear();
   m_iQueuedLine = LineNumber();
-  m_cvHandled.wait(lock, [this] {
+  m_cvHandled.Wait(m_RecvLock, [this]() REQUIRES(m_RecvLock) {
     return m_handlingThread == std::thread::id() || m_handlingThread == std::this_thread::get_id();
   });
 }
@@ -150,9 +150,10 @@ SerialProtocolMng::RetValueType SerialProtocolMng::_ProcessRecvFrame() {
 }
 
 bool SerialProtocolMng::_GetRecvByte(std::vector<uint8_t>& bytes) {
-  std::unique_lock<std::mutex> lock(m_RecvLock);
+  const CLock lock(m_RecvLock);
   if (m_deqRecvBuf.empty() || m_bIncomplete.exchange(false)) {
-    m_cvBufferRead.wait(lock, [this] { return m_bBufferReadFlag || !IsRunning(); });
+    m_cvBufferRead.Wait(m_RecvLock,
+                        [this]() REQUIRES(m_RecvLock) { return m_bBufferReadFlag || !IsRunning(); });
   }
   if (!IsRunning()) {
     LOGI("Exit loop");
@@ -165,7 +166,7 @@ bool SerialProtocolMng::_GetRecvByte(std::vector<uint8_t>& bytes) {
 }
 
 void SerialProtocolMng::_DeleteRecvByte(size_t count) {
-  const std::lock_guard<std::mutex> lock(m_RecvLock);
+  const CLock lock(m_RecvLock);
   // The queue was begun anew: what was parsed is gone already.
   if (m_iCopiedLine != m_iQueuedLine) return;
   if (count == 0 || count > m_deqRecvBuf.size()) {
@@ -181,18 +182,18 @@ bool SerialProtocolMng::_HandleFrame(const uint8_t* frame, size_t size) {
   if (!data) return true;
   ProtocolDataHandler handler;
   {
-    const std::lock_guard<CMutex> lock(m_handlerMutex);
+    const CLock lock(m_handlerMutex);
     handler = m_ProtocolDataHandler;
   }
   {
     // From here on a closing waits for the handler.
-    const std::lock_guard<std::mutex> lock(m_RecvLock);
+    const CLock lock(m_RecvLock);
     if (m_iCopiedLine != LineNumber()) return false;
     m_handlingThread = std::this_thread::get_id();
   }
   if (handler) handler(*data);
-  const std::lock_guard<std::mutex> lock(m_RecvLock);
+  const CLock lock(m_RecvLock);
   m_handlingThread = std::thread::id();
-  m_cvHandled.notify_all();
+  m_cvHandled.NotifyAll();
   return true;
 }

@@ -7,12 +7,10 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,7 +18,9 @@
 #include "BSW/MultiTask/CThread.h"
 #include "BSW/Serial/McuFrame.h"
 #include "BSW/Serial/SerialPort.h"
+#include "common/Condition.h"
 #include "common/Mutex.h"
+#include "common/ThreadAnnotations.h"
 
 /// The owner registers _UartRecvCallback as the line's callback and opens the line with CreateSerial.
 class SerialProtocolMng final : public SerialPort, public CThread {
@@ -71,19 +71,21 @@ class SerialProtocolMng final : public SerialPort, public CThread {
   const PayloadCfg_t m_stPayloadCfg;
   const uint32_t m_iMaxRecvLen;
 
-  CMutex m_sendMutex;  ///< guards m_iSnr, and keeps frames in the order of their numbers
-  uint8_t m_iSnr = 0;  ///< of the next frame sent; wraps
+  CMutex m_sendMutex;                          ///< keeps frames in the order of their numbers
+  uint8_t m_iSnr GUARDED_BY(m_sendMutex) = 0;  ///< of the next frame sent; wraps
 
-  CMutex m_handlerMutex;  ///< guards m_ProtocolDataHandler
-  ProtocolDataHandler m_ProtocolDataHandler;
+  CMutex m_handlerMutex;
+  ProtocolDataHandler m_ProtocolDataHandler GUARDED_BY(m_handlerMutex);
 
-  std::mutex m_RecvLock;                       ///< guards the members up to m_bOverflow
-  std::condition_variable m_cvBufferRead;      ///< m_bBufferReadFlag was set, or the parser thread is to stop
-  std::deque<uint8_t> m_deqRecvBuf;            ///< received, not yet parsed
-  uint32_t m_iQueuedLine = 0;                  ///< the line number under which m_deqRecvBuf was read
-  std::thread::id m_handlingThread;            ///< of a handler that runs
-  std::condition_variable m_cvHandled;         ///< m_handlingThread was cleared
-  bool m_bOverflow = false;                    ///< bytes were dropped, and none has found room since
+  CMutex m_RecvLock;
+  CCondition m_cvBufferRead;  ///< m_bBufferReadFlag was set, or the parser thread is to stop
+  std::deque<uint8_t> m_deqRecvBuf GUARDED_BY(m_RecvLock);  ///< received, not yet parsed
+  /// The line number under which m_deqRecvBuf was read.
+  uint32_t m_iQueuedLine GUARDED_BY(m_RecvLock) = 0;
+  std::thread::id m_handlingThread GUARDED_BY(m_RecvLock);  ///< of a handler that runs
+  CCondition m_cvHandled;                                   ///< m_handlingThread was cleared
+  /// Bytes were dropped, and none has found room since.
+  bool m_bOverflow GUARDED_BY(m_RecvLock) = false;
   std::atomic<bool> m_bBufferReadFlag{false};  ///< there are new bytes
   std::atomic<bool> m_bIncomplete{false};      ///< what is queued is not yet a frame
 

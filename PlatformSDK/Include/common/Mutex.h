@@ -26,10 +26,6 @@ class CAPABILITY("mutex") CMutex {
   void Lock() ACQUIRE() { pthread_mutex_lock(&m_mutex); }
   void Unlock() RELEASE() { pthread_mutex_unlock(&m_mutex); }
 
-  // As std::lock_guard calls them.
-  void lock() { pthread_mutex_lock(&m_mutex); }
-  void unlock() { pthread_mutex_unlock(&m_mutex); }
-
  private:
   friend class CCondition;  // waits with it
 

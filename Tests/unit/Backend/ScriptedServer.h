@@ -2,15 +2,12 @@
 // each.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -21,6 +18,7 @@
 
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/BasicFun/UniqueFd.h"
+#include "LoopbackListener.h"
 
 struct HttpQuestion {
   std::string line;                            // "GET /path HTTP/1.1"
@@ -79,18 +77,7 @@ class ScriptedServer {
   // Called on the server's thread, never two at a time.
   using Script = std::function<void(const HttpQuestion& question, const Line& line)>;
 
-  explicit ScriptedServer(Script script)
-      : m_script(std::move(script)), m_listener(socket(AF_INET, SOCK_STREAM, 0)), m_stop(eventfd(0, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    if (bind(m_listener.Get(), plain, length) != 0 || listen(m_listener.Get(), 8) != 0 ||
-        getsockname(m_listener.Get(), plain, &length) != 0) {
-      std::abort();
-    }
-    m_iPort = ntohs(address.sin_port);
+  explicit ScriptedServer(Script script) : m_script(std::move(script)), m_stop(eventfd(0, 0)) {
     m_thread = std::thread([this] { _Serve(); });
   }
   ~ScriptedServer() {
@@ -105,9 +92,7 @@ class ScriptedServer {
     const std::lock_guard<std::mutex> lock(m_scriptMutex);
     m_script = std::move(script);
   }
-  std::string Url(const std::string& path = "") const {
-    return "http://127.0.0.1:" + std::to_string(m_iPort) + path;
-  }
+  std::string Url(const std::string& path = "") const { return m_listener.Url(path); }
   std::vector<HttpQuestion> Questions() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_questions;
@@ -116,9 +101,9 @@ class ScriptedServer {
  private:
   void _Serve() {
     for (;;) {
-      pollfd watched[] = {{m_listener.Get(), POLLIN, 0}, {m_stop.Get(), POLLIN, 0}};
+      pollfd watched[] = {{m_listener.Fd(), POLLIN, 0}, {m_stop.Get(), POLLIN, 0}};
       if (poll(watched, 2, -1) <= 0 || watched[1].revents != 0) return;
-      const UniqueFd connection(accept(m_listener.Get(), nullptr, nullptr));
+      const UniqueFd connection = m_listener.Accept();
       const Line line(connection.Get(), m_stop.Get());
       HttpQuestion question;
       if (!_ReadQuestion(line, question)) continue;
@@ -166,9 +151,8 @@ class ScriptedServer {
 
   std::mutex m_scriptMutex;  // held while the script runs
   Script m_script;
-  const UniqueFd m_listener;
+  const LoopbackListener m_listener;
   const UniqueFd m_stop;
-  int m_iPort = 0;
   mutable std::mutex m_mutex;  // guards m_questions
   std::vector<HttpQuestion> m_questions;
   std::thread m_thread;
