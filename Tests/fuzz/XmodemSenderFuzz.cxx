@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "UpgradeFrame/UacSubmodules/XmodemSender.h"
+#include "BSW/Serial/XmodemSender.h"
 
 namespace {
 

@@ -26,7 +26,7 @@ class BatteryLevel {
   bool IsBatteryLimited();
 
  private:
-  CMutex m_batteryMutex;
-  int m_iBattery GUARDED_BY(m_batteryMutex) = kUnknown;
-  bool m_bLimited GUARDED_BY(m_batteryMutex) = true;
+  CMutex m_upgradeTypeNameMutx;
+  int m_iBattery GUARDED_BY(m_upgradeTypeNameMutx) = kUnknown;
+  bool m_bLimited GUARDED_BY(m_upgradeTypeNameMutx) = true;
 };

@@ -21,6 +21,11 @@ bool DeviceVersions::IsLoaded() {
   return !m_currptten.empty();
 }
 
+std::string DeviceVersions::getCurrentPart() {
+  const CLock lock(m_versionMutex);
+  return m_currptten;
+}
+
 AllVersion DeviceVersions::getAllVersion() {
   const CLock lock(m_versionMutex);
   return m_allVersion;

@@ -19,6 +19,9 @@ class DeviceVersions {
   /// False until Load: the record holds nothing yet.
   bool IsLoaded();
 
+  /// The version file; no caller yet.
+  std::string getCurrentPart();
+
   AllVersion getAllVersion();
   /// Replaces the record and writes the file.
   void setAllVersion(const AllVersion& versions);

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "UpgradeFrame/StateMachine.h"
+#include "BSW/StateMachine/StateMachine.h"
 #include "UpgradeFrame/UpgraderBase.h"
 
 /// What one part does to get into place. The upgrader owns it and calls it on its own thread, Stop excepted.

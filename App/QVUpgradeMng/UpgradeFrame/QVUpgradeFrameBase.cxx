@@ -214,9 +214,9 @@ std::string QVUpgradeFrameBase::_JudgePass() {
       _SendPanel(UI_STATUS_UPGRADING, std::min(kMaxPercent, m_submodules.Percent()), kNoVersion);
       return kStateUpgrading;
     }
-    m_submodules.QueryProgress();
+    m_submodules._QueryProgress();
   }
-  if (m_submodules.CheckModeUpgrade()) return kStateSuccess;
+  if (m_submodules._CheckModeUpgrade()) return kStateSuccess;
   m_failure = m_submodules.FirstFailure();
   return kStateFaild;
 }

@@ -8,12 +8,12 @@
 #include <unordered_map>
 
 #include "BSW/MultiTask/CTaskQue.h"
+#include "BSW/StateMachine/StateMachine.h"
 #include "UpgradeFrame/DeviceVersions.h"
 #include "UpgradeFrame/IQVUpgrade.h"
 #include "UpgradeFrame/McuSubmodules/McuStartup.h"
 #include "UpgradeFrame/PackageClaim.h"
 #include "UpgradeFrame/PartitionMarkers.h"
-#include "UpgradeFrame/StateMachine.h"
 #include "UpgradeFrame/SubmoduleRunner.h"
 #include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradePackage/Reasons.h"

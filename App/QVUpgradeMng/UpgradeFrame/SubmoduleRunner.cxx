@@ -202,7 +202,7 @@ int SubmoduleRunner::Percent() const {
 }
 
 /// A part that has ended is not asked: some upgraders know the end only from their report.
-void SubmoduleRunner::QueryProgress() {
+void SubmoduleRunner::_QueryProgress() {
   for (const auto& [type, record] : _Records()) {
     if (type == UP_RTX || _HasEnded(type)) continue;
     const bool failed = _QueryStatus(type) < 0;
@@ -238,7 +238,7 @@ void SubmoduleRunner::_MarkRecord(UPGRADETYPE type, UPGRADESTATUS status) {
   if (status == UPG_UPGRAD_ERROR) _NoteFailure(type, Fail(Reason::PartTimeout, "not done in its time"));
 }
 
-bool SubmoduleRunner::CheckModeUpgrade() const {
+bool SubmoduleRunner::_CheckModeUpgrade() const {
   const CLock lock(m_upgradeinfoMutex);
   for (const auto& [type, record] : m_upgradingInfo) {
     if (record.m_upgradeStatus != UPG_UPGRAD_SUCCESS) {

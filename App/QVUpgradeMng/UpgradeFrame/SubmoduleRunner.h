@@ -49,9 +49,9 @@ class SubmoduleRunner {
   int Percent() const;
   /// Asks every upgrader that has not reported its end how it stands, up to 100 s each, and marks its part
   /// failed or succeeded. Frame thread.
-  void QueryProgress();
+  void _QueryProgress();
   /// True when every part succeeded; also when there is none.
-  bool CheckModeUpgrade() const;
+  bool _CheckModeUpgrade() const;
   /// Why the part failed that failed first.
   Failure FirstFailure() const;
   /// Enters the version of every part that succeeded into `versions`. False when one did not.

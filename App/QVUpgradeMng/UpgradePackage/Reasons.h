@@ -12,64 +12,71 @@
 
 #include "UpgradeFrame/UpgradeTypes.h"
 
-enum class Reason : uint8_t {
-  None,
-  Stopped,
-  Busy,
-  BatteryLow,
-  StickUnreadable,
-  PackageNone,
-  PackageName,
-  PackageSameVersion,
-  PackageCopy,
-  PackageUnpack,
-  ManifestUnreadable,
-  ManifestNoStation,
-  ManifestElement,
-  PackageHardware,
-  PackageMd5,
-  PackageInnerUnpack,
-  PagesManifest,
-  PagesEntry,
-  PagesMove,
-  CloudNone,
-  CloudAnswer,
-  Space,
-  CloudDownload,
-  PortableElement,
-  PortableMd5,
-  PortableDirectory,
-  PortableUnpack,
-  PortableManifest,
-  PortableName,
-  PortableStore,
-  PartsManifest,
-  RecordWrite,
-  MarkerWrite,
-  PartNoUpgrader,
-  PartInit,
-  PartStart,
-  PartTimeout,
-  PartTarget,
-  PartClear,
-  PartUnpack,
-  PartCopy,
-  PartFormat,
-  PartMount,
-  PartSize,
-  PartImage,
-  PartDevice,
-  PartWrite,
-  PartAnswer,
-  PartVersion,
-  PartVerify,
-  PartRecord,
-  BatteryDrained,
-};
+/// One row a reason: its name, its word, what the panel shows when a package ends for it without having
+/// started the upgrade, and whether the unit then reboots, because it must not go on with half a page. A "*"
+/// stands for the page word of the part that failed.
+// clang-format off
+#define QV_REASONS(X) \
+  X(None,               "",                     Nothing,     false) \
+  X(Stopped,            "stopped",              Nothing,     false) \
+  X(Busy,               "busy",                 Nothing,     false) \
+  X(BatteryLow,         "battery.low",          BatteryLow,  false) \
+  X(StickUnreadable,    "stick.unreadable",     Failed,      false) \
+  X(PackageNone,        "package.none",         NoTask,      false) \
+  X(PackageName,        "package.name",         Failed,      false) \
+  X(PackageSameVersion, "package.same-version", SameVersion, false) \
+  X(PackageCopy,        "package.copy",         Failed,      true)  \
+  X(PackageUnpack,      "package.unpack",       Failed,      true)  \
+  X(ManifestUnreadable, "manifest.unreadable",  Failed,      false) \
+  X(ManifestNoStation,  "manifest.no-station",  Failed,      false) \
+  X(ManifestElement,    "manifest.element",     Failed,      true)  \
+  X(PackageHardware,    "package.hardware",     Failed,      true)  \
+  X(PackageMd5,         "package.md5",          Failed,      true)  \
+  X(PackageInnerUnpack, "package.inner-unpack", Failed,      true)  \
+  X(PagesManifest,      "pages.manifest",       Failed,      true)  \
+  X(PagesEntry,         "pages.entry",          Failed,      true)  \
+  X(PagesMove,          "pages.move",           Failed,      true)  \
+  X(CloudNone,          "cloud.none",           NoTask,      false) \
+  X(CloudAnswer,        "cloud.answer",         Failed,      false) \
+  X(Space,              "space",                Failed,      false) \
+  X(CloudDownload,      "cloud.download",       Failed,      false) \
+  X(PortableElement,    "portable.element",     Nothing,     false) \
+  X(PortableMd5,        "portable.md5",         Nothing,     false) \
+  X(PortableDirectory,  "portable.directory",   Nothing,     false) \
+  X(PortableUnpack,     "portable.unpack",      Nothing,     false) \
+  X(PortableManifest,   "portable.manifest",    Nothing,     false) \
+  X(PortableName,       "portable.name",        Nothing,     false) \
+  X(PortableStore,      "portable.store",       Nothing,     false) \
+  X(PartsManifest,      "parts.manifest",       Failed,      true)  \
+  X(RecordWrite,        "record.write",         Failed,      true)  \
+  X(MarkerWrite,        "marker.write",         Failed,      true)  \
+  X(PartNoUpgrader,     "part.*.no-upgrader",   Failed,      true)  \
+  X(PartInit,           "part.*.init",          Failed,      true)  \
+  X(PartStart,          "part.*.start",         Failed,      true)  \
+  X(PartTimeout,        "part.*.timeout",       Failed,      true)  \
+  X(PartTarget,         "part.*.target",        Failed,      true)  \
+  X(PartClear,          "part.*.clear",         Failed,      true)  \
+  X(PartUnpack,         "part.*.unpack",        Failed,      true)  \
+  X(PartCopy,           "part.*.copy",          Failed,      true)  \
+  X(PartFormat,         "part.*.format",        Failed,      true)  \
+  X(PartMount,          "part.*.mount",         Failed,      true)  \
+  X(PartSize,           "part.*.size",          Failed,      true)  \
+  X(PartImage,          "part.*.image",         Failed,      true)  \
+  X(PartDevice,         "part.*.device",        Failed,      true)  \
+  X(PartWrite,          "part.*.write",         Failed,      true)  \
+  X(PartAnswer,         "part.*.answer",        Failed,      true)  \
+  X(PartVersion,        "part.*.version",       Failed,      true)  \
+  X(PartVerify,         "part.*.verify",        Failed,      true)  \
+  X(PartRecord,         "part.*.record",        Failed,      true)  \
+  X(BatteryDrained,     "battery.drained",      Failed,      false)
+// clang-format on
+
+#define QV_REASON_NAME(name, word, panel, reboots) name,
+enum class Reason : uint8_t { QV_REASONS(QV_REASON_NAME) };
+#undef QV_REASON_NAME
 
 namespace Reasons {
 
-/// What a package that ends for a reason without having started the upgrade shows on the panel.
 enum class Panel : uint8_t {
   Nothing,      ///< nothing further: no report belongs to it, or another one told already
   Failed,       ///< status -1
@@ -78,84 +85,20 @@ enum class Panel : uint8_t {
   BatteryLow,   ///< message 101
 };
 
-/// One reason. A "*" in its word stands for the page word of the part that failed.
 struct Row {
   Reason reason;
   const char* word;
   Panel panel;
-  bool reboots;  ///< the unit does not go on with half a page
+  bool reboots;
 };
 
-// clang-format off
-inline constexpr std::array<Row, 52> kAll = {{
-    {Reason::None,               "",                         Panel::Nothing,     false},
-    {Reason::Stopped,            "stopped",                  Panel::Nothing,     false},
-    {Reason::Busy,               "busy",                     Panel::Nothing,     false},
-    {Reason::BatteryLow,         "battery.low",              Panel::BatteryLow,  false},
-    {Reason::StickUnreadable,    "stick.unreadable",         Panel::Failed,      false},
-    {Reason::PackageNone,        "package.none",             Panel::NoTask,      false},
-    {Reason::PackageName,        "package.name",             Panel::Failed,      false},
-    {Reason::PackageSameVersion, "package.same-version",     Panel::SameVersion, false},
-    {Reason::PackageCopy,        "package.copy",             Panel::Failed,      true},
-    {Reason::PackageUnpack,      "package.unpack",           Panel::Failed,      true},
-    {Reason::ManifestUnreadable, "manifest.unreadable",      Panel::Failed,      false},
-    {Reason::ManifestNoStation,  "manifest.no-station",      Panel::Failed,      false},
-    {Reason::ManifestElement,    "manifest.element",         Panel::Failed,      true},
-    {Reason::PackageHardware,    "package.hardware",         Panel::Failed,      true},
-    {Reason::PackageMd5,         "package.md5",              Panel::Failed,      true},
-    {Reason::PackageInnerUnpack, "package.inner-unpack",     Panel::Failed,      true},
-    {Reason::PagesManifest,      "pages.manifest",           Panel::Failed,      true},
-    {Reason::PagesEntry,         "pages.entry",              Panel::Failed,      true},
-    {Reason::PagesMove,          "pages.move",               Panel::Failed,      true},
-    {Reason::CloudNone,          "cloud.none",               Panel::NoTask,      false},
-    {Reason::CloudAnswer,        "cloud.answer",             Panel::Failed,      false},
-    {Reason::Space,              "space",                    Panel::Failed,      false},
-    {Reason::CloudDownload,      "cloud.download",           Panel::Failed,      false},
-    {Reason::PortableElement,    "portable.element",         Panel::Nothing,     false},
-    {Reason::PortableMd5,        "portable.md5",             Panel::Nothing,     false},
-    {Reason::PortableDirectory,  "portable.directory",       Panel::Nothing,     false},
-    {Reason::PortableUnpack,     "portable.unpack",          Panel::Nothing,     false},
-    {Reason::PortableManifest,   "portable.manifest",        Panel::Nothing,     false},
-    {Reason::PortableName,       "portable.name",            Panel::Nothing,     false},
-    {Reason::PortableStore,      "portable.store",           Panel::Nothing,     false},
-    {Reason::PartsManifest,      "parts.manifest",           Panel::Failed,      true},
-    {Reason::RecordWrite,        "record.write",             Panel::Failed,      true},
-    {Reason::MarkerWrite,        "marker.write",             Panel::Failed,      true},
-    {Reason::PartNoUpgrader,     "part.*.no-upgrader",       Panel::Failed,      true},
-    {Reason::PartInit,           "part.*.init",              Panel::Failed,      true},
-    {Reason::PartStart,          "part.*.start",             Panel::Failed,      true},
-    {Reason::PartTimeout,        "part.*.timeout",           Panel::Failed,      true},
-    {Reason::PartTarget,         "part.*.target",            Panel::Failed,      true},
-    {Reason::PartClear,          "part.*.clear",             Panel::Failed,      true},
-    {Reason::PartUnpack,         "part.*.unpack",            Panel::Failed,      true},
-    {Reason::PartCopy,           "part.*.copy",              Panel::Failed,      true},
-    {Reason::PartFormat,         "part.*.format",            Panel::Failed,      true},
-    {Reason::PartMount,          "part.*.mount",             Panel::Failed,      true},
-    {Reason::PartSize,           "part.*.size",              Panel::Failed,      true},
-    {Reason::PartImage,          "part.*.image",             Panel::Failed,      true},
-    {Reason::PartDevice,         "part.*.device",            Panel::Failed,      true},
-    {Reason::PartWrite,          "part.*.write",             Panel::Failed,      true},
-    {Reason::PartAnswer,         "part.*.answer",            Panel::Failed,      true},
-    {Reason::PartVersion,        "part.*.version",           Panel::Failed,      true},
-    {Reason::PartVerify,         "part.*.verify",            Panel::Failed,      true},
-    {Reason::PartRecord,         "part.*.record",            Panel::Failed,      true},
-    {Reason::BatteryDrained,     "battery.drained",          Panel::Failed,      false},
-}};
-// clang-format on
+#define QV_REASON_ROW(name, word, panel, reboots) Row{Reason::name, word, Panel::panel, reboots},
+inline constexpr std::array kAll = {QV_REASONS(QV_REASON_ROW)};
+#undef QV_REASON_ROW
 
 constexpr const Row& Of(Reason reason) {
   return kAll[static_cast<size_t>(reason)];
 }
-
-namespace Detail {
-constexpr bool RowsFollowReasons() {
-  for (size_t row = 0; row < kAll.size(); ++row) {
-    if (kAll[row].reason != static_cast<Reason>(row)) return false;
-  }
-  return true;
-}
-}  // namespace Detail
-static_assert(Detail::RowsFollowReasons(), "the rows are in the order of the reasons");
 
 }  // namespace Reasons
 

@@ -149,7 +149,7 @@ TEST_F(SubmoduleRunnerTest, PartThatCannotRunFailsAtOnceAndHoldsUpNobody) {
     own.ProgressSum(100, UP_APP);
     EXPECT_TRUE(own.AllFinished());
     EXPECT_EQ(own.Percent(), 50);
-    EXPECT_FALSE(own.CheckModeUpgrade());
+    EXPECT_FALSE(own._CheckModeUpgrade());
     EXPECT_EQ(own.FirstFailure().Word(), reason);
   }
 }
@@ -177,7 +177,7 @@ TEST_F(SubmoduleRunnerTest, FirstEndOfAPartCountsAndLaterReportsAreIgnored) {
 TEST_F(SubmoduleRunnerTest, PackageWithoutPartsIsDoneAtOnce) {
   Upgrade({});
   EXPECT_TRUE(runner.AllFinished());
-  EXPECT_TRUE(runner.CheckModeUpgrade());
+  EXPECT_TRUE(runner._CheckModeUpgrade());
   EXPECT_EQ(runner.Percent(), 0);
 }
 
@@ -185,9 +185,9 @@ TEST_F(SubmoduleRunnerTest, OnlyPartsKnownToBeDoneSurviveTheTimeOut) {
   board.done = {UP_APP};
   Upgrade({UP_APP, UP_MCU, UP_SYSTEM});
   runner.ProgressSum(100, UP_MCU);  // cannot be asked, but has reported
-  runner.QueryProgress();
+  runner._QueryProgress();
   EXPECT_EQ(board.asked, Types({UP_APP, UP_SYSTEM}));
-  EXPECT_FALSE(runner.CheckModeUpgrade());
+  EXPECT_FALSE(runner._CheckModeUpgrade());
   EXPECT_EQ(runner.FirstFailure().Word(), "part.system.timeout");
   runner.ProgressSum(100, UP_SYSTEM);  // too late
 
@@ -223,7 +223,7 @@ TEST_F(SubmoduleRunnerTest, ReportsOfSeveralThreadsAddUp) {
   while (!runner.AllFinished()) runner.LogProgress(0);
   for (std::thread& upgrader : upgraders) upgrader.join();
   EXPECT_EQ(runner.Percent(), kReports + 100);
-  EXPECT_TRUE(runner.CheckModeUpgrade());
+  EXPECT_TRUE(runner._CheckModeUpgrade());
 }
 
 }  // namespace

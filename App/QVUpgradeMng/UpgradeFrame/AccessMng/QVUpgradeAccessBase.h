@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "BSW/StateMachine/StateMachine.h"
 #include "UpgradeFrame/AccessMng/AccessContext.h"
-#include "UpgradeFrame/StateMachine.h"
 #include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradePackage/Reasons.h"
 #include "common/CallbackInfo.h"

@@ -4,8 +4,8 @@
 #include <json/json.h>
 
 #include "BSW/BasicFun/FileUtils.h"
+#include "BSW/Serial/XmodemSender.h"
 #include "UpgradeFrame/UacSubmodules/UacLine.h"
-#include "UpgradeFrame/UacSubmodules/XmodemSender.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 
 namespace {

@@ -4,8 +4,8 @@
 
 #include <deque>
 
+#include "BSW/Serial/IXmodemLine.h"
 #include "BSW/Serial/SerialPort.h"
-#include "UpgradeFrame/UacSubmodules/IXmodemLine.h"
 #include "UpgradePackage/Parts.h"
 #include "common/Condition.h"
 #include "common/Mutex.h"

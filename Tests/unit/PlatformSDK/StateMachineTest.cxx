@@ -1,5 +1,5 @@
 // The thread that walks named states: queued states, unknown states, and the stop.
-#include "UpgradeFrame/StateMachine.h"
+#include "BSW/StateMachine/StateMachine.h"
 
 #include <gtest/gtest.h>
 

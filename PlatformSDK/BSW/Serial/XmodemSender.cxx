@@ -1,5 +1,5 @@
 /// The sending side of XMODEM-1K. Times and tries are the receiving chip's.
-#include "UpgradeFrame/UacSubmodules/XmodemSender.h"
+#include "BSW/Serial/XmodemSender.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-/// The line that an XMODEM transfer runs over, as XmodemSender needs it. UacLine is the real one.
+/// The line that an XMODEM transfer runs over, as XmodemSender needs it; owners of a port implement it.
 #pragma once
 
 #include <chrono>

@@ -1,6 +1,6 @@
 // The XMODEM sender against a scripted boot loader: what it answers to each thing it is sent stands in the
 // test. No time passes here: where the script says nothing, the line reports silence at once.
-#include "UpgradeFrame/UacSubmodules/XmodemSender.h"
+#include "BSW/Serial/XmodemSender.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-/// A thread that walks a table of named states: the frame, the SoC upgraders and the package sources are
-/// state machines of this kind. The owner keeps the table, `static const Table m_MapStateMachineFunc`, and
-/// one handler per state; a handler does the state's work and names the next state.
+/// A thread that walks a table of named states, for owners that do one thing after another. The owner keeps
+/// the table, `static const Table m_MapStateMachineFunc`, and one handler per state; a handler does the
+/// state's work and names the next state.
 #pragma once
 
 #include <cstdint>

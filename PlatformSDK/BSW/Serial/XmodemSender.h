@@ -1,5 +1,5 @@
 /// Sends an image by XMODEM-1K with CRC, as the XMODEM/YMODEM Protocol Reference (C. Forsberg) describes it.
-/// The UAC upgrader uses it; it knows neither threads nor ports.
+/// Knows neither threads nor ports: whoever has a boot loader of this kind on a line gives it that line.
 ///
 /// The story: the receiver calls with 'C' about once a second until the first block comes. A block is
 ///
@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "UpgradeFrame/UacSubmodules/IXmodemLine.h"
+#include "BSW/Serial/IXmodemLine.h"
 
 class XmodemSender {
  public:
