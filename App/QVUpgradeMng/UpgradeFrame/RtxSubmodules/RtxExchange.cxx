@@ -307,7 +307,7 @@ Failure RtxExchange::_HandleSuccessState() {
   const char* const nextDevice = m_host.ModuleSucceeded(m_line.Module());
   m_bFurtherModule = !second && nextDevice != nullptr;
   m_flags.Set(second ? EM_FLAG_UPG_RTX2_SUCCESS : EM_FLAG_UPG_RTX1_SUCCESS);
-  if (!m_bFurtherModule) return {};
+  if (second || nextDevice == nullptr) return {};
   m_flags.Set(EM_FLAG_UPGING_RTX2);
   if (m_line.SetDevice(nextDevice)) return {};
   return Fail(Reason::PartDevice, "%s is no device", nextDevice);

@@ -21,18 +21,19 @@ bool IsFirmwareName(std::string_view name) {
 }  // namespace
 
 Failure RtxFiles::FindIn(const std::string& directory) {
+  const std::string prefix = directory + "/";
   std::string firmware;  // the first by name
   for (const std::string& name : NamesIn(directory)) {
-    if (!IsFirmwareName(name) || !XIsRegularFile(directory + "/" + name)) continue;
+    if (!IsFirmwareName(name) || !XIsRegularFile(prefix + name)) continue;
     if (firmware.empty() || name < firmware) firmware = name;
   }
   if (firmware.empty()) {
     LOGE("get strPackPath bin file error");
     return Fail(Reason::PartImage, "no firmware in %s", directory.c_str());
   }
-  m_strPreLoaderFile = directory + "/" + "rtx-pre-loader.bin";
-  m_strFlashLoaderFile = directory + "/" + "rtx-flash-loader.bin";
-  m_strFirmwareFile = directory + "/" + firmware;
+  m_strPreLoaderFile = prefix + "rtx-pre-loader.bin";
+  m_strFlashLoaderFile = prefix + "rtx-flash-loader.bin";
+  m_strFirmwareFile = prefix + firmware;
   LOGI("Parse file path:\nPlFile:%s\nFlFile:%s\nFwFile:%s", m_strPreLoaderFile.c_str(),
        m_strFlashLoaderFile.c_str(), m_strFirmwareFile.c_str());
   return {};
