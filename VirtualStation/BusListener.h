@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "VirtualStation/BusConnection.h"
+#include "VirtualStation/WakeUp.h"
 
 namespace station {
 
@@ -25,7 +26,7 @@ class BusListener {
   BusConnection m_connection;
   std::string m_interface, m_member;
   std::function<void(const std::string&)> m_heard;
-  int m_stop;  ///< eventfd
+  WakeUp m_stop;
   std::thread m_thread;
 };
 

@@ -6,7 +6,6 @@
 
 #include <fnmatch.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -65,10 +64,9 @@ Commands::Commands() {
   SocketPath().copy(address.sun_path, sizeof address.sun_path - 1);
   unlink(address.sun_path);
   m_listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   constexpr int kBacklog = 64;
   if (bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(m_listener, kBacklog) != 0 || m_wake < 0) {
+      listen(m_listener, kBacklog) != 0) {
     Halt("cannot watch the commands", errno);
   }
   m_thread = std::thread(&Commands::_Serve, this);
@@ -79,13 +77,12 @@ Commands::~Commands() {
     const CLock lock(m_mutex);
     m_stop = true;
   }
-  eventfd_write(m_wake, 1);
+  m_wake.Ring();
   m_thread.join();
   for (const auto& session : m_sessions) {
     close(session.first);
   }
   close(m_listener);
-  close(m_wake);
 }
 
 std::vector<Command> Commands::Journal() const {
@@ -116,7 +113,7 @@ void Commands::Clear() {
     m_holds.clear();
     m_kills.clear();
   }
-  eventfd_write(m_wake, 1);
+  m_wake.Ring();
 }
 
 bool Commands::WaitForStart(const std::string& pattern, Milliseconds timeout, std::size_t count) const {
@@ -151,7 +148,7 @@ void Commands::Release(const std::string& pattern) {
     const CLock lock(m_mutex);
     m_holds.erase(pattern);
   }
-  eventfd_write(m_wake, 1);
+  m_wake.Ring();
 }
 
 void Commands::KillBefore(const std::string& pattern, std::size_t nth) {
@@ -167,7 +164,7 @@ void Commands::KillAfter(const std::string& pattern, std::size_t nth) {
 void Commands::_Serve() {
   std::string message(kMaxMessage, '\0');
   while (true) {
-    std::vector<pollfd> fds = {{m_wake, POLLIN, 0}, {m_listener, POLLIN, 0}};
+    std::vector<pollfd> fds = {m_wake.Watch(), {m_listener, POLLIN, 0}};
     for (const auto& session : m_sessions) {
       fds.push_back({session.first, POLLIN, 0});
     }
@@ -175,8 +172,7 @@ void Commands::_Serve() {
 
     const CLock lock(m_mutex);
     if (fds[0].revents != 0) {
-      eventfd_t ignored = 0;
-      eventfd_read(m_wake, &ignored);
+      m_wake.Quiet();
       if (m_stop) {
         return;
       }

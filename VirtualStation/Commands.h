@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "VirtualStation/WakeUp.h"
 #include "common/Condition.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
@@ -99,7 +100,7 @@ class Commands {
 
   std::map<int, Session> m_sessions;  ///< by socket; the serving thread's alone
   int m_listener = -1;
-  int m_wake = -1;  ///< eventfd: stop, or a hold was released
+  WakeUp m_wake;  ///< stop, or a hold was released
   std::thread m_thread;
 };
 

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,7 +31,7 @@ int OpenReader() {
 
 }  // namespace
 
-FpgaFlash::FpgaFlash() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+FpgaFlash::FpgaFlash() {
   Plug();
   m_thread = std::thread(&FpgaFlash::_Serve, this);
 }
@@ -41,11 +40,10 @@ FpgaFlash::~FpgaFlash() {
   {
     const CLock lock(m_mutex);
     m_stop = true;
-    _Wake();
+    m_wake.Ring();
   }
   m_thread.join();
   Unplug();
-  close(m_wake);
 }
 
 Bytes FpgaFlash::Memory() const {
@@ -61,7 +59,7 @@ std::vector<std::size_t> FpgaFlash::Pieces() const {
 void FpgaFlash::Unplug() {
   const CLock lock(m_mutex);
   _Close(true);
-  _Wake();
+  m_wake.Ring();
 }
 
 void FpgaFlash::Plug() {
@@ -74,19 +72,18 @@ void FpgaFlash::Plug() {
   m_fifo = OpenReader();
   m_ended = true;
   m_stuck = false;
-  _Wake();
+  m_wake.Ring();
 }
 
 void FpgaFlash::_Serve() {
   Bytes piece;
   CLock lock(m_mutex);
   while (!m_stop) {
-    std::array<pollfd, 2> fds = {{{m_wake, POLLIN, 0}, {m_stuck ? -1 : m_fifo, POLLIN, 0}}};
+    std::array<pollfd, 2> fds = {{m_wake.Watch(), {m_stuck ? -1 : m_fifo, POLLIN, 0}}};
     lock.Unlock();
     poll(fds.data(), fds.size(), -1);
     lock.Lock();
-    eventfd_t ignored = 0;
-    eventfd_read(m_wake, &ignored);
+    m_wake.Quiet();
     if (m_fifo < 0 || m_stuck || fds[1].revents == 0) {
       continue;
     }
@@ -133,10 +130,6 @@ void FpgaFlash::_Close(bool unplug) {
     close(m_fifo);
     m_fifo = -1;
   }
-}
-
-void FpgaFlash::_Wake() const {
-  eventfd_write(m_wake, 1);
 }
 
 }  // namespace station

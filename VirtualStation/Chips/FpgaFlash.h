@@ -7,6 +7,7 @@
 
 #include "VirtualStation/Chips/Bytes.h"
 #include "VirtualStation/Chips/Conduct.h"
+#include "VirtualStation/WakeUp.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
 
@@ -38,7 +39,6 @@ class FpgaFlash {
   void _Serve();
   void _TakePiece(const Bytes& piece) REQUIRES(m_mutex);
   void _Close(bool unplug) REQUIRES(m_mutex);
-  void _Wake() const;
 
   Conduct m_conduct;
   mutable CMutex m_mutex;
@@ -48,7 +48,7 @@ class FpgaFlash {
   bool m_stop GUARDED_BY(m_mutex) = false;
   bool m_stuck GUARDED_BY(m_mutex) = false;
   int m_fifo GUARDED_BY(m_mutex) = -1;
-  int m_wake;  ///< eventfd
+  WakeUp m_wake;
   std::thread m_thread;
 };
 

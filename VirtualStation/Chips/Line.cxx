@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <termios.h>
@@ -74,11 +73,7 @@ Line::Line(std::string device, unsigned speed, Received received, Timer timer)
       m_usb(speed == kUsb),
       m_received(std::move(received)),
       m_timerRings(std::move(timer)),
-      m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       m_speed(speed) {
-  if (m_wake < 0) {
-    Halt("cannot make a serial line", errno);
-  }
   Plug();
   m_thread = std::thread(&Line::_Run, this);
 }
@@ -87,11 +82,10 @@ Line::~Line() {
   {
     const CLock lock(m_mutex);
     m_stop = true;
-    _Wake();
+    m_wake.Ring();
   }
   m_thread.join();
   Unplug();
-  close(m_wake);
 }
 
 void Line::Plug() {
@@ -117,7 +111,7 @@ void Line::Plug() {
   }
   fs::remove(m_device);
   fs::create_symlink(name.data(), m_device);
-  _Wake();
+  m_wake.Ring();
 }
 
 void Line::Unplug() {
@@ -132,7 +126,7 @@ void Line::Unplug() {
   m_incoming.clear();
   m_outgoing.clear();
   _SetOpen(false);
-  _Wake();
+  m_wake.Ring();
 }
 
 bool Line::Plugged() const {
@@ -193,13 +187,13 @@ void Line::Send(Bytes answer, const Conduct::Faults& faults) {
   const CLock lock(m_mutex);
   _Enqueue(m_outgoing, answer, m_speed, strikes(FaultKind::Split) ? kSplitGap : Clock::duration::zero(),
            Milliseconds(strikes(FaultKind::Late) ? faults.at(FaultKind::Late) : 0));
-  _Wake();
+  m_wake.Ring();
 }
 
 void Line::SetTimer(std::optional<Clock::time_point> when) {
   const CLock lock(m_mutex);
   m_timer = when;
-  _Wake();
+  m_wake.Ring();
 }
 
 void Line::_Run() {
@@ -241,15 +235,14 @@ bool Line::_Wait() {
     }
   }
   const bool listens = m_open && m_incoming.size() < kTransmitBuffer;
-  std::array<pollfd, 3> fds = {
-      {{m_wake, POLLIN, 0}, {m_watch, POLLIN, 0}, {listens ? m_master : -1, POLLIN, 0}}};
+  std::array<pollfd, 3> fds = {{m_wake.Watch(), {m_watch, POLLIN, 0}, {listens ? m_master : -1, POLLIN, 0}}};
   const auto left = std::max(nanoseconds(next - now), nanoseconds(0));
   const timespec timeout = {static_cast<time_t>(left.count() / std::nano::den),
                             static_cast<long>(left.count() % std::nano::den)};
   m_mutex.Unlock();
   ppoll(fds.data(), fds.size(), next == Clock::time_point::max() ? nullptr : &timeout, nullptr);
   m_mutex.Lock();
-  Drain(m_wake);
+  m_wake.Quiet();
   return !m_stop;
 }
 
@@ -323,10 +316,6 @@ unsigned Line::_HostSpeed() const {
   const auto* const speed = std::find_if(std::begin(kSpeeds), std::end(kSpeeds),
                                          [&](const Speed& candidate) { return candidate.code == code; });
   return speed == std::end(kSpeeds) ? 0 : speed->bitsPerSecond;
-}
-
-void Line::_Wake() const {
-  eventfd_write(m_wake, 1);
 }
 
 }  // namespace station

@@ -16,6 +16,7 @@
 
 #include "VirtualStation/Chips/Bytes.h"
 #include "VirtualStation/Chips/Conduct.h"
+#include "VirtualStation/WakeUp.h"
 #include "common/Condition.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
@@ -79,13 +80,12 @@ class Line {
                 Clock::duration delay = {}) const REQUIRES(m_mutex);
   void _SetOpen(bool open) REQUIRES(m_mutex);
   unsigned _HostSpeed() const REQUIRES(m_mutex);
-  void _Wake() const;
 
   const std::string m_device;
   const bool m_usb;
   const Received m_received;
   const Timer m_timerRings;
-  const int m_wake;  ///< eventfd
+  WakeUp m_wake;
 
   mutable CMutex m_mutex;
   mutable CCondition m_portChanged;

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -62,23 +61,21 @@ Pins::Pins(std::function<void(const PinChange&)> changed)
       m_command(MakeFifo(kCommand)),
       m_export(MakeFifo(kGpio + "/export")),
       m_unexport(MakeFifo(kGpio + "/unexport")),
-      m_inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
-      m_stop(eventfd(0, EFD_CLOEXEC)) {
-  if (m_inotify < 0 || m_stop < 0) {
+      m_inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  if (m_inotify < 0) {
     Halt("cannot watch the pins", errno);
   }
   m_thread = std::thread(&Pins::_Serve, this);
 }
 
 Pins::~Pins() {
-  eventfd_write(m_stop, 1);
+  m_stop.Ring();
   m_thread.join();
   PowerCycle();
   RemoveFifo(kCommand, m_command);
   RemoveFifo(kGpio + "/export", m_export);
   RemoveFifo(kGpio + "/unexport", m_unexport);
   close(m_inotify);
-  close(m_stop);
 }
 
 std::vector<PinChange> Pins::Changes() const {
@@ -105,7 +102,7 @@ void Pins::PowerCycle() {
 
 void Pins::_Serve() {
   while (true) {
-    std::array<pollfd, 5> fds = {{{m_stop, POLLIN, 0},
+    std::array<pollfd, 5> fds = {{m_stop.Watch(),
                                   {m_inotify, POLLIN, 0},
                                   {m_export, POLLIN, 0},
                                   {m_unexport, POLLIN, 0},

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "VirtualStation/WakeUp.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
 
@@ -53,7 +54,7 @@ class Pins {
   std::map<int, int> m_exported GUARDED_BY(m_mutex);  ///< line, inotify watch
   int m_command, m_export, m_unexport;
   int m_inotify;
-  int m_stop;  ///< eventfd
+  WakeUp m_stop;
   std::thread m_thread;
 };
 

@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -81,14 +80,13 @@ std::string Head(int status, std::uint64_t length, const std::string& headers) {
 
 }  // namespace
 
-Cloud::Cloud() : m_nameServer(Bind(SOCK_DGRAM, kNameServer, kDnsPort)), m_stop(eventfd(0, EFD_CLOEXEC)) {
+Cloud::Cloud() : m_nameServer(Bind(SOCK_DGRAM, kNameServer, kDnsPort)) {
   WriteNames();
   Return();
 }
 
 Cloud::~Cloud() {
   Leave();
-  close(m_stop);
   close(m_nameServer);
 }
 
@@ -108,10 +106,9 @@ void Cloud::Return() {
 
 void Cloud::Leave() {
   if (!m_accept.joinable()) return;
-  eventfd_write(m_stop, 1);
+  m_leave.Ring();
   m_accept.join();
-  eventfd_t wakes = 0;
-  eventfd_read(m_stop, &wakes);
+  m_leave.Quiet();
   close(m_plain);
   close(m_secure);
   std::list<Client> clients;
@@ -133,7 +130,7 @@ void Cloud::Leave() {
 }
 
 void Cloud::_Accept() {
-  pollfd fds[] = {{m_plain, POLLIN, 0}, {m_secure, POLLIN, 0}, {m_stop, POLLIN, 0}};
+  pollfd fds[] = {{m_plain, POLLIN, 0}, {m_secure, POLLIN, 0}, m_leave.Watch()};
   while (poll(fds, 3, -1) >= 0 && fds[2].revents == 0) {
     for (const bool secure : {false, true}) {
       const int socket = fds[secure ? 1 : 0].revents == 0

@@ -20,6 +20,7 @@
 #include "VirtualStation/Cloud/CloudTls.h"
 #include "VirtualStation/Cloud/HttpConnection.h"
 #include "VirtualStation/PackageBuilder.h"
+#include "VirtualStation/WakeUp.h"
 #include "common/Condition.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
@@ -128,8 +129,8 @@ class Cloud {
   bool _WaitFor(std::vector<HttpRequest> Cloud::*requests, Milliseconds timeout, std::size_t nth) const;
 
   const CloudTls m_tls;
-  int m_nameServer;                 ///< hears every question and answers none
-  int m_stop;                       ///< eventfd: leave
+  int m_nameServer;  ///< hears every question and answers none
+  WakeUp m_leave;
   int m_plain = -1, m_secure = -1;  ///< listening sockets
   std::thread m_accept;             ///< runs while the backend is there
 

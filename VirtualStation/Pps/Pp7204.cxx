@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -55,7 +54,6 @@ Pp7204::Pp7204(PpVersions versions, const std::vector<Fault>& faults, PpNodes no
       m_conduct(faults),
       m_voice(kFamily, m_conduct, m_line),
       m_versions(std::move(versions)),
-      m_stop(eventfd(0, EFD_CLOEXEC)),
       m_line(m_nodes.serial, Line::kUsb, [this](const Bytes& bytes) { _Receive(bytes); }) {
   const CLock lock(m_mutex);
   _Appear();
@@ -63,10 +61,9 @@ Pp7204::Pp7204(PpVersions versions, const std::vector<Fault>& faults, PpNodes no
 }
 
 Pp7204::~Pp7204() {
-  eventfd_write(m_stop, 1);
+  m_stop.Ring();
   m_watch.join();
   Unplug();
-  close(m_stop);
 }
 
 void Pp7204::Plug() {
@@ -135,7 +132,7 @@ void Pp7204::_Receive(const Bytes& bytes) {
 
 void Pp7204::_Watch() {
   const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-  pollfd fds[] = {{m_stop, POLLIN, 0}, {mounts, POLLPRI, 0}};
+  pollfd fds[] = {m_stop.Watch(), {mounts, POLLPRI, 0}};
   bool mounted = false;
   while (fds[0].revents == 0) {
     {
@@ -186,7 +183,7 @@ void Pp7204::_Restart(const std::string& name, const std::string& content, bool 
     m_versions.software = *VersionIn(name);
     m_firmware = content;
   }
-  pollfd stop = {m_stop, POLLIN, 0};
+  pollfd stop = m_stop.Watch();
   m_mutex.Unlock();
   const bool stopped = poll(&stop, 1, static_cast<int>(kRestartTime.count())) != 0;
   m_mutex.Lock();

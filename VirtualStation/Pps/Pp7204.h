@@ -10,6 +10,7 @@
 
 #include "VirtualStation/Disk.h"
 #include "VirtualStation/Pps/PpFrames.h"
+#include "VirtualStation/WakeUp.h"
 #include "common/Condition.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
@@ -64,7 +65,7 @@ class Pp7204 {
   std::unique_ptr<Disk> m_disk GUARDED_BY(m_mutex);  ///< none while it is off the bus
   std::string m_firmware GUARDED_BY(m_mutex);
   int m_restarts GUARDED_BY(m_mutex) = 0;
-  int m_stop;  ///< eventfd
+  WakeUp m_stop;
   Line m_line;
   std::thread m_watch;  ///< last: it uses the rest
 };

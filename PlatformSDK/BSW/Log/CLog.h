@@ -51,7 +51,7 @@ class CLog : public CThread, public CSingleton<CLog> {
   bool CleanUp();
 
   /// Threshold of all categories: 1 ERROR, 2 WARN, 3 INFO, anything else DEBUG. File lines have INFO
-  /// priority, so 1 and 2 silence the files.
+  /// priority, so 1 and 2 silence the files. No caller yet.
   void SetDebugLevel(int level);
 
   /// Prints to standard output when Init was told to; takes no lock. Always 0.
@@ -70,6 +70,8 @@ class CLog : public CThread, public CSingleton<CLog> {
   /// format, given to Debug and then to System.
   void Statement(LOG_E_LEVEL level, const char* file, int line, const char* fmt, ...)
       __attribute__((format(printf, 5, 6)));
+
+  // No caller yet for these four.
 
   /// Switches all four file functions; always true.
   bool OpenOrCloseModuleLog(bool on);
@@ -109,12 +111,12 @@ class CLog : public CThread, public CSingleton<CLog> {
   CMutex m_Mutex;  ///< also serialises Init, CleanUp and the file functions
 };
 
-/// Logs on the named category when it exists and has the priority enabled.
+/// Logs on the named category when it exists and has the priority enabled. No caller yet.
 void UniLog(int priority, const std::string& category, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 /// vprintf into a string of any length.
 std::string vform(const char* fmt, va_list args) __attribute__((format(printf, 1, 0)));
-/// Sets the priority of every category that exists now.
+/// Sets the priority of every category that exists now. No caller yet.
 void SetAllPriority(int priority);
 
 /// The file name within a source path, at compile time.

@@ -38,7 +38,7 @@ class CSerialLink {
   /// and the thread idles until a later CreateSerial or RestartSerial succeeds.
   bool RestartSerial(const UART_MNG_INFO_S* info);
 
-  /// Replaces the labels of the two ends in dumps.
+  /// Replaces the labels of the two ends in dumps. No caller yet.
   void ModifySerialName(const std::string& master, const std::string& slaver);
 
   /// Logs traffic: as text, or as hexadecimal digits into the access log.

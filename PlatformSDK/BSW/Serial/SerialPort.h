@@ -26,11 +26,11 @@ class SerialPort : public CSerialLink {
   int SendFrame(const char* frame, int length);
 
   /// Replaces the callback. A call that runs may still be the old one's, also after
-  /// UnRegisterUartEventCallback.
+  /// UnRegisterUartEventCallback, which has no caller yet.
   void RegisterUartEventCallback(const SerialRecvCallback& callback);
   void UnRegisterUartEventCallback();
 
-  /// Sum of the bytes modulo 256.
+  /// Sum of the bytes modulo 256. No caller yet.
   static uint8_t GetSum(const std::vector<uint8_t>& bytes);
 
  protected:

@@ -44,7 +44,7 @@ class SerialPrase : public CSerialLink {
   /// Hands the payload of a checked frame to UartRecvCallback and gives its result; -1 for no frame.
   virtual int32_t ProcessFrame(const uint8_t* frame, int16_t length);
 
-  /// CRC-16/XMODEM, for protocols that carry one in their payload.
+  /// CRC-16/XMODEM, for protocols that carry one in their payload. No caller yet.
   static uint16_t _PackCrc16(const uint8_t* data, uint32_t length);
 
  protected:

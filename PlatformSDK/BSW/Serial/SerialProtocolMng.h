@@ -39,7 +39,8 @@ class SerialProtocolMng final : public SerialPort, public CThread {
   /// Stops both threads. Must not run on either.
   ~SerialProtocolMng() override;
 
-  /// Replaces the handler. A call that runs may still be the old one's, also after UnregFrameRecvCb.
+  /// Replaces the handler. A call that runs may still be the old one's, also after UnregFrameRecvCb,
+  /// which has no caller yet.
   void RegFrameRecvCb(const ProtocolDataHandler& handler);
   void UnregFrameRecvCb();
 
