@@ -5,8 +5,34 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "BSW/BasicFun/VersionNumbers.h"
+
+/// The one form in which software versions of parts are kept and compared: "S", four numbers, the last with
+/// at least two digits ("S1.0.2.05"). Package names may write it without the padding.
+namespace PpVersion {
+
+inline std::string Text(const VersionNumbers& numbers) {
+  return "S" + VersionNumbersText(numbers);
+}
+
+/// Reads "[S]a.b.c.d", numbers up to 255. Nothing when `text` as a whole is no such version.
+inline std::optional<VersionNumbers> Parse(std::string_view text) {
+  if (!text.empty() && text.front() == 'S') text.remove_prefix(1);
+  return ParseVersionNumbers(text);
+}
+
+/// A version in the one form; any other text as it is.
+inline std::string Normal(const std::string& text) {
+  const std::optional<VersionNumbers> numbers = Parse(text);
+  return numbers ? Text(*numbers) : text;
+}
+
+}  // namespace PpVersion
 
 namespace UpgPp {
 

@@ -12,7 +12,7 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/Log/CLog.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
-#include "UpgradePp/PpFirmware.h"
+#include "UpgradePp/PpStore.h"
 
 using namespace UpgPp;
 
@@ -107,7 +107,7 @@ bool UpgradePp::Debug() {
 }
 
 bool UpgradePp::_LoadFwInfo() {
-  PpFwMap held = PpFirmware::Load();
+  PpFwMap held = PpStore::Load();
   const CLock lock(m_flags.Mutex());
   m_mapPpFwInfo = std::move(held);
   bool isAnyHeld = false;
