@@ -122,16 +122,9 @@ inline constexpr uint32_t kPortFlags = EM_FLAG_OLD_UART_OPEN | EM_FLAG_NEW_UART_
 
 /// The flag that a package is held for a type; no flag for one that is never upgraded.
 constexpr uint32_t PackageFlag(PpType type) {
-  switch (type) {
-    case EM_PP_7308:
-      return EM_FLAG_7308_VER_INFO_LOADED;
-    case EM_PP_7204:
-      return EM_FLAG_LOAD_7204_DVT_PACKAGE;
-    case EM_PP_7204_EVT:
-      return EM_FLAG_LOAD_7204_EVT_PACKAGE;
-    default:
-      return 0;
-  }
+  if (type == EM_PP_7308) return EM_FLAG_7308_VER_INFO_LOADED;
+  if (type == EM_PP_7204) return EM_FLAG_LOAD_7204_DVT_PACKAGE;
+  return type == EM_PP_7204_EVT ? EM_FLAG_LOAD_7204_EVT_PACKAGE : 0U;
 }
 
 }  // namespace UpgPp
