@@ -7,7 +7,6 @@
 
 #include "BSW/BasicFun/StringUtils.h"
 #include "UpgradePp/PpMessages.h"
-#include "UpgradePp/PpVersion.h"
 
 namespace {
 
@@ -16,9 +15,7 @@ void Judge(const PpInfo_t& info) {
        {info.strProductModuleNum, info.strVerison, info.strHwVerison, info.strRtxVerison}) {
     if (!IsValidUtf8(text) || text.size() > 255) std::abort();
   }
-  const std::string normal = PpVersion::Normal(info.strVerison);
-  if (normal.empty() != PpVersion::Numbers(info.strVerison).empty()) std::abort();
-  if (!normal.empty() && normal != info.strVerison) std::abort();
+  if (PpVersion::Normal(info.strVerison) != info.strVerison) std::abort();
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ namespace {
 
 // Path prefixes from the ground up. The last prefix that matches a path decides its floor, so that a folder's
 // exceptions stand behind it.
-constexpr std::array<std::pair<const char*, int>, 23> kFloors = {{
+constexpr std::array<std::pair<const char*, int>, 24> kFloors = {{
     {"PlatformSDK/Include/", 0},
     {"PlatformSDK/BSW/", 4},
     {"PlatformSDK/Backend/", 4},
@@ -41,6 +41,7 @@ constexpr std::array<std::pair<const char*, int>, 23> kFloors = {{
     {"App/QVUpgradeMng/UpgradeFrame/QVUpgradeFrameBase", 10},
     {"App/QVUpgradeMng/UpgradeFrame/AccessMng/", 11},
     {"App/QVUpgradeMng/UpgradePp/", 12},
+    {"App/QVUpgradeMng/UpgradePp/PpTypes", 5},
     {"App/QVUpgradeMng/UpgradePp/PpStore", 8},
 }};
 constexpr int kMainFloor = 13;

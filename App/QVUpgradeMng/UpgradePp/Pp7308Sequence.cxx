@@ -54,14 +54,9 @@ constexpr int64_t kMaxImageBytes = 64 * 1024 * 1024;
 
 }  // namespace
 
-bool Pp7308Sequence::Init() {
+Pp7308Sequence::Pp7308Sequence(CFlags& flags, PpLink& link) : m_flags(flags), m_link(link) {
   m_upgPpRtx.RegUpgRxResultCallBack(
       [this](bool success, const std::string& message) { _UpgRtxResultCb(success, message); });
-  return m_upgPpRtx.Init();
-}
-
-void Pp7308Sequence::CleanUp() {
-  m_upgPpRtx.CleanUp();
 }
 
 UpgradeStateType Pp7308Sequence::_Upg7308(UpgPp::PpType type, const UpgPp::PpFw_t& firmware,

@@ -14,13 +14,13 @@
 class Pp7308Sequence {
  public:
   /// The arguments outlive this.
-  Pp7308Sequence(CFlags& flags, PpLink& link) : m_flags(flags), m_link(link) {}
+  Pp7308Sequence(CFlags& flags, PpLink& link);
 
   /// Starts the threads of the radio module's upgrader; false, logged, when one cannot start.
-  bool Init();
+  bool Init() { return m_upgPpRtx.Init(); }
   /// Ends a run of the radio module's upgrader, for good. While _Upg7308 is under way only once the flags are
   /// ending: no result comes any more.
-  void CleanUp();
+  void CleanUp() { m_upgPpRtx.CleanUp(); }
 
   /// Upgrades the part behind `device`, whose newer port is open, to `firmware`, that of its `type`: success
   /// or failure. Ends as failed when any answer is missing, and at once when the flags are ending. State

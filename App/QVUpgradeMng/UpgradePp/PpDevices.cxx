@@ -3,6 +3,7 @@
 #include "UpgradePp/PpDevices.h"
 
 #include <algorithm>
+#include <iterator>
 #include <regex>
 
 #include "BSW/BasicFun/BlockNodes.h"
@@ -26,14 +27,10 @@ PpDevices::Event PpDevices::Report(const UsbHotPlugInfo& info, bool inSync, Time
   if (!isKnown) *record = {info, false, now};
   record->heldBack = !inSync;
   if (record->heldBack) return Event::HeldBack;
-  m_deqTurns.erase(std::remove_if(m_deqTurns.begin(), m_deqTurns.end(),
-                                  [&info](const Turn& turn) { return turn.device == info.strDevFile; }),
-                   m_deqTurns.end());
+  for (auto turn = m_turns.begin(); turn != m_turns.end();) {
+    turn = turn->second == info.strDevFile ? m_turns.erase(turn) : std::next(turn);
+  }
   return Event::Handle;
-}
-
-void PpDevices::AddTurn(const std::string& device, Time due) {
-  m_deqTurns.push_back({device, due});
 }
 
 std::vector<PpDevices::UsbHotPlugInfo> PpDevices::Known() const {
@@ -48,35 +45,17 @@ bool PpDevices::AnyPresent() const {
                      [](const Record& record) { return record.info.bState; });
 }
 
-std::deque<PpDevices::Turn>::const_iterator PpDevices::_Next() const {
-  return std::min_element(m_deqTurns.begin(), m_deqTurns.end(),
-                          [](const Turn& left, const Turn& right) { return left.due < right.due; });
-}
-
 std::optional<PpDevices::Time> PpDevices::NextDue() const {
-  const auto next = _Next();
-  if (next == m_deqTurns.end()) return std::nullopt;
-  return next->due;
+  if (m_turns.empty()) return std::nullopt;
+  return m_turns.begin()->first;
 }
 
 void PpDevices::TakeNext() {
-  const auto next = _Next();
-  if (next == m_deqTurns.end()) return;
-  m_strCurrent = next->device;
-  m_deqTurns.erase(next);
+  if (m_turns.empty()) return;
+  m_strCurrent = m_turns.begin()->second;
+  m_turns.erase(m_turns.begin());
   const Record* const record = _Find(m_strCurrent);
   m_currentSince = record != nullptr ? record->since : Time();
-}
-
-void PpDevices::StorageCame(const std::string& node, Time now) {
-  StorageWent(node);
-  m_vecStorage.push_back({node, now});
-}
-
-void PpDevices::StorageWent(const std::string& node) {
-  m_vecStorage.erase(std::remove_if(m_vecStorage.begin(), m_vecStorage.end(),
-                                    [&node](const Storage& storage) { return storage.node == node; }),
-                     m_vecStorage.end());
 }
 
 bool PpDevices::_CameWithCurrent(Time since) const {
@@ -85,8 +64,8 @@ bool PpDevices::_CameWithCurrent(Time since) const {
 
 std::set<std::string> PpDevices::_CurrentDisks() const {
   std::set<std::string> disks;
-  for (const Storage& storage : m_vecStorage) {
-    if (_CameWithCurrent(storage.since)) disks.insert(BlockNodes::DiskOf(storage.node));
+  for (const auto& [node, since] : m_storage) {
+    if (_CameWithCurrent(since)) disks.insert(BlockNodes::DiskOf(node));
   }
   return disks;
 }
@@ -99,18 +78,12 @@ bool PpDevices::IsStorageAmbiguous() const {
   return parts > 1 || _CurrentDisks().size() > 1;
 }
 
-bool PpDevices::HasStorage(const std::string& node) const {
-  return std::any_of(m_vecStorage.begin(), m_vecStorage.end(),
-                     [&node](const Storage& storage) { return storage.node == node; });
-}
-
 std::string PpDevices::CurrentStorage() const {
   const std::set<std::string> disks = _CurrentDisks();
   if (disks.empty() || IsStorageAmbiguous()) return {};
   const std::string& disk = *disks.begin();
   std::string first;
-  for (const Storage& storage : m_vecStorage) {
-    const std::string& node = storage.node;
+  for (const auto& [node, since] : m_storage) {
     if (BlockNodes::DiskOf(node) != disk || BlockNodes::IsWholeDisk(node)) continue;
     if (first.empty() || BlockNodes::ComesBefore(node, first)) first = node;
   }

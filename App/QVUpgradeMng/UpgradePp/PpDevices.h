@@ -7,7 +7,7 @@
 #pragma once
 
 #include <chrono>
-#include <deque>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -37,7 +37,7 @@ class PpDevices {
   /// false while the clock is out of sync.
   Event Report(const UsbHotPlugInfo& info, bool inSync, Time now);
   /// Gives a device a turn, not before `due`.
-  void AddTurn(const std::string& device, Time due);
+  void AddTurn(const std::string& device, Time due) { m_turns.emplace(due, device); }
   /// The last known state of each serial device.
   [[nodiscard]] std::vector<UsbHotPlugInfo> Known() const;
   [[nodiscard]] bool AnyPresent() const;
@@ -49,16 +49,16 @@ class PpDevices {
   /// Makes the device that is due first the current one.
   void TakeNext();
 
-  void StorageCame(const std::string& node, Time now);
-  void StorageWent(const std::string& node);
-  [[nodiscard]] bool AnyStorage() const { return !m_vecStorage.empty(); }
+  void StorageCame(const std::string& node, Time now) { m_storage[node] = now; }
+  void StorageWent(const std::string& node) { m_storage.erase(node); }
+  [[nodiscard]] bool AnyStorage() const { return !m_storage.empty(); }
   /// The storage node that came with the current device: the first partition of its disk, the disk itself
   /// when it has none. Empty while there is none, and while IsStorageAmbiguous.
   [[nodiscard]] std::string CurrentStorage() const;
   /// True when the storage may be another's: two disks, or two parts that may have one, came with the current
   /// device.
   [[nodiscard]] bool IsStorageAmbiguous() const;
-  [[nodiscard]] bool HasStorage(const std::string& node) const;
+  [[nodiscard]] bool HasStorage(const std::string& node) const { return m_storage.count(node) != 0; }
 
   /// True for a serial device of the kind that a 7204 has.
   static bool MayHaveStorage(const std::string& device);
@@ -69,24 +69,15 @@ class PpDevices {
     bool heldBack = false;
     Time since;  ///< of this state
   };
-  struct Turn {
-    std::string device;
-    Time due;
-  };
-  struct Storage {
-    std::string node;
-    Time since;
-  };
 
   Record* _Find(const std::string& device);
-  [[nodiscard]] std::deque<Turn>::const_iterator _Next() const;
   [[nodiscard]] bool _CameWithCurrent(Time since) const;
   /// The disks that came with the current device, each once.
   [[nodiscard]] std::set<std::string> _CurrentDisks() const;
 
-  std::vector<Record> m_vecUsbHotPlugInfo;  ///< one per device, in the order of their first event
-  std::deque<Turn> m_deqTurns;
+  std::vector<Record> m_vecUsbHotPlugInfo;   ///< one per device, in the order of their first event
+  std::multimap<Time, std::string> m_turns;  ///< waiting devices by when they are due
   std::string m_strCurrent;
-  Time m_currentSince;                ///< when the current device came
-  std::vector<Storage> m_vecStorage;  ///< in the order in which they came
+  Time m_currentSince;                    ///< when the current device came
+  std::map<std::string, Time> m_storage;  ///< since when each node is there
 };

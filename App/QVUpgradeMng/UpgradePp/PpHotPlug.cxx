@@ -58,15 +58,13 @@ void PpHotPlug::_Handle(const PpDevices::UsbHotPlugInfo& info) {
   const PpDevices::Event event = m_devices.Report(info, m_bCascadeClockSync, Clock::now());
   m_bUsbInsert = m_devices.AnyPresent();
   lock.Unlock();
-  switch (event) {
-    case PpDevices::Event::NoChange:
-      LOGW("USB state no change ,no need process");
-      return;
-    case PpDevices::Event::HeldBack:
-      LOGI("m_bCascadeClockSync is false, strDevFile = %s, bState =%d", info.strDevFile.c_str(), info.bState);
-      return;
-    case PpDevices::Event::Handle:
-      break;
+  if (event == PpDevices::Event::NoChange) {
+    LOGW("USB state no change ,no need process");
+    return;
+  }
+  if (event == PpDevices::Event::HeldBack) {
+    LOGI("m_bCascadeClockSync is false, strDevFile = %s, bState =%d", info.strDevFile.c_str(), info.bState);
+    return;
   }
   if (info.bState) {
     _PlugIn(info.strDevFile);

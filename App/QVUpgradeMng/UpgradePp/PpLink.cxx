@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -23,6 +22,21 @@ constexpr const char* kPartLabel = "PP";
 
 /// Model numbers as hexadecimal digits: the base station is a 9031, the part an 04.
 constexpr SerialProtocolMng::PayloadCfg_t m_stPayloadCfg = {0x01, 0x90, 0x31, 0x04};
+
+/// What differs between the protocols, in the order of ProtocolType.
+struct Protocol {
+  const char* name;
+  uint16_t versionRequest;
+  FlagType isOpen;
+  const char* opening;  ///< for the log, as the next
+  const char* closing;
+};
+constexpr std::array<Protocol, 2> kProtocols = {{
+    {"EM_PROT_73_OLD", EM_OLD_CMD_GET_PP_VERSION_INFO, EM_FLAG_OLD_UART_OPEN,
+     "_OpenOldUart=========", "_CloseOldUart========="},
+    {"EM_PROT_72_NEW", EM_NEW_CMD_REQ_PP_VERSION, EM_FLAG_NEW_UART_OPEN,
+     "_OpenUart=========", "_CloseUart========="},
+}};
 
 /// Of an acknowledgement.
 constexpr uint8_t kAccepted = 0;
@@ -57,10 +71,6 @@ PpLink::PpLink(CFlags& flags, std::function<void()> onReady)
   m_UartInfo.strSlaverType = kPartLabel;
 }
 
-PpLink::~PpLink() {
-  if (!CThread::HasCrashed()) CleanUp();
-}
-
 void PpLink::SetStationName(const std::string& name) {
   const CLock lock(m_portMutex);
   m_UartInfo.strMasterType = name;
@@ -76,15 +86,15 @@ void PpLink::CleanUp() {
 bool PpLink::OpenUart(ProtocolType type, const std::string& device) {
   const CLock lock(m_portMutex);
   _PrintPorts("try to open uart! New:");
-  if (m_flags.Has(_OpenFlag(type))) {
+  if (m_flags.Has(kProtocols.at(type).isOpen)) {
     LOGI("Uart has been open!");
     return true;
   }
   // Whoever clears the flag closes the ports afterwards, so that none stays open on a device that went.
   if (m_flags.Ending() || !m_flags.Has(EM_FLAG_PLUG_IN)) return false;
-  LOGI(type == EM_PROT_73_OLD ? "_OpenOldUart=========" : "_OpenUart=========");
+  LOGI("%s", kProtocols.at(type).opening);
   if (!m_UartInfo.SetDevName(device) || !_Port(type).CreateSerial(&m_UartInfo)) return false;
-  m_flags.Set(_OpenFlag(type));
+  m_flags.Set(kProtocols.at(type).isOpen);
   return true;
 }
 
@@ -93,9 +103,9 @@ bool PpLink::CloseUart(ProtocolType type) {
   return _CloseUart(type);
 }
 
-bool PpLink::CloseUarts() {
+void PpLink::CloseUarts() {
   const CLock lock(m_portMutex);
-  return _CloseBoth();
+  _CloseBoth();
 }
 
 void PpLink::CloseUartsOf(const std::string& device) {
@@ -103,16 +113,15 @@ void PpLink::CloseUartsOf(const std::string& device) {
   if (device == m_UartInfo.szDevName) _CloseBoth();
 }
 
-bool PpLink::_CloseBoth() {
-  const bool newClosed = _CloseUart(EM_PROT_72_NEW);
-  return _CloseUart(EM_PROT_73_OLD) && newClosed;
+void PpLink::_CloseBoth() {
+  for (const ProtocolType type : {EM_PROT_72_NEW, EM_PROT_73_OLD}) _CloseUart(type);
 }
 
 bool PpLink::_CloseUart(ProtocolType type) {
   _PrintPorts("try to close uart! New:");
-  if (!m_flags.Has(_OpenFlag(type))) return true;
-  LOGI(type == EM_PROT_73_OLD ? "_CloseOldUart=========" : "_CloseUart=========");
-  m_flags.Clear(_OpenFlag(type));
+  if (!m_flags.Has(kProtocols.at(type).isOpen)) return true;
+  LOGI("%s", kProtocols.at(type).closing);
+  m_flags.Clear(kProtocols.at(type).isOpen);
   return _Port(type).DestroySerial();
 }
 
@@ -121,23 +130,14 @@ CSerialLink& PpLink::_Port(ProtocolType type) {
   return *m_pNewProtocol;
 }
 
-uint32_t PpLink::_OpenFlag(ProtocolType type) {
-  return type == EM_PROT_73_OLD ? EM_FLAG_OLD_UART_OPEN : EM_FLAG_NEW_UART_OPEN;
-}
-
 void PpLink::_PrintPorts(const char* action) const {
   std::printf("%s%d, Old:%d, m_iFlags:%d\n", action, m_flags.Has(EM_FLAG_NEW_UART_OPEN),
               m_flags.Has(EM_FLAG_OLD_UART_OPEN), m_flags.Flags());
 }
 
 const char* PpLink::TraceProtocolType(ProtocolType type) {
-  switch (type) {
-    case EM_PROT_73_OLD:
-      return "EM_PROT_73_OLD";
-    case EM_PROT_72_NEW:
-      return "EM_PROT_72_NEW";
-  }
-  return "NOT SUPPORT";
+  const auto row = static_cast<size_t>(type);
+  return row < kProtocols.size() ? kProtocols.at(row).name : "NOT SUPPORT";
 }
 
 // ----------------------------------------------------------------------------------------------- sending
@@ -176,22 +176,13 @@ PpLink::Answer PpLink::Request(uint16_t cmd, uint32_t flags, std::chrono::millis
 }
 
 PpLink::Answer PpLink::RequestVersion(std::chrono::milliseconds time) {
-  const bool isNew = m_emProtoclType == EM_PROT_72_NEW;
-  const auto cmd = static_cast<uint16_t>(isNew ? static_cast<int>(EM_NEW_CMD_REQ_PP_VERSION)
-                                               : static_cast<int>(EM_OLD_CMD_GET_PP_VERSION_INFO));
-  return Request(cmd, EM_FLAG_GET_VER, time);
+  return Request(kProtocols.at(m_emProtoclType).versionRequest, EM_FLAG_GET_VER, time);
 }
 
 // --------------------------------------------------------------------------------------------- receiving
 
 PpInfo_t PpLink::Info() {
   const CLock lock(m_flags.Mutex());
-  return m_stPpInfo;
-}
-
-std::optional<PpInfo_t> PpLink::Reported() {
-  const CLock lock(m_flags.Mutex());
-  if (!m_flags.Has(EM_FLAG_GET_VER)) return std::nullopt;
   return m_stPpInfo;
 }
 

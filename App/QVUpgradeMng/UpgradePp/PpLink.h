@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,9 +40,6 @@ class PpLink {
   /// Both ports are closed. `flags` outlives this. `onReady` is called on the receive thread of the newer
   /// frames with no lock held, when a part reports that it is ready.
   PpLink(CFlags& flags, std::function<void()> onReady);
-  ~PpLink();
-  PpLink(const PpLink&) = delete;
-  PpLink& operator=(const PpLink&) = delete;
 
   /// Names this end in dumps. Before the first opening.
   void SetStationName(const std::string& name) EXCLUDES(m_portMutex);
@@ -54,7 +50,7 @@ class PpLink {
   /// that went is not opened any more. Neither this nor closing on a receive thread.
   bool OpenUart(ProtocolType type, const std::string& device) EXCLUDES(m_portMutex, m_flags.Mutex());
   bool CloseUart(ProtocolType type) EXCLUDES(m_portMutex, m_flags.Mutex());
-  bool CloseUarts() EXCLUDES(m_portMutex, m_flags.Mutex());
+  void CloseUarts() EXCLUDES(m_portMutex, m_flags.Mutex());
   /// Closes both ports if they were opened last on `device`.
   void CloseUartsOf(const std::string& device) EXCLUDES(m_portMutex, m_flags.Mutex());
 
@@ -75,8 +71,6 @@ class PpLink {
 
   /// What the part reported last, or is taken for until it does.
   PpInfo_t Info() EXCLUDES(m_flags.Mutex());
-  /// What the part reported; nothing while EM_FLAG_GET_VER is not set.
-  std::optional<PpInfo_t> Reported() EXCLUDES(m_flags.Mutex());
   /// Forgets what the part reported; `type` is what it is taken for until it reports.
   void CleanInfo(UpgPp::PpType type = UpgPp::EM_PP_MAX) EXCLUDES(m_flags.Mutex());
 
@@ -84,9 +78,8 @@ class PpLink {
   using ProtocolData_t = SerialProtocolMng::ProtocolData_t;
 
   bool _CloseUart(ProtocolType type) REQUIRES(m_portMutex);
-  bool _CloseBoth() REQUIRES(m_portMutex);
+  void _CloseBoth() REQUIRES(m_portMutex);
   CSerialLink& _Port(ProtocolType type);
-  static uint32_t _OpenFlag(ProtocolType type);
   void _PrintPorts(const char* action) const;
 
   // The receive threads.

@@ -9,7 +9,6 @@
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "BSW/Serial/HexText.h"
-#include "UpgradePp/PpVersion.h"
 
 namespace PpMessages {
 
@@ -23,15 +22,10 @@ constexpr std::string_view kModule7308 = "7308";
 constexpr size_t kVersionNumbers = 4;
 constexpr size_t kMaxTextBytes = 255;  // its length is one byte
 
-bool IsControl(char character) {
-  const auto byte = static_cast<unsigned char>(character);
-  return byte < 0x20 || byte == 0x7F;
-}
-
 /// What a part's field says; empty, logged, when that is no text.
 std::string UsableText(const std::string& field) {
   std::string text = field.substr(0, field.find('\0'));  // up to its padding
-  if (IsValidUtf8(text) && std::none_of(text.begin(), text.end(), IsControl)) return text;
+  if (IsVersionText(text)) return text;
   LOGW("Unusable text of a PP, taken as empty:%s", HexText(field.data(), field.size()).c_str());
   return {};
 }
@@ -70,22 +64,12 @@ PpType TypeOf(unsigned family, const std::string& hardware) {
   return isEvt ? UpgPp::EM_PP_7204_EVT : UpgPp::EM_PP_7204;
 }
 
-/// In the one form, where it is a version; else as the part says it.
-std::string SoftwareVersion(const std::string& text) {
-  const std::string normal = PpVersion::Normal(text);
-  return normal.empty() ? text : normal;
-}
-
 }  // namespace
 
 std::optional<PpInfo_t> ReadVersion(unsigned family, const std::vector<uint8_t>& data) {
   Reader reader(data);
   PpInfo_t info;
-  const uint8_t a = reader.Byte();
-  const uint8_t b = reader.Byte();
-  const uint8_t c = reader.Byte();
-  const uint8_t d = reader.Byte();
-  info.strVerison = PpVersion::Format(a, b, c, d);
+  info.strVerison = PpVersion::Text({reader.Byte(), reader.Byte(), reader.Byte(), reader.Byte()});
   info.strHwVerison = reader.Text();
   info.strRtxVerison = reader.Text();
   if (!reader.Good()) return std::nullopt;
@@ -98,7 +82,7 @@ std::optional<LegacyVersion> ReadLegacyVersion(const std::vector<uint8_t>& data)
   LegacyVersion version;
   version.radioActive = reader.Byte() != 0;
   version.info.strProductModuleNum = reader.Text();
-  version.info.strVerison = SoftwareVersion(reader.Text());
+  version.info.strVerison = PpVersion::Normal(reader.Text());
   version.info.strHwVerison = reader.Text();
   version.info.strRtxVerison = reader.Text();
   if (!reader.Good()) return std::nullopt;

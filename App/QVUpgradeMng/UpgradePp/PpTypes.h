@@ -5,8 +5,34 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "BSW/BasicFun/VersionNumbers.h"
+
+/// The one form in which software versions of parts are kept and compared: "S", four numbers, the last with
+/// at least two digits ("S1.0.2.05"). Package names may write it without the padding.
+namespace PpVersion {
+
+inline std::string Text(const VersionNumbers& numbers) {
+  return "S" + VersionNumbersText(numbers);
+}
+
+/// Reads "[S]a.b.c.d", numbers up to 255. Nothing when `text` as a whole is no such version.
+inline std::optional<VersionNumbers> Parse(std::string_view text) {
+  if (!text.empty() && text.front() == 'S') text.remove_prefix(1);
+  return ParseVersionNumbers(text);
+}
+
+/// A version in the one form; any other text as it is.
+inline std::string Normal(const std::string& text) {
+  const std::optional<VersionNumbers> numbers = Parse(text);
+  return numbers ? Text(*numbers) : text;
+}
+
+}  // namespace PpVersion
 
 namespace UpgPp {
 
@@ -96,16 +122,9 @@ inline constexpr uint32_t kPortFlags = EM_FLAG_OLD_UART_OPEN | EM_FLAG_NEW_UART_
 
 /// The flag that a package is held for a type; no flag for one that is never upgraded.
 constexpr uint32_t PackageFlag(PpType type) {
-  switch (type) {
-    case EM_PP_7308:
-      return EM_FLAG_7308_VER_INFO_LOADED;
-    case EM_PP_7204:
-      return EM_FLAG_LOAD_7204_DVT_PACKAGE;
-    case EM_PP_7204_EVT:
-      return EM_FLAG_LOAD_7204_EVT_PACKAGE;
-    default:
-      return 0;
-  }
+  if (type == EM_PP_7308) return EM_FLAG_7308_VER_INFO_LOADED;
+  if (type == EM_PP_7204) return EM_FLAG_LOAD_7204_DVT_PACKAGE;
+  return type == EM_PP_7204_EVT ? EM_FLAG_LOAD_7204_EVT_PACKAGE : 0U;
 }
 
 }  // namespace UpgPp

@@ -12,7 +12,7 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/Log/CLog.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
-#include "UpgradePp/PpFirmware.h"
+#include "UpgradePp/PpStore.h"
 
 using namespace UpgPp;
 
@@ -34,6 +34,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr std::chrono::milliseconds m_iCheckTime(200);  ///< for a version reply
+constexpr int kIdentifyTries = 2;                       ///< one for each protocol
+constexpr int kVersionTries = 3;
+
 /// How long a silent 7204 may report that it is ready, before another that is silent gets its turn.
 constexpr std::chrono::seconds kListenTime(5);
 
@@ -44,7 +48,6 @@ constexpr std::chrono::seconds kListenTime(5);
 UpgradePp::UpgradePp()
     : CThread("UpgradePp"),
       m_link(m_flags, [this] { _ProcPpReady(); }),
-      m_check(m_flags, m_link),
       m_7308(m_flags, m_link),
       m_7204(m_flags, m_devices),
       m_hotPlug(m_flags, m_devices, m_emState, m_link, m_7308) {}
@@ -59,7 +62,6 @@ bool UpgradePp::Init(const std::string& deviceId) {
   if (!_LoadFwInfo()) {
     LOGW("[WARMING]Error occurred while loading info of PP fw. The upgrade function will be disable!");
   }
-  m_importCallback = [this](const AllVersion& /*versions*/) { ReloadVeriosn(); };
   if (!m_7308.Init()) {
     LOGD("Init m_pUpgPpRtx failed");
     return false;
@@ -107,7 +109,7 @@ bool UpgradePp::Debug() {
 }
 
 bool UpgradePp::_LoadFwInfo() {
-  PpFwMap held = PpFirmware::Load();
+  PpFwMap held = PpStore::Load();
   const CLock lock(m_flags.Mutex());
   m_mapPpFwInfo = std::move(held);
   bool isAnyHeld = false;
@@ -206,19 +208,44 @@ bool UpgradePp::_IsListening() const {
   return m_flags.Has(EM_FLAG_PLUG_IN) && m_flags.Has(EM_FLAG_NEW_UART_OPEN);
 }
 
+/// Opens the port of the part in the protocol that it speaks: the one in which it answers, the newer one for
+/// what may be a 7204.
 UpgradeStateType UpgradePp::_HandleIdentifyState() {
   CLock lock(m_flags.Mutex());
   const std::string device = m_devices.Current();
   m_bReadyMeanwhile = false;
   lock.Unlock();
-  return m_check.Identify(device);
+  const bool is7204 = PpDevices::MayHaveStorage(device);
+  m_link.CleanInfo(is7204 ? EM_PP_7204 : EM_PP_MAX);
+  if (is7204) m_link.SetProtocol(EM_PROT_72_NEW);
+  for (int i = 0; i < kIdentifyTries && !m_flags.Ending(); ++i) {
+    const ProtocolType protocol = m_link.Protocol();
+    if (!m_link.OpenUart(protocol, device)) {
+      LOGE("Open uart error!");
+      return EM_STATE_FAILED;
+    }
+    if (is7204) return EM_STATE_CHECK_VER;
+    LOGI("Assuming protocol 0x%X, %s.", protocol, PpLink::TraceProtocolType(protocol));
+    if (m_link.RequestVersion(m_iCheckTime) == PpLink::Answer::Came) {
+      LOGI("Identify type of pp done!Type:0x%X, %s", m_link.Info().m_emPpType,
+           PpLink::TraceProtocolType(protocol));
+      return EM_STATE_CHECK_VER;
+    }
+    if (!m_link.CloseUart(protocol)) LOGE("Close uart error!");
+    m_link.SetProtocol(protocol == EM_PROT_72_NEW ? EM_PROT_73_OLD : EM_PROT_72_NEW);
+  }
+  return EM_STATE_FAILED;
 }
 
 UpgradeStateType UpgradePp::_HandleCheckVerState() {
-  const std::optional<PpInfo_t> info = m_check.ReadVersion();
-  if (!info) return Is7204Pp(m_link.Info().m_emPpType) ? EM_STATE_IDLE : EM_STATE_FAILED;
+  for (int i = 0; i < kVersionTries && !m_flags.Has(EM_FLAG_GET_VER) && !m_flags.Ending(); ++i) {
+    m_link.RequestVersion(m_iCheckTime);
+  }
+  const bool hasAnswered = m_flags.Has(EM_FLAG_GET_VER);
+  const PpInfo_t info = m_link.Info();
+  if (!hasAnswered) return Is7204Pp(info.m_emPpType) ? EM_STATE_IDLE : EM_STATE_FAILED;
 
-  m_emCheckedType = info->m_emPpType;
+  m_emCheckedType = info.m_emPpType;
   CLock lock(m_flags.Mutex());
   const auto found = m_mapPpFwInfo.find(m_emCheckedType);
   if (found == m_mapPpFwInfo.end()) {
@@ -227,7 +254,46 @@ UpgradeStateType UpgradePp::_HandleCheckVerState() {
   }
   m_firmware = found->second;
   lock.Unlock();
-  return m_check.Decide(*info, m_firmware);
+  switch (m_emCheckedType) {
+    case EM_PP_7308:
+      return _Check7308(info.strVerison);
+    case EM_PP_7302_03:
+      m_link.CloseUart(EM_PROT_73_OLD);
+      return EM_STATE_REQ_PAIR;
+    case EM_PP_7204:
+    case EM_PP_7204_EVT:
+      return _Check7204(info.strVerison);
+    default:
+      LOGE("Not support PP type:0x%X", m_emCheckedType);
+      return EM_STATE_FAILED;
+  }
+}
+
+/// One that is up to date is done: unlike a 7204 it is not paired from here.
+UpgradeStateType UpgradePp::_Check7308(const std::string& version) {
+  if (!m_flags.Has(EM_FLAG_7308_VER_INFO_LOADED)) {
+    LOGE("Can't upg beacause of ver info not load");
+    m_link.CloseUart(EM_PROT_72_NEW);
+    return EM_STATE_FAILED;
+  }
+  if (!_IsStored(version)) return EM_STATE_UPG_PP;
+  LOGI("Same version, no need upgrade");
+  m_link.CloseUart(EM_PROT_72_NEW);
+  return EM_STATE_UPG_SUCCESS;
+}
+
+/// One that is up to date, or for which there is no firmware, is paired.
+UpgradeStateType UpgradePp::_Check7204(const std::string& version) {
+  if (!_IsStored(version) && m_flags.Has(PackageFlag(m_emCheckedType))) return EM_STATE_UPG_PP;
+  m_link.CloseUart(EM_PROT_72_NEW);
+  LOGI("No need upg, destroy new protocol Serial.");
+  return EM_STATE_REQ_PAIR;
+}
+
+bool UpgradePp::_IsStored(const std::string& version) const {
+  LOGI("ReadVer:%s, StoreVer:%s,m_iFlags:%d ", version.c_str(), m_firmware.m_strVerison.c_str(),
+       m_flags.Flags());
+  return version == m_firmware.m_strVerison;
 }
 
 UpgradeStateType UpgradePp::_HandleUpgPpState() {

@@ -18,7 +18,6 @@
 #include "UpgradeFrame/UpgradeTypes.h"
 #include "UpgradePp/Pp7204Sequence.h"
 #include "UpgradePp/Pp7308Sequence.h"
-#include "UpgradePp/PpCheck.h"
 #include "UpgradePp/PpDevices.h"
 #include "UpgradePp/PpHotPlug.h"
 #include "UpgradePp/PpLink.h"
@@ -46,7 +45,9 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   /// Loads the firmware information anew as soon as no part is under way; returns at once.
   void ReloadVeriosn() EXCLUDES(m_flags.Mutex());
   /// For the package sources, after Init.
-  ImportCallback GetImportCallback() const { return m_importCallback; }
+  ImportCallback GetImportCallback() {
+    return [this](const AllVersion& /*versions*/) { ReloadVeriosn(); };
+  }
 
   /// The controller's report whether the cascade clock is in sync. While it is not, devices are recorded but
   /// not handled; once it is again, they are.
@@ -88,6 +89,10 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   UpgradeStateType _HandleIdleState();
   UpgradeStateType _HandleIdentifyState();
   UpgradeStateType _HandleCheckVerState();
+  UpgradeStateType _Check7308(const std::string& version);
+  UpgradeStateType _Check7204(const std::string& version);
+  /// Shows both versions; true when the part has that of the firmware held for it.
+  bool _IsStored(const std::string& version) const;
   UpgradeStateType _HandleUpgPpState();
   UpgradeStateType _HandleReqPairState();
   UpgradeStateType _HandleInterruptState();
@@ -119,8 +124,6 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
 
   static const std::array<State, UpgPp::EM_STATE_MAX> m_States;
 
-  ImportCallback m_importCallback;  ///< built by Init
-
   CFlags m_flags{UpgPp::kLongTermFlags};
   UpgradeStateType m_emState GUARDED_BY(m_flags.Mutex()) = UpgPp::EM_STATE_IDLE;
   PpDevices m_devices GUARDED_BY(m_flags.Mutex());
@@ -134,7 +137,6 @@ class UpgradePp : public CThread, public CSingleton<UpgradePp> {
   UpgPp::PpFw_t m_firmware;  ///< held for its type when it was checked
 
   PpLink m_link;
-  PpCheck m_check;
   Pp7308Sequence m_7308;
   Pp7204Sequence m_7204;
   PpHotPlug m_hotPlug;

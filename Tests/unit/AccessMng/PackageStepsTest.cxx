@@ -1,6 +1,5 @@
 // The steps of a package that need no device: its name and its digest.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 #include <utility>
@@ -9,7 +8,6 @@
 #include "AccessTestSupport.h"
 #include "UpgradeFrame/AccessMng/PackageArchive.h"
 #include "UpgradeFrame/AccessMng/PackageUnpack.h"
-#include "UpgradePp/PpStore.h"
 
 TEST(PackageUnpack, RefusesTheInstalledVersionByNameAndNoOther) {
   TestAccess access;
@@ -49,22 +47,4 @@ TEST(PackageArchive, AcceptsTheDigestOfTheFileAlone) {
     // A file that cannot be read has no digest, and no digest matches nothing.
     EXPECT_EQ(reasonOf(directory / "missing.zip", "", kind), refusal);
   }
-}
-
-TEST(PpStore, TakesPackagesOfItsFamilyAlone) {
-  const TempDirectory directory;
-  const PpStore::Family* evt = PpStore::Find("7204_EVT");
-  ASSERT_NE(evt, nullptr);
-  EXPECT_EQ(PpStore::Find("7303"), nullptr);
-
-  const std::string dvtPackage = directory / "QVD_K7204_H100_S1.0.0.01_x.ota";
-  WriteText(dvtPackage, "x");
-  EXPECT_TRUE(PpStore::IsPackage(*PpStore::Find("7204"), dvtPackage));
-  EXPECT_FALSE(PpStore::IsPackage(*evt, dvtPackage));
-
-  // A link would make the store hold whatever it points to.
-  const std::string link = directory / "QVD_K7204_H000_S1.0.0.01_x.ota";
-  ASSERT_EQ(symlink(dvtPackage.c_str(), link.c_str()), 0);
-  EXPECT_FALSE(PpStore::IsPackage(*evt, link));
-  EXPECT_FALSE(PpStore::IsPackage(*evt, directory / "QVD_K7204_H000_S1.0.0.02_x.ota"));
 }

@@ -112,7 +112,7 @@ TEST_F(PpLinkTest, StopEndsAWaitAtOnce) {
 TEST(PpFlags, FlagsOfAnAttemptEndWithItAndOthersStay) {
   CFlags flags{kLongTermFlags};
   flags.Set(EM_FLAG_GET_VER | EM_FLAG_START_UPG_RTX | EM_FLAG_7204_RE_INSERT | EM_FLAG_NEW_UART_OPEN |
-              EM_FLAG_PLUG_IN | EM_FLAG_LOAD_STORAGE | EM_FLAG_7308_VER_INFO_LOADED);
+            EM_FLAG_PLUG_IN | EM_FLAG_LOAD_STORAGE | EM_FLAG_7308_VER_INFO_LOADED);
   flags.ClearAttempt(kPortFlags);
   EXPECT_EQ(flags.Flags(), static_cast<int>(EM_FLAG_NEW_UART_OPEN));
   EXPECT_EQ(flags.LongTermFlags(),

@@ -7,7 +7,6 @@
 
 #include "../Serial/SerialTestKit.h"
 #include "UpgradePp/OldProtocol/OldProtocol.h"
-#include "UpgradePp/PpVersion.h"
 
 namespace {
 
@@ -22,16 +21,15 @@ Bytes Counted(const std::string& text) {
 }
 
 TEST(PpVersionTest, KnowsOneForm) {
-  EXPECT_EQ(PpVersion::Format(1, 0, 2, 5), "S1.0.2.05");
   for (const char* text : {"S1.0.2.5", "1.0.2.05", "S1.0.2.05"}) {
     EXPECT_EQ(PpVersion::Normal(text), "S1.0.2.05") << text;
-    EXPECT_EQ(PpVersion::Numbers(text), Bytes({1, 0, 2, 5})) << text;
+    EXPECT_EQ(PpVersion::Parse(text), VersionNumbers({1, 0, 2, 5})) << text;
   }
   EXPECT_EQ(PpVersion::Normal("255.255.255.255"), "S255.255.255.255");
   for (const char* text :
        {"", "S", "V0.0.0.00", "SS1.0.2.5", "1.0.2", "1.0.2.5.6", "1.0.2.256", "1.0.2.5 "}) {
-    EXPECT_EQ(PpVersion::Normal(text), "") << text;
-    EXPECT_TRUE(PpVersion::Numbers(text).empty()) << text;
+    EXPECT_EQ(PpVersion::Normal(text), text);
+    EXPECT_FALSE(PpVersion::Parse(text)) << text;
   }
 }
 

@@ -1,6 +1,6 @@
-// The firmware of portable parts on a disk: which package counts, what is unpacked and what is never left
-// behind.
-#include "UpgradePp/PpFirmware.h"
+// The store of portable parts: which packages it takes, which one counts, what is unpacked and what is never
+// left behind.
+#include "UpgradePp/PpStore.h"
 
 #include <gtest/gtest.h>
 
@@ -20,9 +20,9 @@ using namespace UpgPp;
 const std::string kOlder = "QVD_K7308_H100_S1.0.2.9_OTA_Common_1.zip";
 const std::string kNewer = "QVD_K7308_H100_S1.0.10.5_OTA_Common_1.zip";  // not newer as a text
 
-class PpFirmwareTest : public testing::Test {
+class PpStoreTest : public testing::Test {
  protected:
-  PpFirmwareTest() {
+  PpStoreTest() {
     fs::create_directories(m_7308);
     fs::create_directories(m_7204);
     fs::create_directory(m_root / "config");
@@ -48,7 +48,7 @@ class PpFirmwareTest : public testing::Test {
   }
   // True when there is a package of any family.
   bool Load() {
-    m_found = PpFirmware::Load(m_root.Path());
+    m_found = PpStore::Load(m_root.Path());
     return Has(EM_PP_7308) || Has(EM_PP_7204) || Has(EM_PP_7204_EVT);
   }
   bool Has(PpType type) const { return HasPackage(m_found, type); }
@@ -76,7 +76,24 @@ class PpFirmwareTest : public testing::Test {
   PpFwMap m_found;
 };
 
-TEST_F(PpFirmwareTest, HighestPackageOfEachFamilyCounts) {
+TEST_F(PpStoreTest, TakesPackagesOfItsFamilyAlone) {
+  const PpStore::Family* evt = PpStore::Find("7204_EVT");
+  ASSERT_NE(evt, nullptr);
+  EXPECT_EQ(PpStore::Find("7303"), nullptr);
+
+  const std::string dvtPackage = m_7204 + "QVD_K7204_H100_S1.0.0.01_x.ota";
+  WriteText(dvtPackage, "x");
+  EXPECT_TRUE(PpStore::IsPackage(*PpStore::Find("7204"), dvtPackage));
+  EXPECT_FALSE(PpStore::IsPackage(*evt, dvtPackage));
+
+  // A link would make the store hold whatever it points to.
+  const std::string link = m_7204 + "QVD_K7204_H000_S1.0.0.01_x.ota";
+  fs::create_symlink(dvtPackage, link);
+  EXPECT_FALSE(PpStore::IsPackage(*evt, link));
+  EXPECT_FALSE(PpStore::IsPackage(*evt, m_7204 + "QVD_K7204_H000_S1.0.0.02_x.ota"));
+}
+
+TEST_F(PpStoreTest, HighestPackageOfEachFamilyCounts) {
   PackImage(kOlder, "old");
   PackImage(kNewer, "new");
   for (const char* name :
@@ -107,7 +124,7 @@ TEST_F(PpFirmwareTest, HighestPackageOfEachFamilyCounts) {
   EXPECT_EQ(m_found.at(EM_PP_7204_EVT).m_strHwVerison, "H000");
 }
 
-TEST_F(PpFirmwareTest, NothingOfAnOlderArchiveStays) {
+TEST_F(PpStoreTest, NothingOfAnOlderArchiveStays) {
   PackImage(kOlder, "old");
   ASSERT_TRUE(Load()) << "one family is enough";
   ASSERT_TRUE(Has(EM_PP_7308));
@@ -127,7 +144,7 @@ TEST_F(PpFirmwareTest, NothingOfAnOlderArchiveStays) {
   EXPECT_EQ(ReadText(m_7308 + "K7308_PP_APP.bin"), "old");
 }
 
-TEST_F(PpFirmwareTest, HostileArchiveLeavesNothingAnywhere) {
+TEST_F(PpStoreTest, HostileArchiveLeavesNothingAnywhere) {
   const std::string outside = m_root / "outside";
   const auto refused = [&](const char* what) {
     EXPECT_FALSE(Load()) << what;
@@ -164,7 +181,7 @@ TEST_F(PpFirmwareTest, HostileArchiveLeavesNothingAnywhere) {
   refused("torn");
 }
 
-TEST_F(PpFirmwareTest, VersionFileFillsInWhatPackagesLack) {
+TEST_F(PpStoreTest, VersionFileFillsInWhatPackagesLack) {
   WriteText(m_7204 + "QVD_K7204_H000_S1.0.0.0.ota", "image");
   WriteText(m_versions, R"({"PpVer":[7303, {"PpType":"7303"}, {"PpType":7310,"SwVersion":"S1.0.0.0"},
     {"PpType":7205,"SwVersion":"S9.9.9.9","HwVersion":7,"RtxVersion":"3.1"},
@@ -184,7 +201,7 @@ TEST_F(PpFirmwareTest, VersionFileFillsInWhatPackagesLack) {
   EXPECT_EQ(m_found.at(EM_PP_7308).m_strVerison, "V0.0.0.00");
 }
 
-TEST_F(PpFirmwareTest, UnusableStoreLeavesWhatThereIs) {
+TEST_F(PpStoreTest, UnusableStoreLeavesWhatThereIs) {
   fs::remove_all(m_root / "firmware");
   for (const char* text : {"", "[]", R"({"PpVer":7})", R"({"PpVer":[)"}) {
     WriteText(m_versions, text);
