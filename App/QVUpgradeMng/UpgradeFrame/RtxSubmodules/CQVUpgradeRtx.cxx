@@ -26,7 +26,7 @@ constexpr const char* kToControlPins = " > /sys/devices/platform/qv_platform/set
 bool CQVUpgradeRtx::Init() {
   if (m_bInitDone) return true;
   if (!_InitGpio() || !m_exchange.Open()) {
-    UploadPrecent(ProgressReporter::kFailure);
+    UploadPrecent(kFailure);
     CleanUp();
     return false;
   }
