@@ -62,9 +62,7 @@ std::deque<FwData_t> Read(const std::string& text) {
 
 std::string ErrorOf(const std::string& line) {
   Rtx::HexRecord_t record;
-  std::string error;
-  EXPECT_FALSE(Rtx::IntelHexReader::ParseHexLine(line, record, error)) << line;
-  return error;
+  return Rtx::IntelHexReader::_ParseHexLine(line, record);
 }
 
 TEST(IntelHexReaderTest, EachMalformedLineHasItsOwnMessage) {

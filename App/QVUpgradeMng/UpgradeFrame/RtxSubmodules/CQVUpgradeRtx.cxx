@@ -75,13 +75,11 @@ bool CQVUpgradeRtx::CleanUp() {
 
 // ------------------------------------------------------------------------------------ asked by the exchange
 
-Failure CQVUpgradeRtx::PrepareFiles(RtxFiles& files) {
-  const std::string directory = std::string(UpgradePaths::kPage) + "/rtx";
+Failure CQVUpgradeRtx::PrepareFiles(std::string& directory) {
+  directory = std::string(UpgradePaths::kPage) + "/rtx";
   const std::string package = _Info().m_upgradeFilePath;
   LOGI("Rtx ota path:%s", package.c_str());
-  const std::string command = "tar xf " + ShellQuote(package) + " -C " + directory;
-  if (Failure failure = MustExec(Reason::PartUnpack, command)) return failure;
-  return files.FindIn(directory);
+  return MustExec(Reason::PartUnpack, "tar xf " + ShellQuote(package) + " -C " + directory);
 }
 
 void CQVUpgradeRtx::_EnterBoot(bool second) {

@@ -1,6 +1,7 @@
 #include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <numeric>
@@ -23,24 +24,15 @@ constexpr size_t kOverhead = 5;
 constexpr unsigned kByteBits = 8;
 constexpr unsigned kUpperBits = 16;
 
-int DigitOf(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 /// The bytes that `digits` stand for; false when they are no pairs of hex digits.
 bool ToBytes(std::string_view digits, Bytes& bytes) {
-  if (digits.size() % 2 != 0) return false;
-  bytes.clear();
-  for (size_t i = 0; i < digits.size(); i += 2) {
-    const int high = DigitOf(digits[i]);
-    const int low = DigitOf(digits[i + 1]);
-    if (high < 0 || low < 0) return false;
-    bytes.push_back(static_cast<uint8_t>(high * 16 + low));
+  bytes.assign(digits.size() / 2, 0);
+  const char* pair = digits.data();
+  for (uint8_t& byte : bytes) {
+    if (std::from_chars(pair, pair + 2, byte, 16).ptr != pair + 2) return false;
+    pair += 2;
   }
-  return true;
+  return digits.size() % 2 == 0;
 }
 
 uint32_t BigEndian16(const uint8_t* bytes) {
@@ -74,10 +66,10 @@ bool IntelHexReader::Read(std::string_view text, const std::string& name, std::d
   m_deqFwData.clear();
   m_iUpperAddr = 0;
   HexRecord_t record;
-  std::string error;
   Step step = Step::Continue;
   for (size_t number = 1; step == Step::Continue && !text.empty(); ++number) {
-    if (!ParseHexLine(TakeLine(text), record, error)) {
+    const std::string error = _ParseHexLine(TakeLine(text), record);
+    if (!error.empty()) {
       LOGE("%s line %zu: %s", name.c_str(), number, error.c_str());
       return false;
     }
@@ -97,28 +89,15 @@ bool IntelHexReader::Read(std::string_view text, const std::string& name, std::d
   return true;
 }
 
-bool IntelHexReader::ParseHexLine(std::string_view line, HexRecord_t& record, std::string& error) {
-  if (line.empty()) {
-    error = "Empty line!";
-    return false;
-  }
-  if (line.front() != kMark) {
-    error = std::string("Hex file mark error!ErrVal:") + line.front();
-    return false;
-  }
+std::string IntelHexReader::_ParseHexLine(std::string_view line, HexRecord_t& record) {
+  if (line.empty()) return "Empty line!";
+  if (line.front() != kMark) return std::string("Hex file mark error!ErrVal:") + line.front();
   Bytes& content = record.m_vecData;
-  if (!ToBytes(line.substr(1), content)) {
-    error = "Convert error!";
-    return false;
-  }
-  if (content.empty()) {
-    error = "Empty content!";
-    return false;
-  }
+  if (!ToBytes(line.substr(1), content)) return "Convert error!";
+  if (content.empty()) return "Empty content!";
   const size_t count = content.front();
   if (content.size() != count + kOverhead) {
-    error = "Error content len!Size:" + std::to_string(content.size()) + ", Len:" + std::to_string(count);
-    return false;
+    return FormatText("Error content len!Size:%zu, Len:%zu", content.size(), count);
   }
   record.m_iOffset = static_cast<uint16_t>(BigEndian16(&content[kOffsetPosition]));
   record.m_iRecType = content[kTypePosition];
@@ -126,11 +105,8 @@ bool IntelHexReader::ParseHexLine(std::string_view line, HexRecord_t& record, st
   content.pop_back();
   content.erase(content.begin(), content.begin() + kDataPosition);
   const uint8_t calculated = _CalcuHexChecksum(record);
-  if (record.m_iCheckSum != calculated) {
-    error = FormatText("Error checksum!ReadVal:0x%02X, CalcuVal:0x%02X", record.m_iCheckSum, calculated);
-    return false;
-  }
-  return true;
+  if (record.m_iCheckSum == calculated) return {};
+  return FormatText("Error checksum!ReadVal:0x%02X, CalcuVal:0x%02X", record.m_iCheckSum, calculated);
 }
 
 uint8_t IntelHexReader::_CalcuHexChecksum(const HexRecord_t& record) {

@@ -43,8 +43,8 @@ class IntelHexReader {
   /// The same for a text that is at hand; `name` is for the log. Lines end in LF or CR LF.
   bool Read(std::string_view text, const std::string& name, std::deque<FwData_t>& blocks);
 
-  /// Reads one line, without its end, into `record`. False with what is wrong with it in `error`.
-  static bool ParseHexLine(std::string_view line, HexRecord_t& record, std::string& error);
+  /// Reads one line, without its end, into `record`. What is wrong with it; empty when nothing is.
+  static std::string _ParseHexLine(std::string_view line, HexRecord_t& record);
 
  private:
   enum class Step { Continue, End, Malformed };
