@@ -30,7 +30,6 @@
 #include "BSW/BasicFun/Crc.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
 #include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
 
 using namespace Rtx;

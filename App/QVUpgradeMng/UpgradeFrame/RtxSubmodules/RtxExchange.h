@@ -11,7 +11,7 @@
 #include "BSW/MultiTask/CFlags.h"
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeFrame/RtxSubmodules/RtxFiles.h"
-#include "UpgradeFrame/RtxSubmodules/RtxFlash.h"
+#include "UpgradeFrame/RtxSubmodules/RtxFirmware.h"
 #include "UpgradeFrame/RtxSubmodules/RtxLine.h"
 #include "UpgradeFrame/RtxSubmodules/RtxParser.h"
 #include "UpgradePackage/Reasons.h"

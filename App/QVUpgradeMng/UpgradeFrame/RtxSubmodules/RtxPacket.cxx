@@ -1,3 +1,4 @@
+/// The bytes of packets, requests and confirmations.
 #include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
-/// Reads a firmware file (".spihex", Intel HEX) into the contiguous blocks that a module's flash takes. The
-/// exchange calls it once per upgrade. The texts of malformed lines are what service looks for.
+/// A radio module's firmware: its file (".spihex", Intel HEX), read into contiguous blocks, and what these
+/// mean for the module's NOR flash: which sectors must be erased, what range is verified, and what the flash
+/// must hold there afterwards. The exchange reads it once per upgrade and writes it.
 #pragma once
 
 #include <cstddef>
@@ -7,11 +8,30 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "UpgradeFrame/RtxSubmodules/RtxFlash.h"
 #include "UpgradeFrame/RtxSubmodules/RtxProtocol.h"
 
 namespace Rtx {
+
+/// One contiguous block of firmware.
+struct FwData_t {
+  uint32_t m_iStartAddr = 0;
+  uint32_t m_iEndAddr = 0;  ///< behind the last byte
+  uint32_t m_iCrc = 0;      ///< of what the flash must hold in the block's verified range
+  Bytes m_vecData;
+};
+
+/// Addresses to erase at: one in each sector that the block touches. A step of one sector from a start in
+/// the middle of one may miss the sector of the last byte, so that one is looked at by itself.
+std::vector<uint32_t> SectorsOf(const FwData_t& block);
+
+/// Bytes to verify from the block's start: its size rounded up to whole sectors.
+uint32_t VerifyLength(const FwData_t& block);
+
+/// Sets m_iCrc of every block: zlib's CRC-32 over the verified range of a flash that was erased to 0xFF and
+/// then took all blocks. A range reaches beyond its block, so that others may lie in it.
+void SetExpectedCrcs(std::deque<FwData_t>& blocks);
 
 enum HexRecordType {
   EM_REC_DATA = 0,
@@ -30,7 +50,7 @@ struct HexRecord_t {
   uint8_t m_iCheckSum = 0;
 };
 
-/// Reads one file; linear in its size.
+/// Reads one file; linear in its size. The texts of malformed lines are what service looks for.
 class IntelHexReader {
  public:
   /// A larger file is not read: no module has the flash for it.

@@ -1,5 +1,5 @@
 // Firmware files, and what they mean for the flash: blocks, sectors, and the check value after programming.
-#include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
+#include "UpgradeFrame/RtxSubmodules/RtxFirmware.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
