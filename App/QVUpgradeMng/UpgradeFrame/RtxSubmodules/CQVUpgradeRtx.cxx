@@ -60,10 +60,6 @@ void CQVUpgradeRtx::GetUpgradeStatus(int& /*result*/, int /*seconds*/) {
   LOGW("GetUpgradeStatus: the radio modules' upgrade has not reported its end");
 }
 
-void CQVUpgradeRtx::RequestStop() {
-  m_exchange.RequestStop();
-}
-
 bool CQVUpgradeRtx::CleanUp() {
   m_bInitDone = false;
   const bool ended = m_exchange.Close();

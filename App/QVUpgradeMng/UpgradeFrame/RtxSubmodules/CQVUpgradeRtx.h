@@ -21,7 +21,7 @@ class CQVUpgradeRtx final : public UpgraderBase, private IRtxHost {
   bool FinishUpgrade() override;
   /// Leaves `result` as it is: whoever asks has heard no report, and that is all there is to know.
   void GetUpgradeStatus(int& result, int seconds) override;
-  void RequestStop() override;
+  void RequestStop() override { m_exchange.RequestStop(); }
 
  private:
   /// The lines of one module.

@@ -68,6 +68,16 @@ void ProgramInto(Bytes& image, uint32_t start, const FwData_t& block) {
   }
 }
 
+/// Sets m_iCrc of every block: zlib's CRC-32 over the verified range of a flash that was erased to 0xFF and
+/// then took all blocks. A range reaches beyond its block, so that others may lie in it.
+void SetExpectedCrcs(std::deque<FwData_t>& blocks) {
+  for (FwData_t& block : blocks) {
+    Bytes image(VerifyLength(block), kErased);
+    for (const FwData_t& other : blocks) ProgramInto(image, block.m_iStartAddr, other);
+    block.m_iCrc = static_cast<uint32_t>(crc32(0, image.data(), static_cast<uInt>(image.size())));
+  }
+}
+
 }  // namespace
 
 bool IntelHexReader::ReadFile(const std::string& path, std::deque<FwData_t>& blocks) {
@@ -206,14 +216,6 @@ std::vector<uint32_t> SectorsOf(const FwData_t& block) {
 uint32_t VerifyLength(const FwData_t& block) {
   const size_t sectors = (block.m_vecData.size() + EM_CFG_SECTOR_SIZE - 1) / EM_CFG_SECTOR_SIZE;
   return static_cast<uint32_t>(sectors * EM_CFG_SECTOR_SIZE);
-}
-
-void SetExpectedCrcs(std::deque<FwData_t>& blocks) {
-  for (FwData_t& block : blocks) {
-    Bytes image(VerifyLength(block), kErased);
-    for (const FwData_t& other : blocks) ProgramInto(image, block.m_iStartAddr, other);
-    block.m_iCrc = static_cast<uint32_t>(crc32(0, image.data(), static_cast<uInt>(image.size())));
-  }
 }
 
 }  // namespace Rtx

@@ -29,10 +29,6 @@ std::vector<uint32_t> SectorsOf(const FwData_t& block);
 /// Bytes to verify from the block's start: its size rounded up to whole sectors.
 uint32_t VerifyLength(const FwData_t& block);
 
-/// Sets m_iCrc of every block: zlib's CRC-32 over the verified range of a flash that was erased to 0xFF and
-/// then took all blocks. A range reaches beyond its block, so that others may lie in it.
-void SetExpectedCrcs(std::deque<FwData_t>& blocks);
-
 enum HexRecordType {
   EM_REC_DATA = 0,
   EM_REC_END = 1,

@@ -83,8 +83,6 @@ class UacPayload final : public IPayload {
   void Stop() override { m_line.Stop(); }
 
  private:
-  Failure _Transfer(const std::string& image, const Steps& steps);
-
   UacLine m_line;
 };
 
@@ -98,14 +96,9 @@ Failure UacPayload::Install(const QVUpgradingInfo& info, const Steps& steps) {
     return Fail(Reason::PartDevice, "UAC upgrade failed: %s cannot be opened", kDevice);
   }
   LOGI("send %zu bytes of %s to %s", image.size(), path.c_str(), kDevice);
-  Failure failure = _Transfer(image, steps);
-  m_line.Close();
-  return failure;
-}
-
-Failure UacPayload::_Transfer(const std::string& image, const Steps& steps) {
   using Result = XmodemSender::Result;
   const Result result = XmodemSender(m_line).Send(image, steps);
+  m_line.Close();
   if (result == Result::Done) return {};
   if (result == Result::Stopped) return {Reason::Stopped, {}};
   return Fail(result == Result::LineDown ? Reason::PartWrite : Reason::PartAnswer, "UAC upgrade failed: %s",
