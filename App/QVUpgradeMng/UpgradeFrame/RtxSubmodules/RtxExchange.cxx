@@ -137,8 +137,8 @@ void RtxExchange::_HandleState() {
     next = EM_STATE_IDLE;
   } else {
     failure = (this->*row.handler)();
-    const bool bothDone = m_flags.Has(EM_FLAG_UPG_RTX2_SUCCESS);
-    if (state == EM_STATE_SUCCESS && m_line.Module() == 2 && !bothDone) next = EM_STATE_ENTER_BOOT;
+    const bool hasSecond = m_line.Module() == 2 && !m_flags.Has(EM_FLAG_UPG_RTX2_SUCCESS);
+    if (state == EM_STATE_SUCCESS && hasSecond) next = EM_STATE_ENTER_BOOT;
     if (failure) next = EM_STATE_FAILED;
   }
   m_emLastState = state;

@@ -11,6 +11,7 @@
 #include "BSW/Serial/XmodemSender.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 #include "UpgradePackage/Parts.h"
+#include "common/Condition.h"
 
 namespace {
 
