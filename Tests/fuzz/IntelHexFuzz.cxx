@@ -6,7 +6,7 @@
 #include <deque>
 #include <string_view>
 
-#include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
+#include "UpgradeFrame/RtxSubmodules/RtxFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::deque<Rtx::FwData_t> blocks;

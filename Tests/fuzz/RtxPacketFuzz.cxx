@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "UpgradeFrame/RtxSubmodules/RtxMessages.h"
 #include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -19,7 +19,7 @@ class IPayload {
   virtual ~IPayload() = default;
 
   /// Does the work. After a stop of the calling thread it starts no further command, but undoes what it
-  /// mounted, and fails as stopped.
+  /// mounted; what it gives then is told to nobody.
   virtual Failure Install(const QVUpgradingInfo& info, const Steps& steps) = 0;
   /// How the work ended, before that is reported; not after a stop.
   virtual void Ended(const Failure& /*failure*/) {}

@@ -1,6 +1,7 @@
 /// An upgrader's side of the frame's contract. The log texts are what service looks for, odd ones included.
 #include "UpgradeFrame/UpgraderBase.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "BSW/BasicFun/FileUtils.h"
@@ -13,6 +14,50 @@ namespace {
 constexpr uint32_t kPollPauseMs = 1000;
 
 }  // namespace
+
+bool UpgraderBase::RegisterUploadPrecentCallback(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) {
+  const CLock lock(m_infoMutex);
+  if (cb == nullptr || m_UploadProcessCb) return false;
+  m_UploadProcessCb = {cb, ctx};
+  LOGI("Register UploadPrecentCallback OK.");
+  return true;
+}
+
+bool UpgraderBase::UnregisterUploadPrecentCallback(UPGRADE_UPLOADPROCESS_CALLBACK cb, void* ctx) {
+  const CLock lock(m_infoMutex);
+  const CCallbackInfo<UPGRADE_UPLOADPROCESS_CALLBACK> stored{cb, ctx};
+  if (!m_UploadProcessCb || !(m_UploadProcessCb == stored)) return false;
+  m_UploadProcessCb = {};
+  LOGI("Unregister UploadPrecentCallback.");
+  return true;
+}
+
+int UpgraderBase::UploadPrecent(int percent) {
+  CLock lock(m_infoMutex);
+  const CCallbackInfo<UPGRADE_UPLOADPROCESS_CALLBACK> callback = m_UploadProcessCb;
+  if (!callback) {
+    LOGW("Not Register UartEvent Callback!");
+    return m_iResultWithoutCallback;
+  }
+  if (m_bEnded) {
+    LOGW("report %d after the end ignored type:%d", percent, m_type);
+    return m_iResultWithoutCallback;
+  }
+  m_bEnded = percent < 0 || percent == kSuccess;
+  lock.Unlock();
+  return callback.pCbFun(percent, m_type, callback.pContext);
+}
+
+void UpgraderBase::_ReportSteps(size_t done, size_t total) {
+  if (total == 0) return;
+  CLock lock(m_infoMutex);
+  const auto reached = static_cast<int>(std::min(done, total) * kMaxIncrements / total);
+  const int increment = reached - m_iIncrements;
+  if (increment <= 0) return;
+  m_iIncrements = reached;
+  lock.Unlock();
+  UploadPrecent(increment);
+}
 
 bool UpgraderBase::setUpgradeInfo(QVUpgradingInfo info) {
   const CLock lock(m_infoMutex);
@@ -59,7 +104,7 @@ void UpgraderBase::_ReportEnd(const Failure& failure) {
     m_failure = failure;
   }
   m_iStatus = failure ? kFailed : kDone;
-  UploadPrecent(failure ? ProgressReporter::kFailure : ProgressReporter::kSuccess);
+  UploadPrecent(failure ? kFailure : kSuccess);
 }
 
 Failure MustExec(Reason reason, const std::string& command) {

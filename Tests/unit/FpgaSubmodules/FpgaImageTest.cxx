@@ -1,6 +1,6 @@
 // The copy of an FPGA image to its device: whole, bounded, ended by a stop. Files and FIFOs stand for the
 // device.
-#include "UpgradeFrame/FpgaSubmodules/FpgaImage.h"
+#include "UpgradeFrame/FpgaSubmodules/CQVUpgradeFpga.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -31,10 +31,10 @@ class FpgaImageTest : public testing::Test {
     WriteText(m_image, content);
     return content;
   }
-  Reason Write(const std::string& device, std::chrono::milliseconds time = FpgaImage::kPieceTime) {
+  Reason Write(const std::string& device, std::chrono::milliseconds time = CQVUpgradeFpga::kPieceTime) {
     m_steps.clear();
     const auto progress = [this](size_t done, size_t total) { m_steps.emplace_back(done, total); };
-    return FpgaImage::Write(m_image, device.c_str(), progress, time).reason;
+    return CQVUpgradeFpga::_UpgardeFpga(m_image, device.c_str(), progress, time).reason;
   }
 
   TempDirectory m_directory;

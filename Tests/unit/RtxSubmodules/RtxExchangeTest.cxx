@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "ScriptedModule.h"
-#include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
 
 namespace {
 
@@ -41,7 +40,10 @@ class Upgrader final : public IRtxHost {
   Inbox<std::pair<size_t, size_t>> chunks;
 
  private:
-  Failure PrepareFiles(RtxFiles& files) override { return files.FindIn(m_dir); }
+  Failure PrepareFiles(std::string& directory) override {
+    directory = m_dir;
+    return {};
+  }
   void EnterBoot(int module) override {
     m_modules.at(static_cast<size_t>(module) - 1)->Send({2});
     boots.Put(true);

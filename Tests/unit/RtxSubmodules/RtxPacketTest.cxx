@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "UpgradeFrame/RtxSubmodules/RtxMessages.h"
-
 namespace {
 
 using Rtx::Bytes;

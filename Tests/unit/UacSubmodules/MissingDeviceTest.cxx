@@ -10,7 +10,7 @@
 
 #include "BSW/BasicFun/FileUtils.h"
 #include "UpgradeFrame/SubmoduleFactory.h"
-#include "UpgradeFrame/UacSubmodules/UacLine.h"
+#include "UpgradePackage/Parts.h"
 
 namespace {
 
@@ -25,7 +25,8 @@ struct FirstReport {
 };
 
 TEST(MissingDeviceTest, IsOneFailure) {
-  for (const char* device : {UacLine::kDevice, "/dev/upgrade_fpga"}) {
+  for (const UPGRADETYPE type : {UP_UAC, UP_FPGA}) {
+    const char* const device = Parts::Find(type)->target[Parts::kSideA];
     ASSERT_FALSE(XFilePathExists(device)) << "not to be run where a real " << device << " is";
   }
   QVUpgradingInfo info;

@@ -2,42 +2,24 @@
 // beside an unmounted partition, one callback. What they write is seen on a virtual station.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <string>
+#include <set>
+#include <utility>
 #include <vector>
 
+#include "../Serial/SerialTestKit.h"
 #include "BSW/ErrorNum/ErrorNum.h"
 #include "UpgradeFrame/SubmoduleFactory.h"
 
 namespace {
 
-// Collects what upgraders report on their threads.
-class Reports {
- public:
-  static int Take(int percent, UPGRADETYPE type, void* ctx) {
-    auto* self = static_cast<Reports*>(ctx);
-    const std::lock_guard<std::mutex> lock(self->m_mutex);
-    self->m_reports[type].push_back(percent);
-    self->m_cond.notify_all();
-    return 7;
-  }
-  bool WaitForTypes(size_t count) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_cond.wait_for(lock, std::chrono::seconds(20), [&] { return m_reports.size() == count; });
-  }
-  std::map<UPGRADETYPE, std::vector<int>> All() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_reports;
-  }
+// What upgraders report on their threads.
+using Reports = Inbox<std::pair<UPGRADETYPE, int>>;
 
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_cond;
-  std::map<UPGRADETYPE, std::vector<int>> m_reports;
-};
+int Take(int percent, UPGRADETYPE type, void* ctx) {
+  static_cast<Reports*>(ctx)->Put({type, percent});
+  return 7;
+}
 
 const UPGRADETYPE kSocTypes[] = {UP_APP, UP_SYSTEM, UP_ROOTFS};
 
@@ -50,13 +32,15 @@ TEST(SocUpgraderTest, UnknownPartitionFailsOnceWithTheUpgradersOwnType) {
     ASSERT_NE(upgrader, nullptr);
     QVUpgradingInfo info;
     info.m_flashPartition = "/app_C";
-    ASSERT_TRUE(upgrader->RegisterUploadPrecentCallback(&Reports::Take, &reports));
+    ASSERT_TRUE(upgrader->RegisterUploadPrecentCallback(&Take, &reports));
     ASSERT_TRUE(upgrader->setUpgradeInfo(info));
     ASSERT_TRUE(upgrader->Init());
     EXPECT_TRUE(upgrader->StartUpgrade());
     upgraders.push_back(upgrader);
   }
-  ASSERT_TRUE(reports.WaitForTypes(std::size(kSocTypes)));
+  const auto failed = reports.Wait(std::size(kSocTypes));
+  EXPECT_EQ(std::set(failed.begin(), failed.end()),
+            (std::set<std::pair<UPGRADETYPE, int>>{{UP_APP, -1}, {UP_SYSTEM, -1}, {UP_ROOTFS, -1}}));
   for (const auto& upgrader : upgraders) {
     int result = 0;
     upgrader->GetUpgradeStatus(result, 5);
@@ -66,7 +50,7 @@ TEST(SocUpgraderTest, UnknownPartitionFailsOnceWithTheUpgradersOwnType) {
   }
   for (const auto& upgrader : upgraders) upgrader->RequestStop();
   for (const auto& upgrader : upgraders) EXPECT_TRUE(upgrader->CleanUp());
-  for (const auto& [type, percents] : reports.All()) EXPECT_EQ(percents, std::vector<int>({-1})) << type;
+  EXPECT_EQ(reports.Wait(0).size(), std::size(kSocTypes)) << "one report each";
   EXPECT_EQ(ErrorNum::instance()->Records().size(), recorded + std::size(kSocTypes));
 }
 
@@ -76,13 +60,13 @@ TEST(SocUpgraderTest, KeepsTheFirstCallbackUntilItIsRemoved) {
   Reports second;
   EXPECT_EQ(upgrader->UploadPrecent(1), 0) << "nobody listens";
   EXPECT_FALSE(upgrader->RegisterUploadPrecentCallback(nullptr, &first));
-  EXPECT_TRUE(upgrader->RegisterUploadPrecentCallback(&Reports::Take, &first));
-  EXPECT_FALSE(upgrader->RegisterUploadPrecentCallback(&Reports::Take, &second));
+  EXPECT_TRUE(upgrader->RegisterUploadPrecentCallback(&Take, &first));
+  EXPECT_FALSE(upgrader->RegisterUploadPrecentCallback(&Take, &second));
   EXPECT_EQ(upgrader->UploadPrecent(1), 7);
-  EXPECT_EQ(first.All().size(), 1U);
-  EXPECT_FALSE(upgrader->UnregisterUploadPrecentCallback(&Reports::Take, &second));
-  EXPECT_TRUE(upgrader->UnregisterUploadPrecentCallback(&Reports::Take, &first));
-  EXPECT_FALSE(upgrader->UnregisterUploadPrecentCallback(&Reports::Take, &first));
+  EXPECT_EQ(first.Wait(1).size(), 1U);
+  EXPECT_FALSE(upgrader->UnregisterUploadPrecentCallback(&Take, &second));
+  EXPECT_TRUE(upgrader->UnregisterUploadPrecentCallback(&Take, &first));
+  EXPECT_FALSE(upgrader->UnregisterUploadPrecentCallback(&Take, &first));
 }
 
 TEST(SocUpgraderTest, PartThatNeverBeganHasNotSucceeded) {

@@ -19,14 +19,10 @@ const std::array<McuLine::Response, 5> McuLine::m_Responses = {{
 
 const SerialProtocolMng::PayloadCfg_t McuLine::m_stPayloadCfg = {0x01, 0x90, 0x01, 0x02};
 
+/// At 115200 8N1, a new record's settings.
 const UART_MNG_INFO_S McuLine::m_stUartCfg = [] {
   UART_MNG_INFO_S info;
   info.SetDevName(m_strUartName);
-  info.eBaudRate = emSerialBaudRate_115200;
-  info.eDataBits = emSerialDataBits_8;
-  info.eStopBits = emSerialStopBits_1;
-  info.eParity = emSerialParity_None;
-  info.eFlowControl = emSerialFlowControl_None;
   return info;
 }();
 

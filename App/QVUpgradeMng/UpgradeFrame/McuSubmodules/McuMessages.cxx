@@ -2,6 +2,14 @@
 #include "UpgradeFrame/McuSubmodules/McuMessages.h"
 
 #include <algorithm>
+#include <string_view>
+
+std::optional<McuVersion> McuVersion::Parse(const std::string& text) {
+  std::string_view digits = text;
+  if (!digits.empty() && digits.front() == 'V') digits.remove_prefix(1);
+  if (const std::optional<VersionNumbers> numbers = ParseVersionNumbers(digits)) return McuVersion{*numbers};
+  return std::nullopt;
+}
 
 namespace McuMessages {
 

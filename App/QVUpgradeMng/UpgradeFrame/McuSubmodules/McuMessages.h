@@ -23,7 +23,23 @@
 #include <string>
 #include <vector>
 
-#include "UpgradeFrame/McuSubmodules/McuVersion.h"
+#include "BSW/BasicFun/VersionNumbers.h"
+
+/// A version of the MCU's firmware, compared number by number; a plain value. Each number fits the byte that
+/// it has on the wire.
+struct McuVersion {
+  VersionNumbers numbers{};
+
+  /// Reads "1.0.6.30" or "V1.0.6.30": exactly four decimal numbers up to 255. Empty for anything else.
+  static std::optional<McuVersion> Parse(const std::string& text);
+
+  /// "%u.%u.%u.%02u".
+  [[nodiscard]] std::string Text() const { return VersionNumbersText(numbers); }
+
+  bool operator==(const McuVersion& other) const { return numbers == other.numbers; }
+  bool operator!=(const McuVersion& other) const { return numbers != other.numbers; }
+  bool operator<(const McuVersion& other) const { return numbers < other.numbers; }
+};
 
 namespace McuMessages {
 

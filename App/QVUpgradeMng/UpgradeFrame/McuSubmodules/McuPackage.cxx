@@ -11,9 +11,9 @@
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/BasicFun/UniqueFd.h"
 #include "BSW/Log/CLog.h"
-#include "BSW/MultiTask/CThread.h"
-#include "UpgradeFrame/McuSubmodules/McuVersion.h"
+#include "UpgradeFrame/McuSubmodules/McuMessages.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
+#include "UpgradeFrame/UpgraderBase.h"
 
 namespace McuPackage {
 
@@ -34,12 +34,11 @@ Failure PrepareDirectory(const std::string& directory) {
   return {};
 }
 
-Failure Untar(const std::string& package, const std::string& directory) {
-  const std::string command = "tar -xf " + ShellQuote(package) + " -C " + ShellQuote(directory);
-  LOGI("Unpack file. sysComd:%s", command.c_str());
-  if (QVUpgradeTool::ExecCommand(command) == 0) return {};
-  LOGE("Udisk tar file is error");
-  return Fail(Reason::PartUnpack, "%s", command.c_str());
+/// Runs a command of the unpacking; `onFailure` is what the log says when it fails.
+Failure Unpacked(const std::string& command, const char* onFailure) {
+  Failure failure = MustExec(Reason::PartUnpack, command);
+  if (failure && failure.reason != Reason::Stopped) LOGE("%s", onFailure);
+  return failure;
 }
 
 /// The version in the archive's name, if this base station works with it.
@@ -56,14 +55,6 @@ Failure ReadVersion(const std::string& archive, std::string& version) {
     return Fail(Reason::PartVersion, "%s, at least %s expected", version.c_str(), m_strMinCompatibleVer);
   }
   return {};
-}
-
-Failure Unzip(const std::string& archive, const std::string& directory) {
-  const std::string command = "unzip " + ShellQuote(archive) + " -d " + ShellQuote(directory);
-  LOGI("Full path %s; Cmd:%s", archive.c_str(), command.c_str());
-  if (QVUpgradeTool::ExecCommand(command) == 0) return {};
-  LOGE("Unzip error");
-  return Fail(Reason::PartUnpack, "%s", command.c_str());
 }
 
 /// Makes sure that there is an image, before the MCU gives up its application for it, and that it survives a
@@ -84,8 +75,9 @@ Failure SecureImage(const std::string& path) {
 Failure Unpack(const std::string& package, const std::string& directory, FwInfo_t& firmware) {
   if (Failure failure = PrepareDirectory(directory)) return failure;
   LOGI("MCU ota path:%s", package.c_str());
-  if (CThread::StopRequested()) return {Reason::Stopped, {}};
-  if (Failure failure = Untar(package, directory)) return failure;
+  const std::string untar = "tar -xf " + ShellQuote(package) + " -C " + ShellQuote(directory);
+  LOGI("Unpack file. sysComd:%s", untar.c_str());
+  if (Failure failure = Unpacked(untar, "Udisk tar file is error")) return failure;
 
   const std::string archive = QVUpgradeTool::ReadAllUpgradeFile(directory.c_str(), ".zip");
   if (archive.empty()) {
@@ -93,8 +85,10 @@ Failure Unpack(const std::string& package, const std::string& directory, FwInfo_
     return Fail(Reason::PartImage, "no archive in %s", package.c_str());
   }
   if (Failure failure = ReadVersion(archive, firmware.m_strVersion)) return failure;
-  if (CThread::StopRequested()) return {Reason::Stopped, {}};
-  if (Failure failure = Unzip(directory + "/" + archive, directory)) return failure;
+  const std::string path = directory + "/" + archive;
+  const std::string unzip = "unzip " + ShellQuote(path) + " -d " + ShellQuote(directory);
+  LOGI("Full path %s; Cmd:%s", path.c_str(), unzip.c_str());
+  if (Failure failure = Unpacked(unzip, "Unzip error")) return failure;
 
   firmware.m_strFileName = kImageName;
   firmware.m_strFwPath = directory + "/" + kImageName;

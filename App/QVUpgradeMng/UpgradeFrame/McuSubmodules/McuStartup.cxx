@@ -59,7 +59,7 @@ std::optional<Identity> McuStartup::_ContinueUpgrade() {
   if (!m_mcu.Init()) return std::nullopt;
   std::optional<Identity> mcu;
   // The first request can be lost: the services that were just stopped may have taken its answer.
-  for (int tries = 0; tries < kVersionTries && (!mcu || mcu->mode == RunMode::Silent) && !_IsStopped();
+  for (int tries = 0; tries < kVersionTries && (!mcu || mcu->mode == RunMode::Silent) && !_IsCutOff();
        ++tries) {
     mcu = m_mcu.LoadVersion();
   }
@@ -73,7 +73,7 @@ std::optional<Identity> McuStartup::_ContinueUpgrade() {
   m_mcu.CleanUp();
   // A run that has ended is not taken up again at the next start, so its service is started even after a
   // stop.
-  if (_IsStopped() && !_HasResult()) return std::nullopt;
+  if (_IsCutOff()) return std::nullopt;
   if (QVUpgradeTool::ExecCommand(kStartApplicationCommand) != 0) LOGE("%s failed", kStartApplicationCommand);
   return mcu;
 }
@@ -86,14 +86,9 @@ void McuStartup::_WaitForResult() {
   LOGE("interrupted MCU upgrade does not come to its end, it is given up");
 }
 
-bool McuStartup::_HasResult() {
+bool McuStartup::_IsCutOff() {
   const CLock lock(m_mutex);
-  return m_bResult;
-}
-
-bool McuStartup::_IsStopped() {
-  const CLock lock(m_mutex);
-  return m_bStopped;
+  return m_bStopped && !m_bResult;
 }
 
 void McuStartup::HandOverLine() {

@@ -6,7 +6,6 @@
 #include <optional>
 
 #include "UpgradeFrame/McuSubmodules/McuSubmodules.h"
-#include "UpgradeFrame/McuSubmodules/McuVersion.h"
 #include "common/Condition.h"
 #include "common/Mutex.h"
 
@@ -31,8 +30,8 @@ class McuStartup {
   void _EndRun();
   std::optional<McuMessages::Identity> _ContinueUpgrade();
   void _WaitForResult();
-  bool _HasResult();
-  bool _IsStopped();
+  /// True after a stop, unless the continued upgrade had ended before.
+  bool _IsCutOff();
 
   McuSubmodules m_mcu;
   CMutex m_mutex;

@@ -8,7 +8,6 @@
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/McuSubmodules/McuPackage.h"
-#include "UpgradeFrame/McuSubmodules/McuVersion.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 
 using McuMessages::RunMode;
@@ -114,7 +113,8 @@ McuSubmodules::RetValType McuSubmodules::_HandleState() {
     state = m_emState;
   }
   const UpgradeStateType next = (this->*m_States[state].handler)();
-  if (m_flags.Ending()) return EM_RET_END;
+  // A stop ends the pauses first and the waits a moment later: neither may pass for the part's own failure.
+  if (!IsRunning() || m_flags.Ending()) return EM_RET_END;
   _ToggleState(next);
   return EM_RET_SUCESS;
 }
@@ -253,20 +253,17 @@ McuSubmodules::UpgradeStateType McuSubmodules::_HandleReCheckVerState() {
 
 McuSubmodules::UpgradeStateType McuSubmodules::_HandleSuccessState() {
   LOGI("MCU upgrade successfully.");
-  _EndRun(EM_STATE_IDLE, {});
-  return EM_STATE_IDLE;
+  return _EndRun(EM_STATE_IDLE, {});
 }
 
 McuSubmodules::UpgradeStateType McuSubmodules::_HandleFailedState() {
   LOGE("Upgrade failed!");
-  _EndRun(EM_STATE_IDLE, m_failure);
-  return EM_STATE_IDLE;
+  return _EndRun(EM_STATE_IDLE, m_failure);
 }
 
 /// The firmware is on the disk; the record makes the next start write it.
 McuSubmodules::UpgradeStateType McuSubmodules::_HandleWaitRestartState() {
-  _EndRun(EM_STATE_UPG_MCU, {});
-  return EM_STATE_IDLE;
+  return _EndRun(EM_STATE_UPG_MCU, {});
 }
 
 McuSubmodules::UpgradeStateType McuSubmodules::_Fail(Failure failure) {
@@ -275,7 +272,7 @@ McuSubmodules::UpgradeStateType McuSubmodules::_Fail(Failure failure) {
 }
 
 /// In this order: a report may end in the unit's restart.
-void McuSubmodules::_EndRun(UpgradeStateType state, const Failure& failure) {
+McuSubmodules::UpgradeStateType McuSubmodules::_EndRun(UpgradeStateType state, const Failure& failure) {
   _SaveUpgState(state);
   m_flags.Clear(McuLine::EM_FLAG_INIT_DONE);
   m_line.Close();
@@ -286,6 +283,7 @@ void McuSubmodules::_EndRun(UpgradeStateType state, const Failure& failure) {
     callback = m_RetResultFunc;
   }
   if (callback) callback(!failure);
+  return EM_STATE_IDLE;
 }
 
 std::optional<McuMessages::Identity> McuSubmodules::LoadVersion() {

@@ -64,7 +64,7 @@ class McuSubmodules final : public UpgraderBase, private CThread {
   McuMessages::Identity LastIdentity() { return m_line.LastIdentity(); }
 
   /// Tells that the MCU must go on until other parts are done: a run then only prepares the firmware, and
-  /// McuStartup writes it after the unit's restart.
+  /// McuStartup writes it after the unit's restart. No caller yet.
   void SetUpgFlag(bool existOtherModule);
   void RegRetUpgResultCb(const RetUpgResultCb_T& callback);
   void UnregRetUpgResultCb() { RegRetUpgResultCb(nullptr); }
@@ -104,8 +104,8 @@ class McuSubmodules final : public UpgraderBase, private CThread {
   UpgradeStateType _HandleSuccessState();
   UpgradeStateType _HandleFailedState();
   UpgradeStateType _HandleWaitRestartState();
-  /// Records `state`, closes the line, reports the end.
-  void _EndRun(UpgradeStateType state, const Failure& failure);
+  /// Records `state`, closes the line, reports the end; gives Idle.
+  UpgradeStateType _EndRun(UpgradeStateType state, const Failure& failure);
 
   bool _SaveFwInfo() { return m_record.Save(m_stFwInfo); }
   bool _LoadFwInfo() { return m_record.Load(m_stFwInfo); }

@@ -5,7 +5,7 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/McuSubmodules/McuVersion.h"
+#include "UpgradeFrame/McuSubmodules/McuMessages.h"
 
 namespace {
 

@@ -26,7 +26,7 @@ constexpr const char* kToControlPins = " > /sys/devices/platform/qv_platform/set
 bool CQVUpgradeRtx::Init() {
   if (m_bInitDone) return true;
   if (!_InitGpio() || !m_exchange.Open()) {
-    UploadPrecent(ProgressReporter::kFailure);
+    UploadPrecent(kFailure);
     CleanUp();
     return false;
   }
@@ -60,10 +60,6 @@ void CQVUpgradeRtx::GetUpgradeStatus(int& /*result*/, int /*seconds*/) {
   LOGW("GetUpgradeStatus: the radio modules' upgrade has not reported its end");
 }
 
-void CQVUpgradeRtx::RequestStop() {
-  m_exchange.RequestStop();
-}
-
 bool CQVUpgradeRtx::CleanUp() {
   m_bInitDone = false;
   const bool ended = m_exchange.Close();
@@ -75,13 +71,11 @@ bool CQVUpgradeRtx::CleanUp() {
 
 // ------------------------------------------------------------------------------------ asked by the exchange
 
-Failure CQVUpgradeRtx::PrepareFiles(RtxFiles& files) {
-  const std::string directory = std::string(UpgradePaths::kPage) + "/rtx";
+Failure CQVUpgradeRtx::PrepareFiles(std::string& directory) {
+  directory = std::string(UpgradePaths::kPage) + "/rtx";
   const std::string package = _Info().m_upgradeFilePath;
   LOGI("Rtx ota path:%s", package.c_str());
-  const std::string command = "tar xf " + ShellQuote(package) + " -C " + directory;
-  if (Failure failure = MustExec(Reason::PartUnpack, command)) return failure;
-  return files.FindIn(directory);
+  return MustExec(Reason::PartUnpack, "tar xf " + ShellQuote(package) + " -C " + directory);
 }
 
 void CQVUpgradeRtx::_EnterBoot(bool second) {

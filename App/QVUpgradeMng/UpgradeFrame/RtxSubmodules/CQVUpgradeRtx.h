@@ -6,7 +6,6 @@
 #include <atomic>
 
 #include "BSW/GPIO/GPIO.h"
-#include "UpgradeFrame/RtxSubmodules/IRtxHost.h"
 #include "UpgradeFrame/RtxSubmodules/RtxExchange.h"
 #include "UpgradeFrame/UpgraderBase.h"
 
@@ -22,7 +21,7 @@ class CQVUpgradeRtx final : public UpgraderBase, private IRtxHost {
   bool FinishUpgrade() override;
   /// Leaves `result` as it is: whoever asks has heard no report, and that is all there is to know.
   void GetUpgradeStatus(int& result, int seconds) override;
-  void RequestStop() override;
+  void RequestStop() override { m_exchange.RequestStop(); }
 
  private:
   /// The lines of one module.
@@ -52,7 +51,7 @@ class CQVUpgradeRtx final : public UpgraderBase, private IRtxHost {
   static constexpr const char* m_strRtx1Path = "/dev/ttymxc2";
   static constexpr const char* m_strRtx2Path = "/dev/ttymxc0";
 
-  Failure PrepareFiles(RtxFiles& files) override;
+  Failure PrepareFiles(std::string& directory) override;
   void EnterBoot(int module) override { _EnterBoot(module == 2); }
   void ChunkProgrammed(int module, size_t done, size_t total) override;
   const char* ModuleSucceeded(int module) override;

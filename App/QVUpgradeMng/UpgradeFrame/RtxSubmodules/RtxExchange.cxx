@@ -30,8 +30,7 @@
 #include "BSW/BasicFun/Crc.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
-#include "UpgradeFrame/RtxSubmodules/RtxMessages.h"
+#include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
 
 using namespace Rtx;
 
@@ -138,8 +137,9 @@ void RtxExchange::_HandleState() {
     next = EM_STATE_IDLE;
   } else {
     failure = (this->*row.handler)();
+    const bool hasSecond = m_line.Module() == 2 && !m_flags.Has(EM_FLAG_UPG_RTX2_SUCCESS);
+    if (state == EM_STATE_SUCCESS && hasSecond) next = EM_STATE_ENTER_BOOT;
     if (failure) next = EM_STATE_FAILED;
-    if (next == EM_STATE_IDLE && state == EM_STATE_SUCCESS && m_bFurtherModule) next = EM_STATE_ENTER_BOOT;
   }
   m_emLastState = state;
   if (failure) {
@@ -176,6 +176,12 @@ Failure RtxExchange::_HandleIdleState() {
   while (!m_bStart && IsRunning()) m_flags.WaitOnce();
   m_failure = {};
   return {};
+}
+
+Failure RtxExchange::_HandleInitState() {
+  std::string directory;
+  if (Failure failure = m_host.PrepareFiles(directory)) return failure;
+  return m_files.FindIn(directory);
 }
 
 Failure RtxExchange::_HandleEnterBootState() {
@@ -305,7 +311,6 @@ Failure RtxExchange::_HandleSuccessState() {
   m_UartHandler._CleanCache();
   const bool second = m_flags.Has(EM_FLAG_UPGING_RTX2);
   const char* const nextDevice = m_host.ModuleSucceeded(m_line.Module());
-  m_bFurtherModule = !second && nextDevice != nullptr;
   m_flags.Set(second ? EM_FLAG_UPG_RTX2_SUCCESS : EM_FLAG_UPG_RTX1_SUCCESS);
   if (second || nextDevice == nullptr) return {};
   m_flags.Set(EM_FLAG_UPGING_RTX2);

@@ -3,19 +3,40 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
 
 #include "BSW/MultiTask/CFlags.h"
 #include "BSW/MultiTask/CThread.h"
-#include "UpgradeFrame/RtxSubmodules/IRtxHost.h"
 #include "UpgradeFrame/RtxSubmodules/RtxFiles.h"
-#include "UpgradeFrame/RtxSubmodules/RtxFlash.h"
+#include "UpgradeFrame/RtxSubmodules/RtxFirmware.h"
 #include "UpgradeFrame/RtxSubmodules/RtxLine.h"
 #include "UpgradeFrame/RtxSubmodules/RtxParser.h"
-#include "UpgradeFrame/RtxSubmodules/RtxRun.h"
+#include "UpgradePackage/Reasons.h"
 #include "common/Mutex.h"
+
+/// What tells one user of the exchange from another. It calls all of this on its state thread with no lock
+/// held.
+class IRtxHost {
+ public:
+  /// Puts the three files of a run in place and names their directory.
+  virtual Failure PrepareFiles(std::string& directory) = 0;
+  /// Gets module 1 or 2 to start its boot loader. The line is open; the module's answer decides.
+  virtual void EnterBoot(int module) = 0;
+  /// A program request of the module was confirmed: `done` of its `total`.
+  virtual void ChunkProgrammed(int module, size_t done, size_t total) = 0;
+  /// The module is done; its line is closed. After module 1 the device of module 2, which takes the same
+  /// firmware; null when there is none.
+  virtual const char* ModuleSucceeded(int module) = 0;
+  /// The run is over, with `module`; a new one is accepted a moment after this has returned. Called once for
+  /// each run that no stop ended.
+  virtual void RunEnded(int module, const Failure& failure) = 0;
+
+ protected:
+  ~IRtxHost() = default;
+};
 
 /// Three threads meet here: the port's receive thread queues bytes, the parser thread makes flags of them,
 /// the state thread (this CThread) sends and waits for the flags. The last member of its host, which it calls
@@ -60,7 +81,7 @@ class RtxExchange final : private CThread {
   void _HandleState();
   void _ToggleState(UpgradeStateType state);
   Failure _HandleIdleState();
-  Failure _HandleInitState() { return m_host.PrepareFiles(m_files); }
+  Failure _HandleInitState();
   Failure _HandleEnterBootState();
   Failure _HandleDlPreLoaderState();
   Failure _HandleChangeBaudRateState();
@@ -94,7 +115,6 @@ class RtxExchange final : private CThread {
   UpgradeStateType m_emLastState = Rtx::EM_STATE_MAX;
   UpgradeStateType m_emFailedState = Rtx::EM_STATE_MAX;  ///< which a run that failed had reached
   Failure m_failure;                                     ///< of the run; empty while it goes well
-  bool m_bFurtherModule = false;                         ///< module 1 is done, module 2 follows
   RtxFiles m_files;
   std::deque<Rtx::FwData_t> m_deqFwData;  ///< empty until the run's first module is programmed
 };

@@ -1,5 +1,5 @@
 /// The files that a radio module's upgrade takes: two loaders and the firmware, beside each other in one
-/// directory. The exchange's users name the directory, the exchange reads the files.
+/// directory. Used by the exchange; its host names the directory.
 #pragma once
 
 #include <string>

@@ -9,7 +9,6 @@
 #include "BSW/MultiTask/CFlags.h"
 #include "BSW/Serial/SerialPort.h"
 #include "UpgradeFrame/RtxSubmodules/RtxProtocol.h"
-#include "UpgradeFrame/RtxSubmodules/RtxRun.h"
 #include "UpgradePackage/Reasons.h"
 
 /// The state thread calls, Close any thread, the sending the parser too. Everything fails as stopped once the

@@ -8,7 +8,6 @@
 #include "BSW/BasicFun/Crc.h"
 #include "BSW/Log/CLog.h"
 #include "BSW/Serial/HexText.h"
-#include "UpgradeFrame/RtxSubmodules/RtxMessages.h"
 
 using namespace Rtx;
 

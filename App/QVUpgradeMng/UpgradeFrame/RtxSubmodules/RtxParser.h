@@ -11,7 +11,6 @@
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeFrame/RtxSubmodules/RtxLine.h"
 #include "UpgradeFrame/RtxSubmodules/RtxPacket.h"
-#include "UpgradeFrame/RtxSubmodules/RtxRun.h"
 #include "common/Condition.h"
 
 /// The exchange owns it, starts and stops its thread; the state thread calls what is public.

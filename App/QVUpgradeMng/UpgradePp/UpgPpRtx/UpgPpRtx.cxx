@@ -4,10 +4,6 @@
 
 #include "BSW/Log/CLog.h"
 
-void UpgPpRtx::RegUpgRxResultCallBack(const ResultCallBack& callback) {
-  m_resultCb = callback;
-}
-
 bool UpgPpRtx::StartUpgrade(const std::string& directory, const std::string& device) {
   // Held until the directory is there: the accepted run looks for it.
   const CLock lock(m_filesLock);
@@ -19,13 +15,10 @@ bool UpgPpRtx::StartUpgrade(const std::string& directory, const std::string& dev
   return true;
 }
 
-Failure UpgPpRtx::PrepareFiles(RtxFiles& files) {
-  std::string directory;
-  {
-    const CLock lock(m_filesLock);
-    directory = m_strDirectory;
-  }
-  return files.FindIn(directory);
+Failure UpgPpRtx::PrepareFiles(std::string& directory) {
+  const CLock lock(m_filesLock);
+  directory = m_strDirectory;
+  return {};
 }
 
 void UpgPpRtx::EnterBoot(int /*module*/) {

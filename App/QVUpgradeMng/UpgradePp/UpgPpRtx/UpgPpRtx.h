@@ -6,7 +6,6 @@
 #include <functional>
 #include <string>
 
-#include "UpgradeFrame/RtxSubmodules/IRtxHost.h"
 #include "UpgradeFrame/RtxSubmodules/RtxExchange.h"
 #include "common/Mutex.h"
 
@@ -18,7 +17,7 @@ class UpgPpRtx final : private IRtxHost {
   using ResultCallBack = std::function<void(bool success, const std::string& message)>;
 
   /// Before Init.
-  void RegUpgRxResultCallBack(const ResultCallBack& callback);
+  void RegUpgRxResultCallBack(const ResultCallBack& callback) { m_resultCb = callback; }
   /// Starts the threads; false, logged, when one cannot start. Does nothing when they run.
   bool Init() { return m_exchange.Open(); }
   /// Ends a run under way and the threads; waits for a callback that runs: hold no lock that it takes. Not on
@@ -36,7 +35,7 @@ class UpgPpRtx final : private IRtxHost {
  private:
   static constexpr int m_iWaitTime = 3000;  ///< ms
 
-  Failure PrepareFiles(RtxFiles& files) override;
+  Failure PrepareFiles(std::string& directory) override;
   void EnterBoot(int module) override;
   void ChunkProgrammed(int module, size_t done, size_t total) override;
   const char* ModuleSucceeded(int /*module*/) override { return nullptr; }

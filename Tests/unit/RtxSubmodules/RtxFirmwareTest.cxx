@@ -1,5 +1,5 @@
 // Firmware files, and what they mean for the flash: blocks, sectors, and the check value after programming.
-#include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
+#include "UpgradeFrame/RtxSubmodules/RtxFirmware.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -62,9 +62,7 @@ std::deque<FwData_t> Read(const std::string& text) {
 
 std::string ErrorOf(const std::string& line) {
   Rtx::HexRecord_t record;
-  std::string error;
-  EXPECT_FALSE(Rtx::IntelHexReader::ParseHexLine(line, record, error)) << line;
-  return error;
+  return Rtx::IntelHexReader::_ParseHexLine(line, record);
 }
 
 TEST(IntelHexReaderTest, EachMalformedLineHasItsOwnMessage) {

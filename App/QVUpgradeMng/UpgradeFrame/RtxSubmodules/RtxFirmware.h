@@ -1,5 +1,6 @@
-/// Reads a firmware file (".spihex", Intel HEX) into the contiguous blocks that a module's flash takes. The
-/// exchange calls it once per upgrade. The texts of malformed lines are what service looks for.
+/// A radio module's firmware: its file (".spihex", Intel HEX), read into contiguous blocks, and what these
+/// mean for the module's NOR flash: which sectors must be erased, what range is verified, and what the flash
+/// must hold there afterwards. The exchange reads it once per upgrade and writes it.
 #pragma once
 
 #include <cstddef>
@@ -7,11 +8,26 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "UpgradeFrame/RtxSubmodules/RtxFlash.h"
 #include "UpgradeFrame/RtxSubmodules/RtxProtocol.h"
 
 namespace Rtx {
+
+/// One contiguous block of firmware.
+struct FwData_t {
+  uint32_t m_iStartAddr = 0;
+  uint32_t m_iEndAddr = 0;  ///< behind the last byte
+  uint32_t m_iCrc = 0;      ///< of what the flash must hold in the block's verified range
+  Bytes m_vecData;
+};
+
+/// Addresses to erase at: one in each sector that the block touches. A step of one sector from a start in
+/// the middle of one may miss the sector of the last byte, so that one is looked at by itself.
+std::vector<uint32_t> SectorsOf(const FwData_t& block);
+
+/// Bytes to verify from the block's start: its size rounded up to whole sectors.
+uint32_t VerifyLength(const FwData_t& block);
 
 enum HexRecordType {
   EM_REC_DATA = 0,
@@ -30,7 +46,7 @@ struct HexRecord_t {
   uint8_t m_iCheckSum = 0;
 };
 
-/// Reads one file; linear in its size.
+/// Reads one file; linear in its size. The texts of malformed lines are what service looks for.
 class IntelHexReader {
  public:
   /// A larger file is not read: no module has the flash for it.
@@ -43,8 +59,8 @@ class IntelHexReader {
   /// The same for a text that is at hand; `name` is for the log. Lines end in LF or CR LF.
   bool Read(std::string_view text, const std::string& name, std::deque<FwData_t>& blocks);
 
-  /// Reads one line, without its end, into `record`. False with what is wrong with it in `error`.
-  static bool ParseHexLine(std::string_view line, HexRecord_t& record, std::string& error);
+  /// Reads one line, without its end, into `record`. What is wrong with it; empty when nothing is.
+  static std::string _ParseHexLine(std::string_view line, HexRecord_t& record);
 
  private:
   enum class Step { Continue, End, Malformed };

@@ -1,6 +1,11 @@
-#include "UpgradeFrame/RtxSubmodules/IntelHexReader.h"
+/// From a HEX file to blocks, and from blocks to sectors and check values.
+#include "UpgradeFrame/RtxSubmodules/RtxFirmware.h"
 
+#include <zlib.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <numeric>
@@ -23,24 +28,17 @@ constexpr size_t kOverhead = 5;
 constexpr unsigned kByteBits = 8;
 constexpr unsigned kUpperBits = 16;
 
-int DigitOf(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
+constexpr uint8_t kErased = 0xFF;
 
 /// The bytes that `digits` stand for; false when they are no pairs of hex digits.
 bool ToBytes(std::string_view digits, Bytes& bytes) {
-  if (digits.size() % 2 != 0) return false;
-  bytes.clear();
-  for (size_t i = 0; i < digits.size(); i += 2) {
-    const int high = DigitOf(digits[i]);
-    const int low = DigitOf(digits[i + 1]);
-    if (high < 0 || low < 0) return false;
-    bytes.push_back(static_cast<uint8_t>(high * 16 + low));
+  bytes.assign(digits.size() / 2, 0);
+  const char* pair = digits.data();
+  for (uint8_t& byte : bytes) {
+    if (std::from_chars(pair, pair + 2, byte, 16).ptr != pair + 2) return false;
+    pair += 2;
   }
-  return true;
+  return digits.size() % 2 == 0;
 }
 
 uint32_t BigEndian16(const uint8_t* bytes) {
@@ -54,6 +52,30 @@ std::string_view TakeLine(std::string_view& text) {
   text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   return line;
+}
+
+uint32_t SectorOf(uint32_t address) {
+  return address / EM_CFG_SECTOR_SIZE;
+}
+
+/// Programs what of `block` lies in `image`, whose first byte is at `start`: programming only clears bits.
+void ProgramInto(Bytes& image, uint32_t start, const FwData_t& block) {
+  const uint64_t end = uint64_t{start} + image.size();
+  const uint64_t first = std::max(start, block.m_iStartAddr);
+  const uint64_t last = std::min<uint64_t>(end, block.m_iEndAddr);
+  for (uint64_t address = first; address < last; ++address) {
+    image[address - start] &= block.m_vecData[address - block.m_iStartAddr];
+  }
+}
+
+/// Sets m_iCrc of every block: zlib's CRC-32 over the verified range of a flash that was erased to 0xFF and
+/// then took all blocks. A range reaches beyond its block, so that others may lie in it.
+void SetExpectedCrcs(std::deque<FwData_t>& blocks) {
+  for (FwData_t& block : blocks) {
+    Bytes image(VerifyLength(block), kErased);
+    for (const FwData_t& other : blocks) ProgramInto(image, block.m_iStartAddr, other);
+    block.m_iCrc = static_cast<uint32_t>(crc32(0, image.data(), static_cast<uInt>(image.size())));
+  }
 }
 
 }  // namespace
@@ -74,10 +96,10 @@ bool IntelHexReader::Read(std::string_view text, const std::string& name, std::d
   m_deqFwData.clear();
   m_iUpperAddr = 0;
   HexRecord_t record;
-  std::string error;
   Step step = Step::Continue;
   for (size_t number = 1; step == Step::Continue && !text.empty(); ++number) {
-    if (!ParseHexLine(TakeLine(text), record, error)) {
+    const std::string error = _ParseHexLine(TakeLine(text), record);
+    if (!error.empty()) {
       LOGE("%s line %zu: %s", name.c_str(), number, error.c_str());
       return false;
     }
@@ -97,28 +119,15 @@ bool IntelHexReader::Read(std::string_view text, const std::string& name, std::d
   return true;
 }
 
-bool IntelHexReader::ParseHexLine(std::string_view line, HexRecord_t& record, std::string& error) {
-  if (line.empty()) {
-    error = "Empty line!";
-    return false;
-  }
-  if (line.front() != kMark) {
-    error = std::string("Hex file mark error!ErrVal:") + line.front();
-    return false;
-  }
+std::string IntelHexReader::_ParseHexLine(std::string_view line, HexRecord_t& record) {
+  if (line.empty()) return "Empty line!";
+  if (line.front() != kMark) return std::string("Hex file mark error!ErrVal:") + line.front();
   Bytes& content = record.m_vecData;
-  if (!ToBytes(line.substr(1), content)) {
-    error = "Convert error!";
-    return false;
-  }
-  if (content.empty()) {
-    error = "Empty content!";
-    return false;
-  }
+  if (!ToBytes(line.substr(1), content)) return "Convert error!";
+  if (content.empty()) return "Empty content!";
   const size_t count = content.front();
   if (content.size() != count + kOverhead) {
-    error = "Error content len!Size:" + std::to_string(content.size()) + ", Len:" + std::to_string(count);
-    return false;
+    return FormatText("Error content len!Size:%zu, Len:%zu", content.size(), count);
   }
   record.m_iOffset = static_cast<uint16_t>(BigEndian16(&content[kOffsetPosition]));
   record.m_iRecType = content[kTypePosition];
@@ -126,11 +135,8 @@ bool IntelHexReader::ParseHexLine(std::string_view line, HexRecord_t& record, st
   content.pop_back();
   content.erase(content.begin(), content.begin() + kDataPosition);
   const uint8_t calculated = _CalcuHexChecksum(record);
-  if (record.m_iCheckSum != calculated) {
-    error = FormatText("Error checksum!ReadVal:0x%02X, CalcuVal:0x%02X", record.m_iCheckSum, calculated);
-    return false;
-  }
-  return true;
+  if (record.m_iCheckSum == calculated) return {};
+  return FormatText("Error checksum!ReadVal:0x%02X, CalcuVal:0x%02X", record.m_iCheckSum, calculated);
 }
 
 uint8_t IntelHexReader::_CalcuHexChecksum(const HexRecord_t& record) {
@@ -190,6 +196,26 @@ bool IntelHexReader::_TakeData(const HexRecord_t& record) {
   block.m_vecData.insert(block.m_vecData.end(), data.begin(), data.end());
   block.m_iEndAddr += static_cast<uint32_t>(data.size());
   return true;
+}
+
+/// The steps begin at the block's start and not at a sector's, so the last byte's sector may need one more.
+/// Erased is all that will be verified: behind the block that may be one sector more, in which an older
+/// firmware would be found.
+std::vector<uint32_t> SectorsOf(const FwData_t& block) {
+  std::vector<uint32_t> addresses;
+  if (block.m_iEndAddr <= block.m_iStartAddr) return addresses;
+  for (uint64_t address = block.m_iStartAddr; address < block.m_iEndAddr; address += EM_CFG_SECTOR_SIZE) {
+    addresses.push_back(static_cast<uint32_t>(address));
+  }
+  const uint64_t lastByte = uint64_t{block.m_iStartAddr} + VerifyLength(block) - 1;
+  const uint32_t lastSector = SectorOf(static_cast<uint32_t>(std::min<uint64_t>(lastByte, UINT32_MAX)));
+  if (SectorOf(addresses.back()) != lastSector) addresses.push_back(lastSector * EM_CFG_SECTOR_SIZE);
+  return addresses;
+}
+
+uint32_t VerifyLength(const FwData_t& block) {
+  const size_t sectors = (block.m_vecData.size() + EM_CFG_SECTOR_SIZE - 1) / EM_CFG_SECTOR_SIZE;
+  return static_cast<uint32_t>(sectors * EM_CFG_SECTOR_SIZE);
 }
 
 }  // namespace Rtx
