@@ -7,7 +7,7 @@
 
 #include "../PlatformSDK/TempDirectory.h"
 #include "AccessTestSupport.h"
-#include "UpgradeFrame/AccessMng/PackageArchive.h"
+#include "UpgradeFrame/AccessMng/PackagePage.h"
 #include "UpgradeFrame/AccessMng/PackageUnpack.h"
 #include "UpgradePp/PpStore.h"
 
@@ -31,7 +31,7 @@ TEST(PackageUnpack, LeavesAPackageUnderUpgradeAlone) {
   EXPECT_EQ(PackageUnpack::Unpack(access.context, UP_UDISK, "/nowhere").reason, Reason::Busy);
 }
 
-TEST(PackageArchive, AcceptsTheDigestOfTheFileAlone) {
+TEST(PackagePage, AcceptsTheDigestOfTheFileAlone) {
   const TempDirectory directory;
   const std::string file = directory / "pack.zip";
   WriteText(file, "abc");
@@ -39,7 +39,7 @@ TEST(PackageArchive, AcceptsTheDigestOfTheFileAlone) {
     PackageManifest::Element element;
     element.kind = kind;
     element.md5 = md5;
-    return PackageArchive::_CheckFileMd5Sum(path, element).reason;
+    return PackagePage::_CheckFileMd5Sum(path, element).reason;
   };
   for (const auto& [kind, refusal] : {std::pair(PackageManifest::Kind::Station, Reason::PackageMd5),
                                       std::pair(PackageManifest::Kind::Portable, Reason::PortableMd5)}) {

@@ -11,11 +11,10 @@
 #include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeFrame/AccessMng/DownloadDirectory.h"
-#include "UpgradeFrame/AccessMng/PackageArchive.h"
 #include "UpgradeFrame/AccessMng/PackagePage.h"
-#include "UpgradeFrame/AccessMng/PanelReports.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
+#include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 #include "UpgradePackage/PackageManifest.h"
 #include "UpgradePackage/PackageName.h"
 
@@ -120,7 +119,7 @@ Failure BeginPage(const PackageClaim& claim) {
     return Fail(Reason::Busy, "the frame works on another package");
   }
   PackagePage::InitUpgradeFilePath();
-  PanelReports::Status(UI_STATUS_STARTED);
+  UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(UI_STATUS_STARTED, 0, kNoVersion, DataDef::EM_UPG_RRU);
   return {};
 }
 
@@ -154,8 +153,8 @@ Failure CopyPack(const std::string& source, const std::string& target) {
 
 Failure UnpackArchive(const std::string& archive, const char* directory) {
   Run(kKillCommand);
-  LOGI("QVUpgradeAccessUdisk::  sysComd:%s", PackageArchive::UnpackCommand(archive, directory).c_str());
-  Failure failure = PackageArchive::Unpack(archive, directory, Reason::PackageUnpack);
+  LOGI("QVUpgradeAccessUdisk::  sysComd:%s", PackagePage::UnpackCommand(archive, directory).c_str());
+  Failure failure = PackagePage::Unpack(archive, directory, Reason::PackageUnpack);
   if (failure) {
     LOGI("Udisk tar file is error");
   } else {

@@ -42,7 +42,6 @@ class QVUpgradeAccessOTA : public RequestedSource {
   void _PackageEnded(const Failure& failure) override;
 
  private:
-  Answer _AcceptQuery();
   Answer _AcceptStart();
   /// Starts a query, whose answer replaces the last one. While another one is on the wire the request is
   /// busy, or, with `orJoin`, takes that one's answer.
