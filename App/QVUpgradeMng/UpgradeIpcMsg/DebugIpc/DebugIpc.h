@@ -42,7 +42,6 @@ class DebugIpc : public CSingleton<DebugIpc> {
   DebugIpc() = default;
   ~DebugIpc() = default;
 
-  static std::string _ProcDebugMsgStatic(const std::string& line);
   std::string _Help();
 
   CMutex m_mutex;

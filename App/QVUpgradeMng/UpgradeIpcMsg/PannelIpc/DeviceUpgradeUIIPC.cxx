@@ -33,10 +33,6 @@ bool SendTo(const SignalAddress& address, const std::string& text) {
 
 }  // namespace
 
-bool DeviceUpgradeUIIPC::Init() {
-  return true;
-}
-
 bool DeviceUpgradeUIIPC::SendPrecent(int status, int percent, const Json::Value& version,
                                      DataDef::UpgDisplayType type) {
   Json::Value payload(Json::objectValue);
@@ -48,18 +44,6 @@ bool DeviceUpgradeUIIPC::SendPrecent(int status, int percent, const Json::Value&
   const bool sent = _Send(UPGRADE_STATUS, payload);
   if (m_bWebReport) _SendWeb(UPGRADE_STATUS, payload);
   return sent;
-}
-
-bool DeviceUpgradeUIIPC::SendVersion(const Json::Value& versions) {
-  return _Send(UPGRADE_SEND_VERSION, versions);
-}
-
-bool DeviceUpgradeUIIPC::SendMsg(const CmdCodeType& code, const Json::Value& payload) {
-  return _Send(code, payload);
-}
-
-bool DeviceUpgradeUIIPC::SendMsg(const CmdCodeType& code) {
-  return _Send(code, Json::Value());
 }
 
 bool DeviceUpgradeUIIPC::SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload) {
@@ -83,8 +67,4 @@ void DeviceUpgradeUIIPC::_SendWeb(int cmd, const Json::Value& payload) {
 Json::Value DeviceUpgradeUIIPC::_MakeDataHeader(int cmd, Json::Value payload) {
   return IpcEnvelope::Make(kReportInterfaceName, IpcEnvelope::kTypeSignal, _MakeSnrNumber(), cmd, 0,
                            std::move(payload));
-}
-
-int DeviceUpgradeUIIPC::_MakeSnrNumber() {
-  return 1;
 }

@@ -44,12 +44,12 @@ class DeviceUpgradeUIIPC {
     UPGRADE_UI_GET_VERSION = 502,  ///< only ever received
   };
 
-  bool Init();
+  bool Init() { return true; }
   /// Progress: `percent` 0 to 100; `version` is sent with 100 % of the base station alone.
   bool SendPrecent(int status, int percent, const Json::Value& version, DataDef::UpgDisplayType type);
-  bool SendVersion(const Json::Value& versions);
-  bool SendMsg(const CmdCodeType& code, const Json::Value& payload);
-  bool SendMsg(const CmdCodeType& code);
+  bool SendVersion(const Json::Value& versions) { return _Send(UPGRADE_SEND_VERSION, versions); }
+  /// An event; without a payload it carries null.
+  bool SendMsg(const CmdCodeType& code, const Json::Value& payload = {}) { return _Send(code, payload); }
   /// What a cloud request led to: to the panel, and always to the web server too.
   bool SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload);
 
@@ -60,7 +60,7 @@ class DeviceUpgradeUIIPC {
   bool _Send(int cmd, const Json::Value& payload);
   static void _SendWeb(int cmd, const Json::Value& payload);
   static Json::Value _MakeDataHeader(int cmd, Json::Value payload);
-  static int _MakeSnrNumber();
+  static int _MakeSnrNumber() { return 1; }
 
   std::atomic<bool> m_bWebReport{false};
 };

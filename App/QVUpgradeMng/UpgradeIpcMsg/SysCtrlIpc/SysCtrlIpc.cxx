@@ -108,7 +108,7 @@ void SysCtrlIpc::_HandleMsg() {
     batch.swap(m_vecRecvMsg);
   }
   for (const Json::Value& message : batch) {
-    if (!m_MsgRecver.IsRunning() || !m_handler.Handle(message)) return;
+    if (!m_MsgRecver.IsRunning() || !SysCtrlMsgHandler::Handle(m_pReports, message)) return;
   }
 }
 
