@@ -36,5 +36,6 @@ bool UpgradeIpcMsg::Init() {
 
 bool UpgradeIpcMsg::CleanUp() {
   const bool stopped = m_pSysCtrlIpc->CleanUp();
-  return m_pDebugIpc->CleanUp() && stopped;
+  m_pDebugIpc->CleanUp();
+  return stopped;
 }

@@ -1,9 +1,11 @@
 /// From the package's name to its files in the page. The commands are the device's own, to the letter.
 #include "UpgradeFrame/AccessMng/PackageUnpack.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "BSW/BasicFun/FileUtils.h"
@@ -23,7 +25,6 @@ namespace PackageUnpack {
 namespace {
 
 constexpr const char* kUdiskCopyName = "ota.zip";
-constexpr const char* kWrongSource = "accessType is error not webs udisk ota";
 
 /// Ends the heavy processes whose memory the unpacker needs.
 constexpr const char* kKillCommand =
@@ -31,7 +32,8 @@ constexpr const char* kKillCommand =
     "(ps -ef |grep QVFpgaMng|grep -v grep|awk '{print $2}'|xargs kill -9) && "
     "(ps -ef |grep QVZegoMng|grep -v grep|awk '{print $2}'|xargs kill -9)";
 
-Failure BeginPage(const PackageClaim& claim);
+Failure BeginPage(const PackageClaim& claim, UPGRADEACCESSTYPE accessType,
+                  std::initializer_list<UPGRADEACCESSTYPE> served);
 Failure NoTask(const char* line, const std::string& why);
 Failure CopyPack(const std::string& source, const std::string& target);
 Failure UnpackArchive(const std::string& archive, const char* directory);
@@ -54,10 +56,7 @@ void DeleteArchive(const std::string& archive) {
 }  // namespace
 
 Failure Unpack(const AccessContext& access, UPGRADEACCESSTYPE accessType, const std::string& path) {
-  if (Failure failure = BeginPage(access.claim)) return failure;
-  if (accessType != UP_UDISK && accessType != UP_WEBS) {
-    return NoTask(kWrongSource, "nothing comes from source " + std::to_string(accessType));
-  }
+  if (Failure failure = BeginPage(access.claim, accessType, {UP_UDISK, UP_WEBS})) return failure;
   const std::string fileName = accessType == UP_UDISK
                                    ? QVUpgradeTool::ReadAllUpgradeFileOTAPack(path.c_str(), ".zip")
                                    : UploadName(path);
@@ -80,10 +79,7 @@ Failure UnpackWebAndOTA(const AccessContext& access, UPGRADEACCESSTYPE accessTyp
     Failure failure = _CheckPackName(access.versions, accessType, UploadName(path), checkVersion);
     if (failure) return failure;
   }
-  if (Failure failure = BeginPage(access.claim)) return failure;
-  if (accessType != UP_WEBS && accessType != UP_OTA) {
-    return NoTask(kWrongSource, "nothing comes from source " + std::to_string(accessType));
-  }
+  if (Failure failure = BeginPage(access.claim, accessType, {UP_WEBS, UP_OTA})) return failure;
   DownloadDirectory::Clear(path);
   Failure failure = UnpackArchive(path, UpgradePaths::kDownload);
   if (!failure) _MoveUpgradePage();
@@ -112,15 +108,19 @@ Failure _CheckPackName(DeviceVersions& versions, UPGRADEACCESSTYPE accessType, c
 
 namespace {
 
-/// Refuses a package while another one is upgraded, else makes room for it.
-Failure BeginPage(const PackageClaim& claim) {
+/// Refuses a package while another one is upgraded, else makes room for it; `served` are the sources that it
+/// may come from.
+Failure BeginPage(const PackageClaim& claim, UPGRADEACCESSTYPE accessType,
+                  std::initializer_list<UPGRADEACCESSTYPE> served) {
   if (claim.GetStartUpgrade()) {
     LOGE("beingTask is have current upgrade  unpack failed.");
     return Fail(Reason::Busy, "the frame works on another package");
   }
   PackagePage::InitUpgradeFilePath();
   UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(UI_STATUS_STARTED, 0, kNoVersion, DataDef::EM_UPG_RRU);
-  return {};
+  if (std::find(served.begin(), served.end(), accessType) != served.end()) return {};
+  return NoTask("accessType is error not webs udisk ota",
+                "nothing comes from source " + std::to_string(accessType));
 }
 
 Failure NoTask(const char* line, const std::string& why) {
@@ -155,11 +155,7 @@ Failure UnpackArchive(const std::string& archive, const char* directory) {
   Run(kKillCommand);
   LOGI("QVUpgradeAccessUdisk::  sysComd:%s", PackagePage::UnpackCommand(archive, directory).c_str());
   Failure failure = PackagePage::Unpack(archive, directory, Reason::PackageUnpack);
-  if (failure) {
-    LOGI("Udisk tar file is error");
-  } else {
-    LOGI("Udisk  tar ok");
-  }
+  LOGI("%s", failure ? "Udisk tar file is error" : "Udisk  tar ok");
   return failure;
 }
 

@@ -192,8 +192,7 @@ bool QVUpgradeAccessBase::Start() {
   m_bListening = _Listen();
   if (m_bListening && CreateThread(0)) return true;
   LOGE("package source %d cannot start", static_cast<int>(m_accessType));
-  if (m_bListening) _Unlisten();
-  m_bListening = false;
+  CleanUp();
   return false;
 }
 

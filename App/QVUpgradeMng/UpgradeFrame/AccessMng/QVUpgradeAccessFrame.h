@@ -46,14 +46,13 @@ class QVUpgradeAccessFrame {
   int _NotfiCationUpgrade(int accessType);
   /// Starts a source. Always true: the daemon works with the sources that can start.
   static bool _StartAccess(QVUpgradeAccessBase* source);
-  /// The sources that were created, in the order in which they start and stop.
-  std::vector<QVUpgradeAccessBase*> _Sources() const;
   /// A source changed the store of portable-part packages. Its thread.
   void _NotifyPpImported();
 
   std::unique_ptr<QVUpgradeAccessBase> m_pUdiskAccess;
   std::unique_ptr<QVUpgradeAccessBase> m_pWebsAccess;
   std::unique_ptr<QVUpgradeAccessBase> m_pOTAAccess;
+  std::vector<QVUpgradeAccessBase*> m_sources;  ///< all of these, in the order in which they start and stop
   std::string m_fpgaVersion;
   // Set by Init alone, before the sources start.
   QVUpgradeFrameBase* m_pUpgradeFrame = nullptr;

@@ -28,11 +28,10 @@ bool DebugIpc::Init(const char* name) {
   return CDbusHandler::instance()->RegisteredServices(kObject, kInterface, kMethod, answer, false);
 }
 
-bool DebugIpc::CleanUp() {
+void DebugIpc::CleanUp() {
   CDbusHandler::instance()->UnRegisteredServices(kObject, kInterface, kMethod);
   const CLock lock(m_mutex);
   m_mapCommand.clear();
-  return true;
 }
 
 void DebugIpc::RegisterCommand(const std::string& name, const std::string& help, const Command& command) {

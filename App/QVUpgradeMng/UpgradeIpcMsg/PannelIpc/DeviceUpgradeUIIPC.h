@@ -25,7 +25,8 @@ enum UiUpgradeStatus {
   UI_STATUS_DOWNLOADING = 5,
 };
 
-/// Any thread may call any member. Each send logs the message and gives the bus handler's result.
+/// Any thread may call any member. Each send logs the message and gives the bus handler's result, for
+/// the panel.
 class DeviceUpgradeUIIPC {
  public:
   /// Codes of event messages, as SendMsg takes them.
@@ -51,14 +52,13 @@ class DeviceUpgradeUIIPC {
   /// An event; without a payload it carries null.
   bool SendMsg(const CmdCodeType& code, const Json::Value& payload = {}) { return _Send(code, payload); }
   /// What a cloud request led to: to the panel, and always to the web server too.
-  bool SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload);
+  bool SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload) { return _Send(cmd, payload, true); }
 
   /// While on, every progress report goes to the web server too.
   void SwitchWebReport(bool on) { m_bWebReport = on; }
 
  private:
-  bool _Send(int cmd, const Json::Value& payload);
-  static void _SendWeb(int cmd, const Json::Value& payload);
+  static bool _Send(int cmd, const Json::Value& payload, bool alsoToWebServer = false);
   static Json::Value _MakeDataHeader(int cmd, Json::Value payload);
   static int _MakeSnrNumber() { return 1; }
 
