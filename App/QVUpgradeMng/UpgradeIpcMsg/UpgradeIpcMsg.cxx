@@ -3,12 +3,6 @@
 
 #include "BSW/Log/CLog.h"
 
-namespace {
-
-constexpr const char* kDebugName = "adcv";
-
-}  // namespace
-
 CMutex UpgradeIpcMsg::m_initmutex;
 UpgradeIpcMsg* UpgradeIpcMsg::m_pUpgradeIpc = nullptr;
 
@@ -24,6 +18,7 @@ UpgradeIpcMsg::UpgradeIpcMsg()
       m_pSysCtrlIpc(SysCtrlIpc::instance()) {}
 
 bool UpgradeIpcMsg::Init() {
+  constexpr const char* kDebugName = "adcv";
   if (m_PUi == nullptr) {
     LOGE(" m_PUi Init() fail");
     return false;

@@ -18,8 +18,6 @@ namespace PackagePage {
 
 namespace {
 
-constexpr const char* kCoreDumps = "/firmware/coredump";
-
 void Create(const std::string& directory) {
   if (XCreateFullPathDir(directory, kMode)) return;
   LOGE("cannot create %s: %s", directory.c_str(), std::strerror(errno));
@@ -37,10 +35,6 @@ void InitUpgradeFilePath() {
   for (const Parts::Part& part : Parts::kAll) {
     if (part.isStation) Create(Path(std::string(part.page)));
   }
-  RemoveCoreDumps();
-}
-
-void RemoveCoreDumps() {
   XRemoveDirectory(kCoreDumps);
 }
 

@@ -13,6 +13,8 @@
 namespace PackagePage {
 
 inline constexpr unsigned kMode = 0765;
+/// Removed for the space that they take.
+inline constexpr const char* kCoreDumps = "/firmware/coredump";
 
 /// The path of something in the page root.
 std::string Path(const std::string& name);
@@ -20,7 +22,6 @@ std::string Path(const std::string& name);
 /// Empties the page root, creates its sub-directories and frees the space that old core dumps take. What
 /// cannot be done is logged.
 void InitUpgradeFilePath();
-void RemoveCoreDumps();
 /// Removes the page root; a failure is logged.
 void Remove();
 

@@ -39,10 +39,6 @@ Failure CopyPack(const std::string& source, const std::string& target);
 Failure UnpackArchive(const std::string& archive, const char* directory);
 void _MoveUpgradePage();
 
-int Run(const std::string& command) {
-  return QVUpgradeTool::ExecUnlessStopped(command);
-}
-
 /// The text after the last "/" or "\\" of a path: uploads may name their file in either way.
 std::string UploadName(const std::string& path) {
   return path.substr(path.find_last_of("/\\") + 1);
@@ -132,15 +128,15 @@ Failure NoTask(const char* line, const std::string& why) {
 /// Copies the stick's package to `target`, by the shell when copying it ourselves fails.
 Failure CopyPack(const std::string& source, const std::string& target) {
   LOGI("cp file old:%s new:%s", source.c_str(), target.c_str());
-  PackagePage::RemoveCoreDumps();
-  Run("sync");
+  XRemoveDirectory(PackagePage::kCoreDumps);
+  QVUpgradeTool::ExecUnlessStopped("sync");
   if (CopyFile(source, target, CThread::StopRequested)) {
-    Run("sync");
+    QVUpgradeTool::ExecUnlessStopped("sync");
     LOGI("Udisk  copy file is ok");
     return {};
   }
-  if (Run("cp " + ShellQuote(source) + "  " + ShellQuote(target)) == 0) {
-    Run("sync");
+  if (QVUpgradeTool::ExecUnlessStopped("cp " + ShellQuote(source) + "  " + ShellQuote(target)) == 0) {
+    QVUpgradeTool::ExecUnlessStopped("sync");
     LOGI("comd cp file ok");
     return {};
   }
@@ -152,7 +148,7 @@ Failure CopyPack(const std::string& source, const std::string& target) {
 }
 
 Failure UnpackArchive(const std::string& archive, const char* directory) {
-  Run(kKillCommand);
+  QVUpgradeTool::ExecUnlessStopped(kKillCommand);
   LOGI("QVUpgradeAccessUdisk::  sysComd:%s", PackagePage::UnpackCommand(archive, directory).c_str());
   Failure failure = PackagePage::Unpack(archive, directory, Reason::PackageUnpack);
   LOGI("%s", failure ? "Udisk tar file is error" : "Udisk  tar ok");
@@ -170,8 +166,8 @@ void _MoveUpgradePage() {
   XDeleteFile(PackagePage::Path(UpgradePaths::kManifestName));
   const std::string copyManifest = CopyToPageCommand(UpgradePaths::kManifestName);
   LOGI("cpVerisonFile:%s", copyManifest.c_str());
-  Run(copyManifest);
-  Run("sync");
+  QVUpgradeTool::ExecUnlessStopped(copyManifest);
+  QVUpgradeTool::ExecUnlessStopped("sync");
 
   std::vector<PackageManifest::Element> elements;
   if (PackagePage::ReadManifest(elements)) return;
@@ -189,9 +185,10 @@ void _MoveUpgradePage() {
       LOGI("pagPath:%s/%s  subPath:%s", UpgradePaths::kDownload, element.fileName.c_str(),
            UpgradePaths::kPage);
     }
-    if (Run(copyPack) != 0) LOGE("cannot copy %s to the page", element.fileName.c_str());
+    if (QVUpgradeTool::ExecUnlessStopped(copyPack) != 0)
+      LOGE("cannot copy %s to the page", element.fileName.c_str());
   }
-  Run("sync");
+  QVUpgradeTool::ExecUnlessStopped("sync");
 }
 
 }  // namespace

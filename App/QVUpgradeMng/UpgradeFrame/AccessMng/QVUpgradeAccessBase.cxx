@@ -201,7 +201,6 @@ void QVUpgradeAccessBase::RequestStop() {
 }
 
 void QVUpgradeAccessBase::CleanUp() {
-  if (m_bListening) _Unlisten();
-  m_bListening = false;
+  if (std::exchange(m_bListening, false)) _Unlisten();
   DestroyThread(true, true);
 }

@@ -56,10 +56,6 @@ void QVUpgradeAccessFrame::CleanUp() {
   m_taskQue.DestroyThread(true, true);
 }
 
-int QVUpgradeAccessFrame::AccessCallback(int accessType, void* self) {
-  return static_cast<QVUpgradeAccessFrame*>(self)->_NotfiCationUpgrade(accessType);
-}
-
 int QVUpgradeAccessFrame::_NotfiCationUpgrade(int accessType) {
   const bool isNotifying = accessType == UP_UDISK || accessType == UP_WEBS;
   if (isNotifying && m_pUpgradeFrame->startUpgrade(accessType, m_context->versions.getAllVersion())) {

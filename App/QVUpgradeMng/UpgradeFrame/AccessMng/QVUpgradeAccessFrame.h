@@ -33,7 +33,9 @@ class QVUpgradeAccessFrame {
 
   /// Callback of the sources, on their threads: `self` is the access frame. 0 when the frame took the
   /// package, else -1.
-  static int AccessCallback(int accessType, void* self);
+  static int AccessCallback(int accessType, void* self) {
+    return static_cast<QVUpgradeAccessFrame*>(self)->_NotfiCationUpgrade(accessType);
+  }
 
   /// Main, once, after Init: whom imports of portable-part packages are told to. `callback` runs on the
   /// source's thread with no lock held; for an import before this call at once, on the caller's.

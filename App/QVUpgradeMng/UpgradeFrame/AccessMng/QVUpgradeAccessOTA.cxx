@@ -167,10 +167,6 @@ bool QVUpgradeAccessOTA::_WaitForPackage() {
   return _WaitAndTell(&QVUpgradeAccessOTA::_TakeStart);
 }
 
-bool QVUpgradeAccessOTA::_TakeStart() {
-  return std::exchange(m_bStartWanted, false);
-}
-
 Failure QVUpgradeAccessOTA::_FetchPackage() {
   Failure failure = _AwaitOffer();
   if (!failure) failure = _Download(*m_offer.package);
@@ -221,9 +217,13 @@ Failure QVUpgradeAccessOTA::_Download(const PackageInfo& package) {
   _ReportStatus(UI_STATUS_DOWNLOADING);
   _SetSmpAffinityToCpu0(true);
   std::string error;
+  const auto onProgress = [this](const DownloadTask::Status& status) {
+    const CLock lock(m_queueNextMutex);
+    m_download = status;
+    m_stateCond.NotifyAll();
+  };
   const std::shared_ptr<DownloadTask> task = m_downloads.Add(
-      {package.url, UpgradePaths::kDownload, package.fileName, package.size, package.md5},
-      [this](const DownloadTask::Status& status) { _OnDownload(status); }, error);
+      {package.url, UpgradePaths::kDownload, package.fileName, package.size, package.md5}, onProgress, error);
   Failure failure = task != nullptr ? _AwaitDownload() : Fail(Reason::CloudDownload, "%s", error.c_str());
   _SetSmpAffinityToCpu0(false);
   if (failure) return failure;
@@ -232,12 +232,6 @@ Failure QVUpgradeAccessOTA::_Download(const PackageInfo& package) {
   if (!_CheckBattery()) return {};
   _TellPanel(Reasons::Panel::BatteryLow);
   return {Reason::BatteryDrained, kBatteryTooLow, UP_NO_TYPE};
-}
-
-void QVUpgradeAccessOTA::_OnDownload(const DownloadTask::Status& status) {
-  const CLock lock(m_queueNextMutex);
-  m_download = status;
-  m_stateCond.NotifyAll();
 }
 
 Failure QVUpgradeAccessOTA::_AwaitDownload() {

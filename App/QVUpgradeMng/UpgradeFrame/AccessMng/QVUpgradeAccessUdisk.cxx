@@ -154,10 +154,6 @@ void QVUpgradeAccessUdisk::_FindPackage() {
   }
 }
 
-void QVUpgradeAccessUdisk::_PackageEnded(const Failure& /*failure*/) {
-  m_mount = {};
-}
-
 void QVUpgradeAccessUdisk::ThreadProc() {
   QVUpgradeAccessBase::ThreadProc();
   m_mount = {};

@@ -25,7 +25,7 @@ class QVUpgradeAccessUdisk : public QVUpgradeAccessBase {
   bool _WaitForPackage() override;
   Failure _UnpackPackage() override;
   /// No mount of ours outlasts a reboot that is refused, nor the thread.
-  void _PackageEnded(const Failure& failure) override;
+  void _PackageEnded(const Failure& /*failure*/) override { m_mount = {}; }
   void ThreadProc() override;
 
  private:

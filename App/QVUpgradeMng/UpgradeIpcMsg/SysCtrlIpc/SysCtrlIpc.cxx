@@ -61,10 +61,6 @@ bool SysCtrlIpc::CleanUp() {
 
 // Receiving.
 
-std::string SysCtrlIpc::ProcRecvMsgStatic(const std::string& text) {
-  return instance()->ProcRecvMsg(text);
-}
-
 std::string SysCtrlIpc::ProcRecvMsg(const std::string& text) {
   Json::Value message;
   std::string error;

@@ -51,7 +51,7 @@ class SysCtrlIpc : public CThread, public CSingleton<SysCtrlIpc>, public SysCtrl
   /// reply. What is no JSON, or larger than any message of the controller, gets the reply alone. On the bus
   /// thread.
   std::string ProcRecvMsg(const std::string& text);
-  static std::string ProcRecvMsgStatic(const std::string& text);
+  static std::string ProcRecvMsgStatic(const std::string& text) { return instance()->ProcRecvMsg(text); }
 
  protected:
   void ThreadProc() override;
