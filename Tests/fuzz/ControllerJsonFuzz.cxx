@@ -29,11 +29,9 @@ class Device : public ISysCtrlReports {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Device device;
   const std::string text(reinterpret_cast<const char*>(data), size);
-  SysCtrlMsgHandler handler;
-  handler.SetReports(&device);
   Json::Value message;
   std::string error;
-  if (JsonUtils::Parse(text, message, error)) handler.Handle(message);
+  if (JsonUtils::Parse(text, message, error)) SysCtrlMsgHandler::Handle(&device, message);
   SysCtrlMsgHandler::_ParseReply(text);
   return 0;
 }

@@ -14,12 +14,6 @@ constexpr const char* kProtocolType = "dbus";
 constexpr const char* kProtocolVersion = "v1.0";
 constexpr const char* kProjectNum = "9031";
 
-/// True when `object` has the text `expected` under `key`.
-bool HasText(const Json::Value& object, const char* key, const char* expected) {
-  std::string text;
-  return JsonUtils::GetString(object, key, text) && text == expected;
-}
-
 }  // namespace
 
 Json::Value Make(const char* interfaceName, const char* interfaceType, int snr, int cmd, int errorCode,
@@ -49,10 +43,9 @@ bool ParseRequest(const std::string& text, const char* interfaceName, Request& r
   // What the reply repeats is read first, so that a bad request is answered under its own number.
   JsonUtils::GetInt(envelope, "Snr", request.snr);
   const Json::Value& body = envelope["Data"];
-  const bool hasCmd = JsonUtils::GetInt(body, "Cmd", request.cmd);
-
-  if (!hasCmd || !HasText(envelope, "InterfaceName", interfaceName) ||
-      !HasText(envelope, "InterfaceType", kTypeRequest)) {
+  if (!JsonUtils::GetInt(body, "Cmd", request.cmd) ||
+      JsonUtils::StringOr(envelope, "InterfaceName", "") != interfaceName ||
+      JsonUtils::StringOr(envelope, "InterfaceType", "") != kTypeRequest) {
     return false;
   }
   const Json::Value& payload = body["PropertyData"];

@@ -25,15 +25,22 @@ class UpgradeIpcMsg {
   /// In the reverse order; afterwards no report and no command is handled, but the panel still hears.
   bool CleanUp();
 
-  bool SendUIPrecent(int status, int percent, const Json::Value& version, DataDef::UpgDisplayType type);
-  bool SendUIVsersion(const Json::Value& versions);
-  bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code, const Json::Value& payload);
-  bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code);
-  bool SendOtaMsg(DeviceUpgradeUIIPC::DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload);
+  bool SendUIPrecent(int status, int percent, const Json::Value& version, DataDef::UpgDisplayType type) {
+    return m_PUi->SendPrecent(status, percent, version, type);
+  }
+  bool SendUIVsersion(const Json::Value& versions) { return m_PUi->SendVersion(versions); }
+  bool SendUIMsg(const DeviceUpgradeUIIPC::CmdCodeType& code, const Json::Value& payload = {}) {
+    return m_PUi->SendMsg(code, payload);
+  }
+  bool SendOtaMsg(DeviceUpgradeUIIPC::DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload) {
+    return m_PUi->SendOta(cmd, payload);
+  }
   /// While on, progress goes to the web server as well.
-  void SwitchWebReport(bool on);
+  void SwitchWebReport(bool on) { m_PUi->SwitchWebReport(on); }
   /// Queues a message to the system controller; false when its queue is full.
-  bool SendCtrlMsg(const Json::Value& data, const SysCtrlIpc::CmdCodeType& cmd);
+  bool SendCtrlMsg(const Json::Value& data, const SysCtrlIpc::CmdCodeType& cmd) {
+    return m_pSysCtrlIpc->AddMsg({data, cmd});
+  }
 
  private:
   UpgradeIpcMsg();

@@ -16,6 +16,11 @@ bool GetFileName(const Json::Value& item, const char* key, std::string& name) {
   return JsonUtils::GetString(item, key, name) && IsPlainFileName(name);
 }
 
+/// A version under `key` that may be kept and shown.
+bool GetVersion(const Json::Value& item, const char* key, std::string& version) {
+  return JsonUtils::GetString(item, key, version) && !version.empty() && IsVersionText(version);
+}
+
 /// A failure that shows what stands under `key`.
 Failure Unusable(Reason reason, const Json::Value& item, const char* key) {
   const bool isThere = item.isObject() && item.isMember(key);
@@ -72,10 +77,6 @@ Failure ReadPage(const Json::Value& entry, bool isStation, Page& page) {
 }
 
 }  // namespace
-
-bool GetVersion(const Json::Value& item, const char* key, std::string& version) {
-  return JsonUtils::GetString(item, key, version) && !version.empty() && IsVersionText(version);
-}
 
 Failure ReadElements(const Json::Value& manifest, std::vector<Element>& elements) {
   if (!manifest.isObject() || !manifest["otaList"].isArray()) {

@@ -42,9 +42,6 @@ struct Page {
   std::string pageName;  ///< plain
 };
 
-/// A version under `key` that may be kept and shown: text, and not empty.
-bool GetVersion(const Json::Value& item, const char* key, std::string& version);
-
 /// The elements of a package's manifest, unusable ones too.
 Failure ReadElements(const Json::Value& manifest, std::vector<Element>& elements);
 /// The pages in the list of an archive of `kind`. A failure ends the list: `pages` has those before.

@@ -103,6 +103,11 @@ constexpr const Part* getUpgradeTypeName(std::string_view page) {
 }
 
 /// The target of a part on the side of `partition`, "/app_A" or "/app_B"; null for any other text.
-const char* TargetOn(const Part& part, std::string_view partition);
+constexpr const char* TargetOn(const Part& part, std::string_view partition) {
+  for (const Side side : {kSideA, kSideB}) {
+    if (partition == Find(UP_APP)->target[side]) return part.target[side];
+  }
+  return nullptr;
+}
 
 }  // namespace Parts

@@ -6,7 +6,7 @@
 
 #include "../PlatformSDK/TempDirectory.h"
 #include "AccessTestSupport.h"
-#include "UpgradeFrame/AccessMng/PackageArchive.h"
+#include "UpgradeFrame/AccessMng/PackagePage.h"
 #include "UpgradeFrame/AccessMng/PackageUnpack.h"
 
 TEST(PackageUnpack, RefusesTheInstalledVersionByNameAndNoOther) {
@@ -29,7 +29,7 @@ TEST(PackageUnpack, LeavesAPackageUnderUpgradeAlone) {
   EXPECT_EQ(PackageUnpack::Unpack(access.context, UP_UDISK, "/nowhere").reason, Reason::Busy);
 }
 
-TEST(PackageArchive, AcceptsTheDigestOfTheFileAlone) {
+TEST(PackagePage, AcceptsTheDigestOfTheFileAlone) {
   const TempDirectory directory;
   const std::string file = directory / "pack.zip";
   WriteText(file, "abc");
@@ -37,7 +37,7 @@ TEST(PackageArchive, AcceptsTheDigestOfTheFileAlone) {
     PackageManifest::Element element;
     element.kind = kind;
     element.md5 = md5;
-    return PackageArchive::_CheckFileMd5Sum(path, element).reason;
+    return PackagePage::_CheckFileMd5Sum(path, element).reason;
   };
   for (const auto& [kind, refusal] : {std::pair(PackageManifest::Kind::Station, Reason::PackageMd5),
                                       std::pair(PackageManifest::Kind::Portable, Reason::PortableMd5)}) {

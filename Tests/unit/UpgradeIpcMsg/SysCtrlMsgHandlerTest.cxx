@@ -81,9 +81,7 @@ TEST_F(SysCtrlMsgHandlerTest, ComparesAReportedVersionWithTheStoredOne) {
   for (const auto& row : rows) {
     RecordedReports reports;
     reports.StoreVersion(row.chip, row.stored);
-    SysCtrlMsgHandler handler;
-    handler.SetReports(&reports);
-    EXPECT_TRUE(handler.Handle(Parsed(row.message)));
+    EXPECT_TRUE(SysCtrlMsgHandler::Handle(&reports, Parsed(row.message)));
     Effects effects = reports.Effects();
     effects.erase(effects.begin());
     EXPECT_EQ(effects, row.effects) << row.message;
@@ -124,13 +122,11 @@ TEST_F(SysCtrlMsgHandlerTest, PassesReportsOnAndLogsWhatIsUnusable) {
   };
   for (const auto& row : rows) {
     RecordedReports reports;
-    SysCtrlMsgHandler handler;
-    handler.SetReports(&reports);
-    EXPECT_EQ(handler.Handle(Parsed(row.message)), row.isMessage) << row.message;
+    EXPECT_EQ(SysCtrlMsgHandler::Handle(&reports, Parsed(row.message)), row.isMessage) << row.message;
     EXPECT_EQ(reports.Effects(), row.effects) << row.message;
     EXPECT_NE(NewLog().find(row.log), std::string::npos) << row.message;
   }
-  EXPECT_TRUE(SysCtrlMsgHandler().Handle(Parsed(rows[0].message))) << "without anybody to report to";
+  EXPECT_TRUE(SysCtrlMsgHandler::Handle(nullptr, Parsed(rows[0].message))) << "without anybody to report to";
 }
 
 TEST_F(SysCtrlMsgHandlerTest, TellsTheErrorsOfReplies) {

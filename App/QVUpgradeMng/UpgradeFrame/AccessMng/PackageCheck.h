@@ -1,11 +1,10 @@
 /// The second step of a package: what the page root holds is held against its manifest and against the
-/// installed versions. The source's thread; once that was asked to stop no further command is run, and the
-/// step fails.
+/// installed versions, and its parts' archives go where the frame looks for them. The source's thread; once
+/// that was asked to stop no further command is run, and the step fails.
 #pragma once
 
 #include "UpgradeFrame/AccessMng/AccessContext.h"
 #include "UpgradeFrame/UpgradeTypes.h"
-#include "UpgradePackage/PackageManifest.h"
 #include "UpgradePackage/Reasons.h"
 
 namespace PackageCheck {
@@ -15,7 +14,8 @@ namespace PackageCheck {
 /// the first with which the unit cannot go on.
 Failure CheckPack(const AccessContext& access, const AllVersion& current);
 
-Failure _CheckRruPack(DeviceVersions& versions, const OTAVersion& installed,
-                      const PackageManifest::Element& item);
+/// Moves the parts' archives from the staging directory to their page directories. After a failure those that
+/// stand before in the list are moved.
+Failure MovePack();
 
 }  // namespace PackageCheck

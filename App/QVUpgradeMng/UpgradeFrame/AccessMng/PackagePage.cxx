@@ -1,4 +1,5 @@
-/// The page's directories and its manifest.
+/// The page's directories, the manifest, and the archives. Every name that reaches the command line is quoted
+/// here.
 #include "UpgradeFrame/AccessMng/PackagePage.h"
 
 #include <json/json.h>
@@ -11,14 +12,16 @@
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
+#include "UpgradePackage/Parts.h"
 
 namespace PackagePage {
 
 namespace {
 
-constexpr const char* kSubDirectories[] = {"/app",          "/system", "/rootfs", "/fpga",
-                                           "/temp_all_ota", "/rtx",    "/mcu",    "/uac"};
-constexpr const char* kCoreDumps = "/firmware/coredump";
+void Create(const std::string& directory) {
+  if (XCreateFullPathDir(directory, kMode)) return;
+  LOGE("cannot create %s: %s", directory.c_str(), std::strerror(errno));
+}
 
 }  // namespace
 
@@ -28,16 +31,10 @@ std::string Path(const std::string& name) {
 
 void InitUpgradeFilePath() {
   Remove();  // nothing of an earlier package, refused or broken, may become part of this one
-  for (const char* subDirectory : kSubDirectories) {
-    const std::string directory = std::string(UpgradePaths::kPage) + subDirectory;
-    if (!XCreateFullPathDir(directory, kMode)) {
-      LOGE("cannot create %s: %s", directory.c_str(), std::strerror(errno));
-    }
+  Create(UpgradePaths::kPageRruStaging);
+  for (const Parts::Part& part : Parts::kAll) {
+    if (part.isStation) Create(Path(std::string(part.page)));
   }
-  RemoveCoreDumps();
-}
-
-void RemoveCoreDumps() {
   XRemoveDirectory(kCoreDumps);
 }
 
@@ -70,6 +67,29 @@ Failure CheckSoftVersion(const std::string& offered, const OTAVersion& installed
          installed.m_softVersion.c_str());
   }
   return failure;
+}
+
+Failure _CheckFileMd5Sum(const std::string& path, const PackageManifest::Element& element) {
+  LOGI("djh md5sum file path  :%s", path.c_str());
+  const std::string digest = QVUpgradeTool::SumFileMd5(path.c_str());
+  Failure failure = PackageManifest::CheckDigest(element, digest);
+  if (failure) {
+    LOGE("file md5sum is error strMd5Value:%s  upgradeFileMd5Sum:%s", digest.c_str(),
+         Printable(element.md5).c_str());
+  }
+  return failure;
+}
+
+std::string UnpackCommand(const std::string& archive, const std::string& directory) {
+  return "7za x -y " + ShellQuote(archive) + " -o" + ShellQuote(directory);
+}
+
+Failure Unpack(const std::string& archive, const std::string& directory, Reason reason) {
+  XDeleteFile(directory + "/" + UpgradePaths::kManifestName);
+  const int result = QVUpgradeTool::ExecUnlessStopped(UnpackCommand(archive, directory));
+  if (result != 0) return Fail(reason, "the unpacker gave %d for %s", result, archive.c_str());
+  QVUpgradeTool::ExecUnlessStopped("sync");
+  return {};
 }
 
 }  // namespace PackagePage

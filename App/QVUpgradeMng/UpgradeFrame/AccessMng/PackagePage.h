@@ -1,5 +1,6 @@
 /// The page: the directory into which a package is unpacked, with one sub-directory a part, and where the
-/// frame finds it. Stateless; the thread of the one source that holds the claim.
+/// frame finds it. What its manifest and its archives hold is hostile until it was checked. Stateless; the
+/// thread of the one source that holds the claim.
 #pragma once
 
 #include <string>
@@ -12,6 +13,8 @@
 namespace PackagePage {
 
 inline constexpr unsigned kMode = 0765;
+/// Removed for the space that they take.
+inline constexpr const char* kCoreDumps = "/firmware/coredump";
 
 /// The path of something in the page root.
 std::string Path(const std::string& name);
@@ -19,7 +22,6 @@ std::string Path(const std::string& name);
 /// Empties the page root, creates its sub-directories and frees the space that old core dumps take. What
 /// cannot be done is logged.
 void InitUpgradeFilePath();
-void RemoveCoreDumps();
 /// Removes the page root; a failure is logged.
 void Remove();
 
@@ -29,5 +31,13 @@ Failure ReadManifest(std::vector<PackageManifest::Element>& elements);
 bool IsForUnit(const PackageManifest::Element& element);
 /// Refuses the installed version, and logs it: at the package's name, and at its element.
 Failure CheckSoftVersion(const std::string& offered, const OTAVersion& installed);
+
+/// Compares the digest of an archive with the one that stands in its `element`.
+Failure _CheckFileMd5Sum(const std::string& path, const PackageManifest::Element& element);
+/// The unpacker's command line.
+std::string UnpackCommand(const std::string& archive, const std::string& directory);
+/// Runs it and syncs. A manifest that an earlier package left in `directory` is removed first, so that it
+/// cannot speak for this one. A failure gets `reason`.
+Failure Unpack(const std::string& archive, const std::string& directory, Reason reason);
 
 }  // namespace PackagePage

@@ -1,9 +1,11 @@
 /// From the package's name to its files in the page. The commands are the device's own, to the letter.
 #include "UpgradeFrame/AccessMng/PackageUnpack.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "BSW/BasicFun/FileUtils.h"
@@ -11,11 +13,10 @@
 #include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeFrame/AccessMng/DownloadDirectory.h"
-#include "UpgradeFrame/AccessMng/PackageArchive.h"
 #include "UpgradeFrame/AccessMng/PackagePage.h"
-#include "UpgradeFrame/AccessMng/PanelReports.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
+#include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 #include "UpgradePackage/PackageManifest.h"
 #include "UpgradePackage/PackageName.h"
 
@@ -24,7 +25,6 @@ namespace PackageUnpack {
 namespace {
 
 constexpr const char* kUdiskCopyName = "ota.zip";
-constexpr const char* kWrongSource = "accessType is error not webs udisk ota";
 
 /// Ends the heavy processes whose memory the unpacker needs.
 constexpr const char* kKillCommand =
@@ -32,15 +32,12 @@ constexpr const char* kKillCommand =
     "(ps -ef |grep QVFpgaMng|grep -v grep|awk '{print $2}'|xargs kill -9) && "
     "(ps -ef |grep QVZegoMng|grep -v grep|awk '{print $2}'|xargs kill -9)";
 
-Failure BeginPage(const PackageClaim& claim);
+Failure BeginPage(const PackageClaim& claim, UPGRADEACCESSTYPE accessType,
+                  std::initializer_list<UPGRADEACCESSTYPE> served);
 Failure NoTask(const char* line, const std::string& why);
 Failure CopyPack(const std::string& source, const std::string& target);
 Failure UnpackArchive(const std::string& archive, const char* directory);
 void _MoveUpgradePage();
-
-int Run(const std::string& command) {
-  return QVUpgradeTool::ExecUnlessStopped(command);
-}
 
 /// The text after the last "/" or "\\" of a path: uploads may name their file in either way.
 std::string UploadName(const std::string& path) {
@@ -55,10 +52,7 @@ void DeleteArchive(const std::string& archive) {
 }  // namespace
 
 Failure Unpack(const AccessContext& access, UPGRADEACCESSTYPE accessType, const std::string& path) {
-  if (Failure failure = BeginPage(access.claim)) return failure;
-  if (accessType != UP_UDISK && accessType != UP_WEBS) {
-    return NoTask(kWrongSource, "nothing comes from source " + std::to_string(accessType));
-  }
+  if (Failure failure = BeginPage(access.claim, accessType, {UP_UDISK, UP_WEBS})) return failure;
   const std::string fileName = accessType == UP_UDISK
                                    ? QVUpgradeTool::ReadAllUpgradeFileOTAPack(path.c_str(), ".zip")
                                    : UploadName(path);
@@ -81,10 +75,7 @@ Failure UnpackWebAndOTA(const AccessContext& access, UPGRADEACCESSTYPE accessTyp
     Failure failure = _CheckPackName(access.versions, accessType, UploadName(path), checkVersion);
     if (failure) return failure;
   }
-  if (Failure failure = BeginPage(access.claim)) return failure;
-  if (accessType != UP_WEBS && accessType != UP_OTA) {
-    return NoTask(kWrongSource, "nothing comes from source " + std::to_string(accessType));
-  }
+  if (Failure failure = BeginPage(access.claim, accessType, {UP_WEBS, UP_OTA})) return failure;
   DownloadDirectory::Clear(path);
   Failure failure = UnpackArchive(path, UpgradePaths::kDownload);
   if (!failure) _MoveUpgradePage();
@@ -113,15 +104,19 @@ Failure _CheckPackName(DeviceVersions& versions, UPGRADEACCESSTYPE accessType, c
 
 namespace {
 
-/// Refuses a package while another one is upgraded, else makes room for it.
-Failure BeginPage(const PackageClaim& claim) {
+/// Refuses a package while another one is upgraded, else makes room for it; `served` are the sources that it
+/// may come from.
+Failure BeginPage(const PackageClaim& claim, UPGRADEACCESSTYPE accessType,
+                  std::initializer_list<UPGRADEACCESSTYPE> served) {
   if (claim.GetStartUpgrade()) {
     LOGE("beingTask is have current upgrade  unpack failed.");
     return Fail(Reason::Busy, "the frame works on another package");
   }
   PackagePage::InitUpgradeFilePath();
-  PanelReports::Status(UI_STATUS_STARTED);
-  return {};
+  UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(UI_STATUS_STARTED, 0, kNoVersion, DataDef::EM_UPG_RRU);
+  if (std::find(served.begin(), served.end(), accessType) != served.end()) return {};
+  return NoTask("accessType is error not webs udisk ota",
+                "nothing comes from source " + std::to_string(accessType));
 }
 
 Failure NoTask(const char* line, const std::string& why) {
@@ -133,15 +128,15 @@ Failure NoTask(const char* line, const std::string& why) {
 /// Copies the stick's package to `target`, by the shell when copying it ourselves fails.
 Failure CopyPack(const std::string& source, const std::string& target) {
   LOGI("cp file old:%s new:%s", source.c_str(), target.c_str());
-  PackagePage::RemoveCoreDumps();
-  Run("sync");
+  XRemoveDirectory(PackagePage::kCoreDumps);
+  QVUpgradeTool::ExecUnlessStopped("sync");
   if (CopyFile(source, target, CThread::StopRequested)) {
-    Run("sync");
+    QVUpgradeTool::ExecUnlessStopped("sync");
     LOGI("Udisk  copy file is ok");
     return {};
   }
-  if (Run("cp " + ShellQuote(source) + "  " + ShellQuote(target)) == 0) {
-    Run("sync");
+  if (QVUpgradeTool::ExecUnlessStopped("cp " + ShellQuote(source) + "  " + ShellQuote(target)) == 0) {
+    QVUpgradeTool::ExecUnlessStopped("sync");
     LOGI("comd cp file ok");
     return {};
   }
@@ -153,14 +148,10 @@ Failure CopyPack(const std::string& source, const std::string& target) {
 }
 
 Failure UnpackArchive(const std::string& archive, const char* directory) {
-  Run(kKillCommand);
-  LOGI("QVUpgradeAccessUdisk::  sysComd:%s", PackageArchive::UnpackCommand(archive, directory).c_str());
-  Failure failure = PackageArchive::Unpack(archive, directory, Reason::PackageUnpack);
-  if (failure) {
-    LOGI("Udisk tar file is error");
-  } else {
-    LOGI("Udisk  tar ok");
-  }
+  QVUpgradeTool::ExecUnlessStopped(kKillCommand);
+  LOGI("QVUpgradeAccessUdisk::  sysComd:%s", PackagePage::UnpackCommand(archive, directory).c_str());
+  Failure failure = PackagePage::Unpack(archive, directory, Reason::PackageUnpack);
+  LOGI("%s", failure ? "Udisk tar file is error" : "Udisk  tar ok");
   return failure;
 }
 
@@ -175,8 +166,8 @@ void _MoveUpgradePage() {
   XDeleteFile(PackagePage::Path(UpgradePaths::kManifestName));
   const std::string copyManifest = CopyToPageCommand(UpgradePaths::kManifestName);
   LOGI("cpVerisonFile:%s", copyManifest.c_str());
-  Run(copyManifest);
-  Run("sync");
+  QVUpgradeTool::ExecUnlessStopped(copyManifest);
+  QVUpgradeTool::ExecUnlessStopped("sync");
 
   std::vector<PackageManifest::Element> elements;
   if (PackagePage::ReadManifest(elements)) return;
@@ -194,9 +185,10 @@ void _MoveUpgradePage() {
       LOGI("pagPath:%s/%s  subPath:%s", UpgradePaths::kDownload, element.fileName.c_str(),
            UpgradePaths::kPage);
     }
-    if (Run(copyPack) != 0) LOGE("cannot copy %s to the page", element.fileName.c_str());
+    if (QVUpgradeTool::ExecUnlessStopped(copyPack) != 0)
+      LOGE("cannot copy %s to the page", element.fileName.c_str());
   }
-  Run("sync");
+  QVUpgradeTool::ExecUnlessStopped("sync");
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include "BSW/BasicFun/FileUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/AccessMng/PackageArchive.h"
 #include "UpgradeFrame/AccessMng/PackagePage.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
@@ -62,13 +61,13 @@ namespace {
 Failure UnpackPack(const PackageManifest::Element& item, Json::Value& list) {
   if (item.unusable) return item.unusable;
   const std::string archive = PackagePage::Path(item.fileName);
-  if (Failure failure = PackageArchive::_CheckFileMd5Sum(archive, item)) return failure;
+  if (Failure failure = PackagePage::_CheckFileMd5Sum(archive, item)) return failure;
   // The package that held this one may have put anything in its place, a link to elsewhere too.
   const char* const directory = UpgradePaths::kPagePp;
   if (!XRemoveDirectory(directory) || !XCreateFullPathDir(directory, PackagePage::kMode)) {
     return Fail(Reason::PortableDirectory, "cannot clear %s: %s", directory, std::strerror(errno));
   }
-  if (PackageArchive::Unpack(archive, directory, Reason::PortableUnpack)) {
+  if (PackagePage::Unpack(archive, directory, Reason::PortableUnpack)) {
     return Fail(Reason::PortableUnpack, "Unzip %serror!", archive.c_str());
   }
   const std::string listFile = std::string(directory) + "/" + UpgradePaths::kManifestName;

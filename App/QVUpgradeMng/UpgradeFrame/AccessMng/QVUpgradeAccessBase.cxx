@@ -5,15 +5,13 @@
 #include <utility>
 
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/AccessMng/InterruptAffinity.h"
 #include "UpgradeFrame/AccessMng/PackageCheck.h"
-#include "UpgradeFrame/AccessMng/PackageMove.h"
 #include "UpgradeFrame/AccessMng/PackagePage.h"
-#include "UpgradeFrame/AccessMng/PanelReports.h"
 #include "UpgradeFrame/PackageEnd.h"
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/RebootCommands.h"
+#include "UpgradeIpcMsg/UpgradeIpcMsg.h"
 
 namespace {
 
@@ -26,6 +24,19 @@ constexpr const char* kCheck = "Check";
 constexpr const char* kNotify = "Notify";
 constexpr const char* kSuccess = "Success";
 constexpr const char* kFaild = "Faild";
+
+/// All seven interrupts on all four cores.
+constexpr const char* kFreeCommand =
+    "echo 15 > /proc/irq/70/smp_affinity &&echo 15 > /proc/irq/71/smp_affinity &&"
+    "echo 15 > /proc/irq/79/smp_affinity &&echo 15 > /proc/irq/80/smp_affinity &&"
+    "echo 15 > /proc/irq/66/smp_affinity &&echo 15 > /proc/irq/67/smp_affinity &&"
+    "echo 15 > /proc/irq/46/smp_affinity";
+/// Core 3 for 70, 71, 79, 80 and 46, core 0 for 66, core 2 for 67.
+constexpr const char* kPinnedCommand =
+    "echo 8 > /proc/irq/70/smp_affinity &&echo 8 > /proc/irq/71/smp_affinity &&"
+    "echo 8 > /proc/irq/79/smp_affinity &&echo 8 > /proc/irq/80/smp_affinity &&"
+    "echo 1 > /proc/irq/66/smp_affinity &&echo 4 > /proc/irq/67/smp_affinity &&"
+    "echo 8 > /proc/irq/46/smp_affinity";
 
 }  // namespace
 
@@ -43,7 +54,7 @@ std::string QVUpgradeAccessBase::_IdleState() {
 
 std::string QVUpgradeAccessBase::_Preprocess() {
   if (Failure failure = _CheckBattery()) return _Refuse(std::move(failure));
-  InterruptAffinity::_SetSmpAffinityToCpu0(false);
+  _SetSmpAffinityToCpu0(false);
   if (Failure failure = _UnpackPackage()) return _Refuse(std::move(failure));
   m_access.frame->setUpgradeType(m_accessType);
   return kCheck;
@@ -62,7 +73,7 @@ std::string QVUpgradeAccessBase::_CheckState() {
     case EM_RET_SUCCESS:
       break;
   }
-  failure = PackageMove::MovePack();
+  failure = PackageCheck::MovePack();
   if (failure) {
     LOGE("MovePack error!");
     return _Refuse(std::move(failure));
@@ -99,11 +110,30 @@ std::string QVUpgradeAccessBase::_FaildState() {
 
 void QVUpgradeAccessBase::_EndWithoutStart(const Failure& failure) {
   const Reasons::Row& row = Reasons::Of(failure.reason);
-  PanelReports::Refusal(row.panel);
+  _TellPanel(row.panel);
   PackageEnd::Tell(failure);
   _PackageEnded(failure);
   if (row.reboots) _FailAndReboot(failure.reason);
   m_access.claim.ReleaseClaim();
+}
+
+void QVUpgradeAccessBase::_TellPanel(Reasons::Panel panel) {
+  switch (panel) {
+    case Reasons::Panel::Nothing:
+      return;
+    case Reasons::Panel::Failed:
+      return _ReportStatus(UI_STATUS_FAILED);
+    case Reasons::Panel::SameVersion:
+      return _ReportStatus(UI_STATUS_SAME_VERSION);
+    case Reasons::Panel::NoTask:
+      return _ReportStatus(UI_STATUS_NO_TASK);
+    case Reasons::Panel::BatteryLow:
+      UpgradeIpcMsg::GetUpgradeIpc()->SendUIMsg(DeviceUpgradeUIIPC::EM_CODE_REP_BATTERY_LOW);
+  }
+}
+
+void QVUpgradeAccessBase::_ReportStatus(UiUpgradeStatus status, int percent) {
+  UpgradeIpcMsg::GetUpgradeIpc()->SendUIPrecent(status, percent, kNoVersion, DataDef::EM_UPG_RRU);
 }
 
 void QVUpgradeAccessBase::_FailAndReboot(Reason reason) {
@@ -133,6 +163,13 @@ Failure QVUpgradeAccessBase::_CheckBattery() {
               BatteryLevel::EM_CFG_MIN_BATTERY_VAL);
 }
 
+void QVUpgradeAccessBase::_SetSmpAffinityToCpu0(bool change) {
+  LOGI("djh _SetSmpAffinityToCpu0 bChange:%d", static_cast<int>(change));
+  const int result =
+      change ? QVUpgradeTool::ExecUnlessStopped(kFreeCommand) : QVUpgradeTool::ExecCommand(kPinnedCommand);
+  if (result != 0) LOGE("interrupts cannot be moved: %d", result);
+}
+
 QVUpgradeAccessBase::QVUpgradeAccessBase(const char* threadName, UPGRADEACCESSTYPE accessType,
                                          AccessContext access)
     : StateMachine(threadName, m_MapStateMachineFunc, kIdle),
@@ -155,8 +192,7 @@ bool QVUpgradeAccessBase::Start() {
   m_bListening = _Listen();
   if (m_bListening && CreateThread(0)) return true;
   LOGE("package source %d cannot start", static_cast<int>(m_accessType));
-  if (m_bListening) _Unlisten();
-  m_bListening = false;
+  CleanUp();
   return false;
 }
 
@@ -165,7 +201,6 @@ void QVUpgradeAccessBase::RequestStop() {
 }
 
 void QVUpgradeAccessBase::CleanUp() {
-  if (m_bListening) _Unlisten();
-  m_bListening = false;
+  if (std::exchange(m_bListening, false)) _Unlisten();
   DestroyThread(true, true);
 }

@@ -1,7 +1,7 @@
 /// One way of a package, whatever source it came from: the states from its arrival to the start of the frame,
 /// on a thread of the source's own. A source derives from it and adds how a package arrives and which unpack
-/// it takes. The steps behind the states are PackageUnpack, PackageCheck and PackageMove; everything in a
-/// package is taken for hostile until they have checked it. The access frame owns all sources.
+/// it takes. The steps behind the states are PackageUnpack and PackageCheck; everything in a package is taken
+/// for hostile until they have checked it. The access frame owns all sources.
 #pragma once
 
 #include <string>
@@ -9,6 +9,7 @@
 #include "BSW/StateMachine/StateMachine.h"
 #include "UpgradeFrame/AccessMng/AccessContext.h"
 #include "UpgradeFrame/UpgradeTypes.h"
+#include "UpgradeIpcMsg/PannelIpc/DeviceUpgradeUIIPC.h"
 #include "UpgradePackage/Reasons.h"
 #include "common/CallbackInfo.h"
 
@@ -62,6 +63,14 @@ class QVUpgradeAccessBase : public StateMachine<QVUpgradeAccessBase> {
   /// The one end of a claimed package without a start: tells the panel and the log why, reboots the unit when
   /// it must not go on with half a page, and gives the claim back. Any thread.
   void _EndWithoutStart(const Failure& failure);
+  /// Tells the panel a status of the base station, with how much of it is done, or what belongs to a reason.
+  /// Any thread.
+  static void _ReportStatus(UiUpgradeStatus status, int percent = 0);
+  static void _TellPanel(Reasons::Panel panel);
+  /// Pins the interrupts of radio and audio to their usual cores, or, with `change`, frees them for all cores
+  /// while the network needs them. They are pinned even when the calling thread was asked to stop. A failure
+  /// is logged.
+  static void _SetSmpAffinityToCpu0(bool change);
 
   const UPGRADEACCESSTYPE m_accessType;
   const AccessContext m_access;

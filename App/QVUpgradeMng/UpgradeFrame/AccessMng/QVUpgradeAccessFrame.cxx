@@ -30,12 +30,13 @@ int QVUpgradeAccessFrame::Init(QVUpgradeFrameBase* frame, DeviceVersions& versio
   m_pUdiskAccess = std::make_unique<QVUpgradeAccessUdisk>(*m_context);
   m_pWebsAccess = std::make_unique<QVUpgradeAccessWebs>(*m_context);
   m_pOTAAccess = std::make_unique<QVUpgradeAccessOTA>(*m_context);
-  for (QVUpgradeAccessBase* source : _Sources()) source->RegisterUploadPrecentCallback(AccessCallback, this);
+  m_sources = {m_pUdiskAccess.get(), m_pWebsAccess.get(), m_pOTAAccess.get()};
+  for (QVUpgradeAccessBase* source : m_sources) source->RegisterUploadPrecentCallback(AccessCallback, this);
   claim.setmStartUpgrade(false);
   versions.Load(frame->getCurrentPatten() + UpgradePaths::kVersionFile);
 
   // Only now, so that no event meets a record that has not been read.
-  for (QVUpgradeAccessBase* source : _Sources()) _StartAccess(source);
+  for (QVUpgradeAccessBase* source : m_sources) _StartAccess(source);
   if (!m_taskQue.Post([frame] { frame->LoadVersion(); })) LOGE("cannot load the versions");
   return 0;
 }
@@ -46,25 +47,13 @@ bool QVUpgradeAccessFrame::_StartAccess(QVUpgradeAccessBase* source) {
 }
 
 void QVUpgradeAccessFrame::RequestStop() {
-  for (QVUpgradeAccessBase* source : _Sources()) source->RequestStop();
+  for (QVUpgradeAccessBase* source : m_sources) source->RequestStop();
   m_taskQue.DestroyThread(true, false);
 }
 
 void QVUpgradeAccessFrame::CleanUp() {
-  for (QVUpgradeAccessBase* source : _Sources()) source->CleanUp();
+  for (QVUpgradeAccessBase* source : m_sources) source->CleanUp();
   m_taskQue.DestroyThread(true, true);
-}
-
-std::vector<QVUpgradeAccessBase*> QVUpgradeAccessFrame::_Sources() const {
-  std::vector<QVUpgradeAccessBase*> sources;
-  for (const auto* source : {&m_pUdiskAccess, &m_pWebsAccess, &m_pOTAAccess}) {
-    if (*source != nullptr) sources.push_back(source->get());
-  }
-  return sources;
-}
-
-int QVUpgradeAccessFrame::AccessCallback(int accessType, void* self) {
-  return static_cast<QVUpgradeAccessFrame*>(self)->_NotfiCationUpgrade(accessType);
 }
 
 int QVUpgradeAccessFrame::_NotfiCationUpgrade(int accessType) {

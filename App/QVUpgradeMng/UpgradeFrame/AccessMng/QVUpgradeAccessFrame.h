@@ -33,7 +33,9 @@ class QVUpgradeAccessFrame {
 
   /// Callback of the sources, on their threads: `self` is the access frame. 0 when the frame took the
   /// package, else -1.
-  static int AccessCallback(int accessType, void* self);
+  static int AccessCallback(int accessType, void* self) {
+    return static_cast<QVUpgradeAccessFrame*>(self)->_NotfiCationUpgrade(accessType);
+  }
 
   /// Main, once, after Init: whom imports of portable-part packages are told to. `callback` runs on the
   /// source's thread with no lock held; for an import before this call at once, on the caller's.
@@ -46,14 +48,13 @@ class QVUpgradeAccessFrame {
   int _NotfiCationUpgrade(int accessType);
   /// Starts a source. Always true: the daemon works with the sources that can start.
   static bool _StartAccess(QVUpgradeAccessBase* source);
-  /// The sources that were created, in the order in which they start and stop.
-  std::vector<QVUpgradeAccessBase*> _Sources() const;
   /// A source changed the store of portable-part packages. Its thread.
   void _NotifyPpImported();
 
   std::unique_ptr<QVUpgradeAccessBase> m_pUdiskAccess;
   std::unique_ptr<QVUpgradeAccessBase> m_pWebsAccess;
   std::unique_ptr<QVUpgradeAccessBase> m_pOTAAccess;
+  std::vector<QVUpgradeAccessBase*> m_sources;  ///< all of these, in the order in which they start and stop
   std::string m_fpgaVersion;
   // Set by Init alone, before the sources start.
   QVUpgradeFrameBase* m_pUpgradeFrame = nullptr;

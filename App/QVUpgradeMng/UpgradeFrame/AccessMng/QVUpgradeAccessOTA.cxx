@@ -12,11 +12,9 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/AccessMng/DownloadDirectory.h"
-#include "UpgradeFrame/AccessMng/InterruptAffinity.h"
 #include "UpgradeFrame/AccessMng/OtaOffer.h"
 #include "UpgradeFrame/AccessMng/PackagePage.h"
 #include "UpgradeFrame/AccessMng/PackageUnpack.h"
-#include "UpgradeFrame/AccessMng/PanelReports.h"
 #include "UpgradeFrame/QVUpgradeFrameBase.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeIpcMsg/UpgradeIpcMsg.h"
@@ -75,7 +73,7 @@ QVUpgradeAccessOTA::~QVUpgradeAccessOTA() {
 bool QVUpgradeAccessOTA::_Listen() {
   // A download that a crash cut short, in the transfer or in the check of all of it, has left the interrupts
   // free.
-  if (DownloadDirectory::HasDownload()) InterruptAffinity::_SetSmpAffinityToCpu0(false);
+  if (DownloadDirectory::HasDownload()) _SetSmpAffinityToCpu0(false);
   if (m_loop.Start() && RequestedSource::_Listen()) return true;
   m_loop.Stop();
   return false;
@@ -94,7 +92,7 @@ void QVUpgradeAccessOTA::ThreadProc() {
 RequestedSource::Answer QVUpgradeAccessOTA::_Accept(const IpcEnvelope::Request& request) {
   switch (request.cmd) {
     case DeviceUpgradeUIIPC::UPGRADE_OTA_QUERY:
-      return _AcceptQuery();
+      return m_access.claim.IsClaimed() ? _Busy() : _AskBackend(false);
     case DeviceUpgradeUIIPC::UPGRADE_OTA_START:
       return _AcceptStart();
     case DeviceUpgradeUIIPC::UPGRADE_UI_GET_VERSION:
@@ -103,10 +101,6 @@ RequestedSource::Answer QVUpgradeAccessOTA::_Accept(const IpcEnvelope::Request& 
     default:
       return _Malformed();
   }
-}
-
-RequestedSource::Answer QVUpgradeAccessOTA::_AcceptQuery() {
-  return m_access.claim.IsClaimed() ? _Busy() : _AskBackend(false);
 }
 
 RequestedSource::Answer QVUpgradeAccessOTA::_AcceptStart() {
@@ -173,10 +167,6 @@ bool QVUpgradeAccessOTA::_WaitForPackage() {
   return _WaitAndTell(&QVUpgradeAccessOTA::_TakeStart);
 }
 
-bool QVUpgradeAccessOTA::_TakeStart() {
-  return std::exchange(m_bStartWanted, false);
-}
-
 Failure QVUpgradeAccessOTA::_FetchPackage() {
   Failure failure = _AwaitOffer();
   if (!failure) failure = _Download(*m_offer.package);
@@ -224,26 +214,24 @@ Failure QVUpgradeAccessOTA::_Download(const PackageInfo& package) {
   // A file that is complete already, because the daemon was stopped or the battery ran low before it was
   // unpacked, is only verified.
   ReportStart("started", "");
-  PanelReports::Status(UI_STATUS_DOWNLOADING);
-  InterruptAffinity::_SetSmpAffinityToCpu0(true);
+  _ReportStatus(UI_STATUS_DOWNLOADING);
+  _SetSmpAffinityToCpu0(true);
   std::string error;
+  const auto onProgress = [this](const DownloadTask::Status& status) {
+    const CLock lock(m_queueNextMutex);
+    m_download = status;
+    m_stateCond.NotifyAll();
+  };
   const std::shared_ptr<DownloadTask> task = m_downloads.Add(
-      {package.url, UpgradePaths::kDownload, package.fileName, package.size, package.md5},
-      [this](const DownloadTask::Status& status) { _OnDownload(status); }, error);
+      {package.url, UpgradePaths::kDownload, package.fileName, package.size, package.md5}, onProgress, error);
   Failure failure = task != nullptr ? _AwaitDownload() : Fail(Reason::CloudDownload, "%s", error.c_str());
-  InterruptAffinity::_SetSmpAffinityToCpu0(false);
+  _SetSmpAffinityToCpu0(false);
   if (failure) return failure;
-  PanelReports::Status(UI_STATUS_DOWNLOADING, kWholePercent);
+  _ReportStatus(UI_STATUS_DOWNLOADING, kWholePercent);
   // A download takes long enough to drain it. The web server hears of the failure, the panel of both.
   if (!_CheckBattery()) return {};
-  PanelReports::BatteryLow();
+  _TellPanel(Reasons::Panel::BatteryLow);
   return {Reason::BatteryDrained, kBatteryTooLow, UP_NO_TYPE};
-}
-
-void QVUpgradeAccessOTA::_OnDownload(const DownloadTask::Status& status) {
-  const CLock lock(m_queueNextMutex);
-  m_download = status;
-  m_stateCond.NotifyAll();
 }
 
 Failure QVUpgradeAccessOTA::_AwaitDownload() {
@@ -259,7 +247,7 @@ Failure QVUpgradeAccessOTA::_AwaitDownload() {
       m_stateCond.WaitUntil(m_queueNextMutex, nextReport);
     } else {
       lock.Unlock();
-      PanelReports::Status(UI_STATUS_DOWNLOADING, percent);
+      _ReportStatus(UI_STATUS_DOWNLOADING, percent);
       reported = percent;
       nextReport = Clock::now() + kProgressInterval;
       lock.Lock();

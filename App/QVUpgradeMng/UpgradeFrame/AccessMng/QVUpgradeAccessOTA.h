@@ -13,6 +13,7 @@
 #include <optional>
 #include <queue>
 #include <string>
+#include <utility>
 
 #include "Backend/DownloadTask.h"
 #include "Backend/QuorvalenBackendServer.h"
@@ -42,19 +43,17 @@ class QVUpgradeAccessOTA : public RequestedSource {
   void _PackageEnded(const Failure& failure) override;
 
  private:
-  Answer _AcceptQuery();
   Answer _AcceptStart();
   /// Starts a query, whose answer replaces the last one. While another one is on the wire the request is
   /// busy, or, with `orJoin`, takes that one's answer.
   Answer _AskBackend(bool orJoin);
   /// Transfer thread. `query` is the number of the query that is answered.
   void _OnAnswer(uint64_t query, const Quorvalen::QueryResult& answer);
-  void _OnDownload(const Quorvalen::DownloadTask::Status& status);
 
   /// Waits until `take` has got what it is for, and tells the panel of every answer that comes meanwhile.
   /// False: the thread was asked to stop.
   bool _WaitAndTell(bool (QVUpgradeAccessOTA::*take)());
-  bool _TakeStart() REQUIRES(m_queueNextMutex);
+  bool _TakeStart() REQUIRES(m_queueNextMutex) { return std::exchange(m_bStartWanted, false); }
   bool _TakeAnswer() REQUIRES(m_queueNextMutex);
 
   /// The steps of a download on the source's thread.

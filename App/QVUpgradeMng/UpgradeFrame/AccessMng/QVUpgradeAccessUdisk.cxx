@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -21,7 +22,8 @@
 
 namespace {
 
-constexpr const char* kPpPattern = "/dev/ttyACM[0-9]";
+/// What is watched: the nodes of sticks and of portable parts.
+constexpr std::array<const char*, 2> kPatterns = {BlockNodes::kWatchPattern, "/dev/ttyACM[0-9]"};
 constexpr const char* kPpNode = "/dev/ttyACM";
 constexpr int kPpNodeCount = 10;
 
@@ -67,14 +69,12 @@ QVUpgradeAccessUdisk::~QVUpgradeAccessUdisk() {
 bool QVUpgradeAccessUdisk::_Listen() {
   PhyInterface* monitor = PhyInterface::instance();
   if (!monitor->Init()) return false;
-  monitor->RegisterInterface(BlockNodes::kWatchPattern, [this](const std::string& path, bool plugged) {
-    if (BlockNodes::IsNode(path)) _OnNode(NodeKind::Stick, path, plugged);
-    return 0;
-  });
-  monitor->RegisterInterface(kPpPattern, [this](const std::string& path, bool plugged) {
-    _OnNode(NodeKind::PortablePart, path, plugged);
-    return 0;
-  });
+  for (const char* pattern : kPatterns) {
+    monitor->RegisterInterface(pattern, [this](const std::string& path, bool plugged) {
+      _OnNode(path, plugged);
+      return 0;
+    });
+  }
   // Under the lock, so that a portable part that goes right now is forgotten by its event, which waits for
   // the lock.
   const CLock lock(m_queueNextMutex);
@@ -86,13 +86,14 @@ bool QVUpgradeAccessUdisk::_Listen() {
 }
 
 void QVUpgradeAccessUdisk::_Unlisten() {
-  PhyInterface::instance()->UnRegisterInterface(BlockNodes::kWatchPattern);
-  PhyInterface::instance()->UnRegisterInterface(kPpPattern);
+  for (const char* pattern : kPatterns) PhyInterface::instance()->UnRegisterInterface(pattern);
 }
 
-void QVUpgradeAccessUdisk::_OnNode(NodeKind kind, const std::string& path, bool plugged) {
+void QVUpgradeAccessUdisk::_OnNode(const std::string& path, bool plugged) {
+  const bool isPp = path.rfind(kPpNode, 0) == 0;
+  if (!isPp && !BlockNodes::IsNode(path)) return;
   const CLock lock(m_queueNextMutex);
-  Nodes& nodes = kind == NodeKind::Stick ? m_newStickNodes : m_ppNodes;
+  std::set<std::string>& nodes = isPp ? m_ppNodes : m_newStickNodes;
   if (plugged) {
     nodes.insert(path);
   } else {
@@ -151,10 +152,6 @@ void QVUpgradeAccessUdisk::_FindPackage() {
     readDisks.insert(BlockNodes::DiskOf(node));
     if (!QVUpgradeTool::ReadAllUpgradeFileOTAPack(m_mount.Path().c_str(), ".zip").empty()) return;
   }
-}
-
-void QVUpgradeAccessUdisk::_PackageEnded(const Failure& /*failure*/) {
-  m_mount = {};
 }
 
 void QVUpgradeAccessUdisk::ThreadProc() {

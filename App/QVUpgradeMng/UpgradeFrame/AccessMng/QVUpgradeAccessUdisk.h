@@ -25,21 +25,19 @@ class QVUpgradeAccessUdisk : public QVUpgradeAccessBase {
   bool _WaitForPackage() override;
   Failure _UnpackPackage() override;
   /// No mount of ours outlasts a reboot that is refused, nor the thread.
-  void _PackageEnded(const Failure& failure) override;
+  void _PackageEnded(const Failure& /*failure*/) override { m_mount = {}; }
   void ThreadProc() override;
 
  private:
-  using Nodes = std::set<std::string>;
-
-  enum class NodeKind { Stick, PortablePart };
-
   /// Notes a node's coming or going and wakes the source. Monitor thread.
-  void _OnNode(NodeKind kind, const std::string& path, bool plugged);
+  void _OnNode(const std::string& path, bool plugged);
   /// Mounts, in m_mount, the file system with the stick's package, or one that has none when all are without.
   void _FindPackage();
 
-  Nodes m_newStickNodes GUARDED_BY(m_queueNextMutex);  ///< plugged in and not yet looked at
-  Nodes m_ppNodes GUARDED_BY(m_queueNextMutex);        ///< serial devices of portable parts that are present
+  /// Plugged in and not yet looked at.
+  std::set<std::string> m_newStickNodes GUARDED_BY(m_queueNextMutex);
+  /// Serial devices of portable parts that are present.
+  std::set<std::string> m_ppNodes GUARDED_BY(m_queueNextMutex);
   std::chrono::steady_clock::time_point m_lastNodeEvent GUARDED_BY(m_queueNextMutex);
 
   // The source's thread only.

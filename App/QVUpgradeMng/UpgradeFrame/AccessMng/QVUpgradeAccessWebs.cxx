@@ -44,9 +44,8 @@ bool QVUpgradeAccessWebs::_Listen() {
 RequestedSource::Answer QVUpgradeAccessWebs::_Accept(const IpcEnvelope::Request& request) {
   Upload upload;
   if (request.cmd != kCmdUpgrade || !_ParseUpload(request.propertyData, upload)) return _Malformed();
-  const auto check = [&upload]() -> Answer {
-    if (IsRegularFileItself(upload.archive)) return {};
-    return {REPLY_REFUSED, "no such package file"};
+  const auto check = [&upload] {
+    return IsRegularFileItself(upload.archive) ? Answer() : Answer{REPLY_REFUSED, "no such package file"};
   };
   return _AcceptPackage(check, [&] {
     const CLock lock(m_queueNextMutex);

@@ -2,6 +2,7 @@
 /// know them.
 #include "UpgradeIpcMsg/DebugIpc/DebugIpc.h"
 
+#include <iterator>
 #include <sstream>
 
 #include "BSW/BasicFun/StringUtils.h"
@@ -16,33 +17,26 @@ constexpr const char* kMethod = "upgrade_dbus_method_UpgreadDebug";
 
 std::vector<std::string> Words(const std::string& line) {
   std::istringstream stream(line);
-  std::vector<std::string> words;
-  for (std::string word; stream >> word;) words.push_back(word);
-  return words;
+  return {std::istream_iterator<std::string>(stream), {}};
 }
 
 }  // namespace
 
 bool DebugIpc::Init(const char* name) {
   LOGI("debug commands of %s", name);
-  return CDbusHandler::instance()->RegisteredServices(kObject, kInterface, kMethod, _ProcDebugMsgStatic,
-                                                      false);
+  const auto answer = [](const std::string& line) { return instance()->ProcDebugMsg(line); };
+  return CDbusHandler::instance()->RegisteredServices(kObject, kInterface, kMethod, answer, false);
 }
 
-bool DebugIpc::CleanUp() {
+void DebugIpc::CleanUp() {
   CDbusHandler::instance()->UnRegisteredServices(kObject, kInterface, kMethod);
   const CLock lock(m_mutex);
   m_mapCommand.clear();
-  return true;
 }
 
 void DebugIpc::RegisterCommand(const std::string& name, const std::string& help, const Command& command) {
   const CLock lock(m_mutex);
   m_mapCommand[name] = {help, command};
-}
-
-std::string DebugIpc::_ProcDebugMsgStatic(const std::string& line) {
-  return instance()->ProcDebugMsg(line);
 }
 
 std::string DebugIpc::ProcDebugMsg(const std::string& line) {

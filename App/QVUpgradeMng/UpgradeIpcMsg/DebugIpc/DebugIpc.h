@@ -24,7 +24,7 @@ class DebugIpc : public CSingleton<DebugIpc> {
   /// Serves the bus; `name` is that of the interface in the log. False when it cannot be served.
   bool Init(const char* name);
   /// Leaves the bus and forgets the commands; one that runs is not waited for.
-  bool CleanUp();
+  void CleanUp();
 
   /// `help` is its line in the list. A second command of the same name replaces the first.
   void RegisterCommand(const std::string& name, const std::string& help, const Command& command);
@@ -42,7 +42,6 @@ class DebugIpc : public CSingleton<DebugIpc> {
   DebugIpc() = default;
   ~DebugIpc() = default;
 
-  static std::string _ProcDebugMsgStatic(const std::string& line);
   std::string _Help();
 
   CMutex m_mutex;

@@ -33,10 +33,6 @@ bool SendTo(const SignalAddress& address, const std::string& text) {
 
 }  // namespace
 
-bool DeviceUpgradeUIIPC::Init() {
-  return true;
-}
-
 bool DeviceUpgradeUIIPC::SendPrecent(int status, int percent, const Json::Value& version,
                                      DataDef::UpgDisplayType type) {
   Json::Value payload(Json::objectValue);
@@ -44,47 +40,21 @@ bool DeviceUpgradeUIIPC::SendPrecent(int status, int percent, const Json::Value&
   payload["UpgradeStatus"] = status;
   payload["UpgradePrecent"] = percent;
   if (percent == kWholePercent && type == DataDef::EM_UPG_RRU) payload["softVersion"] = version;
-
-  const bool sent = _Send(UPGRADE_STATUS, payload);
-  if (m_bWebReport) _SendWeb(UPGRADE_STATUS, payload);
-  return sent;
+  return _Send(UPGRADE_STATUS, payload, m_bWebReport);
 }
 
-bool DeviceUpgradeUIIPC::SendVersion(const Json::Value& versions) {
-  return _Send(UPGRADE_SEND_VERSION, versions);
-}
-
-bool DeviceUpgradeUIIPC::SendMsg(const CmdCodeType& code, const Json::Value& payload) {
-  return _Send(code, payload);
-}
-
-bool DeviceUpgradeUIIPC::SendMsg(const CmdCodeType& code) {
-  return _Send(code, Json::Value());
-}
-
-bool DeviceUpgradeUIIPC::SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload) {
-  const bool sent = _Send(cmd, payload);
-  _SendWeb(cmd, payload);
-  return sent;
-}
-
-bool DeviceUpgradeUIIPC::_Send(int cmd, const Json::Value& payload) {
+bool DeviceUpgradeUIIPC::_Send(int cmd, const Json::Value& payload, bool alsoToWebServer) {
   const std::string text = JsonUtils::ToCompactText(_MakeDataHeader(cmd, payload));
   LOGI("sendUiMsg:%s", text.c_str());
-  return SendTo(kPanel, text);
-}
-
-void DeviceUpgradeUIIPC::_SendWeb(int cmd, const Json::Value& payload) {
-  const std::string text = JsonUtils::ToCompactText(_MakeDataHeader(cmd, payload));
-  LOGI("sendWebMsg:%s", text.c_str());
-  SendTo(kWebServer, text);
+  const bool sent = SendTo(kPanel, text);
+  if (alsoToWebServer) {
+    LOGI("sendWebMsg:%s", text.c_str());
+    SendTo(kWebServer, text);
+  }
+  return sent;
 }
 
 Json::Value DeviceUpgradeUIIPC::_MakeDataHeader(int cmd, Json::Value payload) {
   return IpcEnvelope::Make(kReportInterfaceName, IpcEnvelope::kTypeSignal, _MakeSnrNumber(), cmd, 0,
                            std::move(payload));
-}
-
-int DeviceUpgradeUIIPC::_MakeSnrNumber() {
-  return 1;
 }

@@ -25,7 +25,8 @@ enum UiUpgradeStatus {
   UI_STATUS_DOWNLOADING = 5,
 };
 
-/// Any thread may call any member. Each send logs the message and gives the bus handler's result.
+/// Any thread may call any member. Each send logs the message and gives the bus handler's result, for
+/// the panel.
 class DeviceUpgradeUIIPC {
  public:
   /// Codes of event messages, as SendMsg takes them.
@@ -44,23 +45,22 @@ class DeviceUpgradeUIIPC {
     UPGRADE_UI_GET_VERSION = 502,  ///< only ever received
   };
 
-  bool Init();
+  bool Init() { return true; }
   /// Progress: `percent` 0 to 100; `version` is sent with 100 % of the base station alone.
   bool SendPrecent(int status, int percent, const Json::Value& version, DataDef::UpgDisplayType type);
-  bool SendVersion(const Json::Value& versions);
-  bool SendMsg(const CmdCodeType& code, const Json::Value& payload);
-  bool SendMsg(const CmdCodeType& code);
+  bool SendVersion(const Json::Value& versions) { return _Send(UPGRADE_SEND_VERSION, versions); }
+  /// An event; without a payload it carries null.
+  bool SendMsg(const CmdCodeType& code, const Json::Value& payload = {}) { return _Send(code, payload); }
   /// What a cloud request led to: to the panel, and always to the web server too.
-  bool SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload);
+  bool SendOta(DEBUG_UPGRADE_CMD_UI cmd, const Json::Value& payload) { return _Send(cmd, payload, true); }
 
   /// While on, every progress report goes to the web server too.
   void SwitchWebReport(bool on) { m_bWebReport = on; }
 
  private:
-  bool _Send(int cmd, const Json::Value& payload);
-  static void _SendWeb(int cmd, const Json::Value& payload);
+  static bool _Send(int cmd, const Json::Value& payload, bool alsoToWebServer = false);
   static Json::Value _MakeDataHeader(int cmd, Json::Value payload);
-  static int _MakeSnrNumber();
+  static int _MakeSnrNumber() { return 1; }
 
   std::atomic<bool> m_bWebReport{false};
 };

@@ -61,10 +61,6 @@ bool SysCtrlIpc::CleanUp() {
 
 // Receiving.
 
-std::string SysCtrlIpc::ProcRecvMsgStatic(const std::string& text) {
-  return instance()->ProcRecvMsg(text);
-}
-
 std::string SysCtrlIpc::ProcRecvMsg(const std::string& text) {
   Json::Value message;
   std::string error;
@@ -108,7 +104,7 @@ void SysCtrlIpc::_HandleMsg() {
     batch.swap(m_vecRecvMsg);
   }
   for (const Json::Value& message : batch) {
-    if (!m_MsgRecver.IsRunning() || !m_handler.Handle(message)) return;
+    if (!m_MsgRecver.IsRunning() || !SysCtrlMsgHandler::Handle(m_pReports, message)) return;
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include <json/json.h>
 
+#include <atomic>
 #include <deque>
 #include <string>
 #include <vector>
@@ -13,7 +14,6 @@
 #include "BSW/MultiTask/CSingleton.h"
 #include "BSW/MultiTask/CThread.h"
 #include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlMsgHandler.h"
-#include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlProtocol.h"
 #include "common/Condition.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
@@ -35,7 +35,7 @@ class SysCtrlIpc : public CThread, public CSingleton<SysCtrlIpc>, public SysCtrl
   ~SysCtrlIpc() override;
 
   /// Whom the reports go to from now on; not owned, must stay until CleanUp. Main sets it before Init.
-  void SetReports(ISysCtrlReports* reports) { m_handler.SetReports(reports); }
+  void SetReports(ISysCtrlReports* reports) { m_pReports = reports; }
 
   /// Serves the bus and starts the sender; the receiver runs since construction, or since Init after a
   /// CleanUp. False when a thread does not start or the bus is served already.
@@ -51,7 +51,7 @@ class SysCtrlIpc : public CThread, public CSingleton<SysCtrlIpc>, public SysCtrl
   /// reply. What is no JSON, or larger than any message of the controller, gets the reply alone. On the bus
   /// thread.
   std::string ProcRecvMsg(const std::string& text);
-  static std::string ProcRecvMsgStatic(const std::string& text);
+  static std::string ProcRecvMsgStatic(const std::string& text) { return instance()->ProcRecvMsg(text); }
 
  protected:
   void ThreadProc() override;
@@ -83,7 +83,7 @@ class SysCtrlIpc : public CThread, public CSingleton<SysCtrlIpc>, public SysCtrl
   bool _PackMsg(std::vector<std::string>& texts);
   void _SendMsg(const std::vector<std::string>& texts);
 
-  SysCtrlMsgHandler m_handler;
+  std::atomic<ISysCtrlReports*> m_pReports{nullptr};
   Recver m_MsgRecver{*this};
   CMutex m_DataLock;
   std::vector<Json::Value> m_vecRecvMsg GUARDED_BY(m_DataLock);

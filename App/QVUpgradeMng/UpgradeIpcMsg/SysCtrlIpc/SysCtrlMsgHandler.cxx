@@ -8,7 +8,62 @@
 #include "BSW/BasicFun/JsonUtils.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
-#include "UpgradeIpcMsg/SysCtrlIpc/SysCtrlProtocol.h"
+
+namespace {
+
+/// Handles the "Data" of one command; false when it is unusable.
+using Handler = bool(ISysCtrlReports& reports, const Json::Value& data);
+Handler _HandleRepFpgaVer;
+Handler _HandleRepRtxVer;
+Handler _HandleRepBattery;
+Handler _HandleRepClockStatus;
+Handler _HandleReqVer;
+Handler _HandleRepUacVer;
+
+void _HandleGengericReply(const Json::Value& data);
+void LogUnusableData(const Json::Value& data);
+
+}  // namespace
+
+bool SysCtrlMsgHandler::Handle(ISysCtrlReports* reports, const Json::Value& message) {
+  static const std::map<int, Handler*> kHandlers = {
+      {SysCtrlProtocol::EM_CODE_SYS_REP_FPGA_VER, _HandleRepFpgaVer},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_RTX_VER, _HandleRepRtxVer},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_BATTERY, _HandleRepBattery},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_CLOCK_SYNC_STATUS, _HandleRepClockStatus},
+      {SysCtrlProtocol::EM_CODE_SYS_REQ_VER, _HandleReqVer},
+      {SysCtrlProtocol::EM_CODE_SYS_REP_UAC_VER, _HandleRepUacVer},
+  };
+  int cmd = 0;
+  if (!JsonUtils::GetInt(message, "Cmd", cmd) || !message.isMember("Data")) {
+    LOGE("Error content of msg! ErrVal:%s", JsonUtils::ToStyledText(message).c_str());
+    return false;
+  }
+  const auto handler = kHandlers.find(cmd);
+  if (handler == kHandlers.end()) {
+    LOGE("Unsupport cmd! ErrVal:%d", cmd);
+  } else if (reports == nullptr) {
+    LOGW("nobody takes the controller's report %d", cmd);
+  } else if (!handler->second(*reports, message["Data"])) {
+    LogUnusableData(message["Data"]);
+  }
+  return true;
+}
+
+void SysCtrlMsgHandler::_ParseReply(const std::string& text) {
+  Json::Value reply;
+  std::string error;
+  int cmd = 0;
+  if (!JsonUtils::Parse(text, reply, error)) {
+    LOGE("_ParseReply convert json failed.");
+  } else if (!JsonUtils::GetInt(reply, "Cmd", cmd) || !reply.isMember("Data")) {
+    LOGE("Error Json member!ErrVal:%s", JsonUtils::ToStyledText(reply).c_str());
+  } else if (cmd != SysCtrlProtocol::EM_CODE_REQ_PAIR) {
+    LOGE("Cmd unsupport!ErrVal:%d", cmd);
+  } else {
+    _HandleGengericReply(reply["Data"]);
+  }
+}
 
 namespace {
 
@@ -48,55 +103,22 @@ bool CheckVersion(ISysCtrlReports& reports, const ChipTexts& texts, const Json::
   return true;
 }
 
-void LogUnusableData(const Json::Value& data) {
-  LOGE("Error content of member 'Data'!ErrVal:%s", JsonUtils::ToStyledText(data).c_str());
-}
-
-}  // namespace
-
-bool SysCtrlMsgHandler::Handle(const Json::Value& message) const {
-  using Handler = bool (*)(ISysCtrlReports&, const Json::Value&);
-  static const std::map<int, Handler> kHandlers = {
-      {SysCtrlProtocol::EM_CODE_SYS_REP_FPGA_VER, _HandleRepFpgaVer},
-      {SysCtrlProtocol::EM_CODE_SYS_REP_RTX_VER, _HandleRepRtxVer},
-      {SysCtrlProtocol::EM_CODE_SYS_REP_BATTERY, _HandleRepBattery},
-      {SysCtrlProtocol::EM_CODE_SYS_REP_CLOCK_SYNC_STATUS, _HandleRepClockStatus},
-      {SysCtrlProtocol::EM_CODE_SYS_REQ_VER, _HandleReqVer},
-      {SysCtrlProtocol::EM_CODE_SYS_REP_UAC_VER, _HandleRepUacVer},
-  };
-  int cmd = 0;
-  if (!JsonUtils::GetInt(message, "Cmd", cmd) || !message.isMember("Data")) {
-    LOGE("Error content of msg! ErrVal:%s", JsonUtils::ToStyledText(message).c_str());
-    return false;
-  }
-  const auto handler = kHandlers.find(cmd);
-  ISysCtrlReports* const reports = m_pReports;
-  if (handler == kHandlers.end()) {
-    LOGE("Unsupport cmd! ErrVal:%d", cmd);
-  } else if (reports == nullptr) {
-    LOGW("nobody takes the controller's report %d", cmd);
-  } else if (!handler->second(*reports, message["Data"])) {
-    LogUnusableData(message["Data"]);
-  }
-  return true;
-}
-
-bool SysCtrlMsgHandler::_HandleRepFpgaVer(ISysCtrlReports& reports, const Json::Value& data) {
+bool _HandleRepFpgaVer(ISysCtrlReports& reports, const Json::Value& data) {
   return CheckVersion(reports, kFpga, data, "FpgaVer", "Different FPGA version!Strored:");
 }
 
-bool SysCtrlMsgHandler::_HandleRepRtxVer(ISysCtrlReports& reports, const Json::Value& data) {
+bool _HandleRepRtxVer(ISysCtrlReports& reports, const Json::Value& data) {
   int index = 0;
   return JsonUtils::GetInt(data, "RtxIndex", index) &&
          CheckVersion(reports, kRtx, data, "RtxVer",
                       "Different RTX" + std::to_string(index) + " version!Strored:");
 }
 
-bool SysCtrlMsgHandler::_HandleRepUacVer(ISysCtrlReports& reports, const Json::Value& data) {
+bool _HandleRepUacVer(ISysCtrlReports& reports, const Json::Value& data) {
   return CheckVersion(reports, kUac, data, "UacVer", "Different UAC version!Strored:");
 }
 
-bool SysCtrlMsgHandler::_HandleRepBattery(ISysCtrlReports& reports, const Json::Value& data) {
+bool _HandleRepBattery(ISysCtrlReports& reports, const Json::Value& data) {
   int level = 0;
   if (!JsonUtils::GetInt(data, "Battery", level)) return false;
   LOGI("Get new battery:%d", level);
@@ -104,7 +126,7 @@ bool SysCtrlMsgHandler::_HandleRepBattery(ISysCtrlReports& reports, const Json::
   return true;
 }
 
-bool SysCtrlMsgHandler::_HandleRepClockStatus(ISysCtrlReports& reports, const Json::Value& data) {
+bool _HandleRepClockStatus(ISysCtrlReports& reports, const Json::Value& data) {
   int status = 0;
   if (!JsonUtils::GetInt(data, "Status", status)) return false;
   LOGI("Get new Status:%d", status);
@@ -112,27 +134,12 @@ bool SysCtrlMsgHandler::_HandleRepClockStatus(ISysCtrlReports& reports, const Js
   return true;
 }
 
-bool SysCtrlMsgHandler::_HandleReqVer(ISysCtrlReports& reports, const Json::Value& /*data*/) {
+bool _HandleReqVer(ISysCtrlReports& reports, const Json::Value& /*data*/) {
   reports.SendVersionReport();
   return true;
 }
 
-void SysCtrlMsgHandler::_ParseReply(const std::string& text) {
-  Json::Value reply;
-  std::string error;
-  int cmd = 0;
-  if (!JsonUtils::Parse(text, reply, error)) {
-    LOGE("_ParseReply convert json failed.");
-  } else if (!JsonUtils::GetInt(reply, "Cmd", cmd) || !reply.isMember("Data")) {
-    LOGE("Error Json member!ErrVal:%s", JsonUtils::ToStyledText(reply).c_str());
-  } else if (cmd != SysCtrlProtocol::EM_CODE_REQ_PAIR) {
-    LOGE("Cmd unsupport!ErrVal:%d", cmd);
-  } else {
-    _HandleGengericReply(reply["Data"]);
-  }
-}
-
-void SysCtrlMsgHandler::_HandleGengericReply(const Json::Value& data) {
+void _HandleGengericReply(const Json::Value& data) {
   int errorCode = SysCtrlProtocol::EM_ERR_CODE_SUCCESS;
   std::string errorMsg;
   const bool hasCode = JsonUtils::GetInt(data, "ErrorCode", errorCode);
@@ -142,3 +149,9 @@ void SysCtrlMsgHandler::_HandleGengericReply(const Json::Value& data) {
     LOGE("SysCtrl reply an error!ErrCode:%d, ErrMsg:%s", errorCode, Printable(errorMsg).c_str());
   }
 }
+
+void LogUnusableData(const Json::Value& data) {
+  LOGE("Error content of member 'Data'!ErrVal:%s", JsonUtils::ToStyledText(data).c_str());
+}
+
+}  // namespace

@@ -4,33 +4,42 @@
 
 #include <json/json.h>
 
-#include <atomic>
 #include <string>
 
 #include "UpgradeIpcMsg/SysCtrlIpc/ISysCtrlReports.h"
 
-class SysCtrlMsgHandler {
- public:
-  /// Any thread; null: reports are logged and dropped.
-  void SetReports(ISysCtrlReports* reports) { m_pReports = reports; }
+/// The numbers that the daemon and the system controller have agreed on. SysCtrlIpc derives from it, so that
+/// callers find them there.
+struct SysCtrlProtocol {
+  /// "Cmd" of a message.
+  enum CmdCodeType {
+    EM_CODE_REQ_PAIR = 0,  ///< out: pair a portable part; in, as a reply: the outcome of a request
+    EM_CODE_SYS_REP_FPGA_VER = 100,
+    EM_CODE_SYS_REP_RTX_VER = 101,
+    EM_CODE_SYS_REP_BATTERY = 102,
+    EM_CODE_SYS_REP_CLOCK_SYNC_STATUS = 103,
+    EM_CODE_SYS_REQ_VER = 104,
+    EM_CODE_SYS_REP_UAC_VER = 105,
+    EM_CODE_VERSION = 200,  ///< out: versions
+    EM_CODE_MAX = 999,
+  };
 
-  /// Handles one report or request. False, logged, when it lacks "Cmd" or "Data": whatever follows it from
-  /// the same sender is in doubt. An unknown command or unusable "Data" is logged and true.
-  bool Handle(const Json::Value& message) const;
-
-  /// Reads the controller's reply to a request and logs the error that it may tell. No caller yet: the
-  /// daemon does not wait for the replies to its requests.
-  static void _ParseReply(const std::string& text);
-
- private:
-  // Each handles the "Data" of one command; false when it is unusable.
-  static bool _HandleRepFpgaVer(ISysCtrlReports& reports, const Json::Value& data);
-  static bool _HandleRepRtxVer(ISysCtrlReports& reports, const Json::Value& data);
-  static bool _HandleRepUacVer(ISysCtrlReports& reports, const Json::Value& data);
-  static bool _HandleRepBattery(ISysCtrlReports& reports, const Json::Value& data);
-  static bool _HandleRepClockStatus(ISysCtrlReports& reports, const Json::Value& data);
-  static bool _HandleReqVer(ISysCtrlReports& reports, const Json::Value& data);
-  static void _HandleGengericReply(const Json::Value& data);
-
-  std::atomic<ISysCtrlReports*> m_pReports{nullptr};  ///< not owned
+  /// "ErrorCode" of a reply.
+  enum ErrCodeType {
+    EM_ERR_CODE_SUCCESS = 0,
+    EM_ERR_CODE_FAILED = 1,
+  };
 };
+
+namespace SysCtrlMsgHandler {
+
+/// Handles one report or request. False, logged, when it lacks "Cmd" or "Data": whatever follows it from the
+/// same sender is in doubt. An unknown command or unusable "Data" is logged and true, as is a report while
+/// `reports` is null.
+bool Handle(ISysCtrlReports* reports, const Json::Value& message);
+
+/// Reads the controller's reply to a request and logs the error that it may tell. No caller yet: the daemon
+/// does not wait for the replies to its requests.
+void _ParseReply(const std::string& text);
+
+}  // namespace SysCtrlMsgHandler
