@@ -5,6 +5,7 @@
 #include <deque>
 #include <optional>
 #include <utility>
+
 #include "common/Condition.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"
@@ -27,13 +28,10 @@ class CMsgQue {
   std::optional<Message> Take() {
     const CLock lock(m_mutex);
     m_cond.Wait(m_mutex, [this]() REQUIRES(m_mutex) { return m_bClosed || !m_queue.empty(); });
-    return _Pop();
-  }
-
-  /// Takes what is there without waiting.
-  std::optional<Message> TryTake() {
-    const CLock lock(m_mutex);
-    return _Pop();
+    if (m_bClosed) return std::nullopt;
+    std::optional<Message> message(std::move(m_queue.front()));
+    m_queue.pop_front();
+    return message;
   }
 
   /// Ends every waiting Take and refuses further messages. A queue stays closed.
@@ -44,13 +42,6 @@ class CMsgQue {
   }
 
  private:
-  std::optional<Message> _Pop() REQUIRES(m_mutex) {
-    if (m_bClosed || m_queue.empty()) return std::nullopt;
-    std::optional<Message> message(std::move(m_queue.front()));
-    m_queue.pop_front();
-    return message;
-  }
-
   const size_t m_capacity;
   CMutex m_mutex;
   CCondition m_cond;
