@@ -31,7 +31,7 @@ Answer SwitchLowBatteryLimit(BatteryLevel& battery, const Words& words) {
   } else if (!words.empty()) {
     return std::nullopt;
   }
-  return battery.IsBatteryLimited() ? "Low battery limited ON" : "Low battery limited OFF";
+  return BatteryLevel::LimitText(battery.IsBatteryLimited());
 }
 
 }  // namespace

@@ -49,7 +49,9 @@ namespace {
 constexpr const char* kProgramVersion = "V1.1.6.00";
 constexpr const char* kBuildType = ", BuildType:Debug";
 constexpr const char* kBusName = "org.Upgread.server";
+constexpr const char* kMainThreadName = "QVUpMng:Main";
 constexpr const char* kLogDirectory = "/firmware/log/QVUpgradeMng";
+constexpr const char* kErrorRecordDirectory = "/firmware/log/";
 constexpr char kBannerFormat[] = "[QVUpgradeMng] Version:%s  Build Date: %s %s, Uptime: %lu ms ****";
 constexpr uint32_t kExitPollMs = 100;
 
@@ -141,11 +143,9 @@ void AppReadOTAHost() {
   }
   if (!JsonUtils::GetString(content, UpgradePaths::kOtaHostKey, m_appHostName)) return;
   LOGI("AppReadOTAHost before file host:%s", m_appHostName.c_str());
-  if (m_appHostName == BackendHosts::kBrandPrerelease) {
-    m_appHostName = BackendHosts::kBrandProduction;
-    AppWirtOTAHost();
-  } else if (m_appHostName == BackendHosts::kMakerPrerelease) {
-    m_appHostName = BackendHosts::kMakerProduction;
+  const bool isBrand = m_appHostName == BackendHosts::kBrandPrerelease;
+  if (isBrand || m_appHostName == BackendHosts::kMakerPrerelease) {
+    m_appHostName = isBrand ? BackendHosts::kBrandProduction : BackendHosts::kMakerProduction;
     AppWirtOTAHost();
   }
   LOGI("AppReadOTAHost after file host:%s", m_appHostName.c_str());
@@ -161,7 +161,7 @@ void AppStop();
 int main(int /*argc*/, char* /*argv*/[]) {
   InitSignals();
   CLog::instance()->Init(kLogDirectory, false);
-  CThread::SetThreadName("QVUpMng:Main");
+  CThread::SetThreadName(kMainThreadName);
   const unsigned long uptime = GetCurTimeMilliSec();
   // Log readers find a start by this file name and line, which therefore stay as they are.
   LOGI(kBannerFormat, kProgramVersion, __DATE__, __TIME__, uptime);
@@ -182,8 +182,6 @@ int main(int /*argc*/, char* /*argv*/[]) {
 }
 
 namespace {
-
-constexpr const char* kErrorRecordDirectory = "/firmware/log/";
 
 /// What several parts share. Never freed: after a crash other threads still use it.
 struct Shared {

@@ -16,34 +16,10 @@ void DeviceVersions::Load(const std::string& file) {
   _ReadVersionToFile();
 }
 
-bool DeviceVersions::IsLoaded() {
-  const CLock lock(m_versionMutex);
-  return !m_currptten.empty();
-}
-
-std::string DeviceVersions::getCurrentPart() {
-  const CLock lock(m_versionMutex);
-  return m_currptten;
-}
-
-AllVersion DeviceVersions::getAllVersion() {
-  const CLock lock(m_versionMutex);
-  return m_allVersion;
-}
-
-void DeviceVersions::setAllVersion(const AllVersion& versions) {
-  SetVersion([&versions](AllVersion& record) { record = versions; });
-}
-
 void DeviceVersions::SetVersion(const std::function<void(AllVersion&)>& change) {
   const CLock lock(m_versionMutex);
   change(m_allVersion);
-  _WriteVersionToFile(m_allVersion);
-}
-
-void DeviceVersions::SetNewOverallVersion(const OTAVersion& overall) {
-  const CLock lock(m_versionMutex);
-  m_allVersion.m_newOverallVer = overall;
+  _WriteVersionToFile();
 }
 
 bool DeviceVersions::SendVersionUI() {
@@ -52,19 +28,19 @@ bool DeviceVersions::SendVersionUI() {
       VersionRecord::ToJson(versions.m_oldOverallVer, versions.m_SubmodulesVer));
 }
 
-bool DeviceVersions::_WriteVersionToFile(const AllVersion& versions) {
+void DeviceVersions::_WriteVersionToFile() {
   AllVersion onDisk;
   Json::Value otaList;
   VersionRecord::Read(m_currptten, onDisk, &otaList);
-  Json::Value content = VersionRecord::ToJson(versions.m_oldOverallVer, versions.m_SubmodulesVer);
+  Json::Value content = VersionRecord::ToJson(m_allVersion.m_oldOverallVer, m_allVersion.m_SubmodulesVer);
   if (!otaList.isNull()) content["otaList"] = std::move(otaList);
-  if (JsonUtils::WriteFileToJson(m_currptten, content, true)) return true;
-  LOGE("cannot write version file %s", m_currptten.c_str());
-  return false;
+  if (!JsonUtils::WriteFileToJson(m_currptten, content, true)) {
+    LOGE("cannot write version file %s", m_currptten.c_str());
+  }
 }
 
-bool DeviceVersions::_ReadVersionToFile() {
-  if (VersionRecord::Read(m_currptten, m_allVersion)) return true;
-  LOGW("no usable version file %s, default versions are used", m_currptten.c_str());
-  return false;
+void DeviceVersions::_ReadVersionToFile() {
+  if (!VersionRecord::Read(m_currptten, m_allVersion)) {
+    LOGW("no usable version file %s, default versions are used", m_currptten.c_str());
+  }
 }

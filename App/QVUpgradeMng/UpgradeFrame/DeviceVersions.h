@@ -17,27 +17,38 @@ class DeviceVersions {
   /// leaves the defaults.
   void Load(const std::string& file);
   /// False until Load: the record holds nothing yet.
-  bool IsLoaded();
+  bool IsLoaded() { return !getCurrentPart().empty(); }
 
-  /// The version file; no caller yet.
-  std::string getCurrentPart();
+  /// The version file; empty until Load.
+  std::string getCurrentPart() {
+    const CLock lock(m_versionMutex);
+    return m_currptten;
+  }
 
-  AllVersion getAllVersion();
-  /// Replaces the record and writes the file.
-  void setAllVersion(const AllVersion& versions);
+  AllVersion getAllVersion() {
+    const CLock lock(m_versionMutex);
+    return m_allVersion;
+  }
+  /// Replaces the record and writes the file; no caller yet.
+  void setAllVersion(const AllVersion& versions) {
+    SetVersion([&versions](AllVersion& record) { record = versions; });
+  }
   /// Applies `change`, which must not call back, to the record and writes the file.
   void SetVersion(const std::function<void(AllVersion&)>& change);
   /// Notes the overall versions of the package being prepared, without writing the file.
-  void SetNewOverallVersion(const OTAVersion& overall);
+  void SetNewOverallVersion(const OTAVersion& overall) {
+    const CLock lock(m_versionMutex);
+    m_allVersion.m_newOverallVer = overall;
+  }
 
   /// Sends the version report to the panel.
   bool SendVersionUI();
 
  private:
-  bool _ReadVersionToFile() REQUIRES(m_versionMutex);
-  bool _WriteVersionToFile(const AllVersion& versions) REQUIRES(m_versionMutex);
+  void _ReadVersionToFile() REQUIRES(m_versionMutex);
+  void _WriteVersionToFile() REQUIRES(m_versionMutex);
 
   CMutex m_versionMutex;  ///< also held while the file is read or written
   AllVersion m_allVersion GUARDED_BY(m_versionMutex);
-  std::string m_currptten GUARDED_BY(m_versionMutex);  ///< the version file; empty until Load
+  std::string m_currptten GUARDED_BY(m_versionMutex);
 };

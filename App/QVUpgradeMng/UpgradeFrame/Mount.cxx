@@ -9,53 +9,30 @@
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 
+Mount::Mount(std::string path, const std::string& command, Undo undo) {
+  if (QVUpgradeTool::ExecUnlessStopped(command) == 0) *this = Mount(std::move(path), std::move(undo));
+}
+
+Mount::Mount(std::string path, std::optional<Undo> undo)
+    : m_mounted(new Mounted{std::move(path), std::move(undo)}) {}
+
 Mount Mount::Existing(std::string path) {
-  Mount mount;
-  mount.m_path = std::move(path);
-  return mount;
+  return {std::move(path), std::nullopt};
 }
 
 Mount Mount::Adopt(std::string path, Undo undo) {
-  Mount mount = Existing(std::move(path));
-  mount.m_undo = std::move(undo);
-  mount.m_bOwn = true;
-  return mount;
+  return {std::move(path), std::move(undo)};
 }
 
-Mount::Mount(std::string path, const std::string& command, Undo undo) : m_undo(std::move(undo)) {
-  if (QVUpgradeTool::ExecUnlessStopped(command) != 0) return;
-  m_path = std::move(path);
-  m_bOwn = true;
-}
-
-Mount::~Mount() {
-  _Undo();
-}
-
-Mount::Mount(Mount&& other) noexcept
-    : m_path(std::move(other.m_path)),
-      m_undo(std::move(other.m_undo)),
-      m_bOwn(std::exchange(other.m_bOwn, false)) {
-  other.m_path.clear();
-}
-
-Mount& Mount::operator=(Mount&& other) noexcept {
-  if (this == &other) return *this;
-  _Undo();
-  m_path = std::exchange(other.m_path, {});
-  m_undo = std::move(other.m_undo);
-  m_bOwn = std::exchange(other.m_bOwn, false);
-  return *this;
-}
-
-void Mount::_Undo() {
-  if (!m_bOwn) return;
-  m_bOwn = false;
-  const bool undone = QVUpgradeTool::ExecCommand(m_undo.command) == 0 ||
-                      (m_undo.lazily && QVUpgradeTool::ExecCommand("umount -l " + ShellQuote(m_path)) == 0);
-  if (!undone) {
-    LOGE("cannot unmount %s: %s", m_path.c_str(), m_undo.command.c_str());
-    return;
+void Mount::Unmount::operator()(Mounted* mounted) const {
+  const std::unique_ptr<const Mounted> gone(mounted);
+  if (!gone->undo) return;
+  const auto& [command, lazily, removePoint] = *gone->undo;
+  const std::string& path = gone->path;
+  if (QVUpgradeTool::ExecCommand(command) == 0 ||
+      (lazily && QVUpgradeTool::ExecCommand("umount -l " + ShellQuote(path)) == 0)) {
+    if (removePoint) rmdir(path.c_str());
+  } else {
+    LOGE("cannot unmount %s: %s", path.c_str(), command.c_str());
   }
-  if (m_undo.removePoint) rmdir(m_path.c_str());
 }

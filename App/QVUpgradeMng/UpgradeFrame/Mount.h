@@ -2,6 +2,8 @@
 /// root file system. The only place where the daemon mounts and unmounts.
 #pragma once
 
+#include <memory>
+#include <optional>
 #include <string>
 
 class Mount {
@@ -23,23 +25,31 @@ class Mount {
   /// unmounted object. No command is run once the calling thread was asked to stop.
   Mount(std::string path, const std::string& command, Undo undo);
   /// Undoes a mount of our own, also while the daemon stops; a failure is logged.
-  ~Mount();
-  Mount(Mount&& other) noexcept;
-  Mount& operator=(Mount&& other) noexcept;
+  ~Mount() = default;
+  Mount(Mount&&) = default;
+  Mount& operator=(Mount&&) = default;
   Mount(const Mount&) = delete;
   Mount& operator=(const Mount&) = delete;
 
-  [[nodiscard]] bool IsMounted() const { return !m_path.empty(); }
+  [[nodiscard]] bool IsMounted() const { return m_mounted != nullptr; }
   /// Where the files are; empty when nothing is mounted.
-  [[nodiscard]] const std::string& Path() const { return m_path; }
+  [[nodiscard]] std::string Path() const { return m_mounted ? m_mounted->path : std::string(); }
 
   /// Leaves the mount behind: nothing is undone any more.
-  void Keep() { m_bOwn = false; }
+  void Keep() {
+    if (m_mounted) m_mounted->undo.reset();
+  }
 
  private:
-  void _Undo();
+  struct Mounted {
+    std::string path;
+    std::optional<Undo> undo;  ///< of a mount of ours
+  };
+  struct Unmount {
+    void operator()(Mounted* mounted) const;
+  };
 
-  std::string m_path;
-  Undo m_undo;
-  bool m_bOwn = false;
+  Mount(std::string path, std::optional<Undo> undo);
+
+  std::unique_ptr<Mounted, Unmount> m_mounted;
 };

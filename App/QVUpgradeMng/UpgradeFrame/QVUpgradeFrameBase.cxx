@@ -10,9 +10,8 @@
 #include <utility>
 
 #include "BSW/BasicFun/FileUtils.h"
-#include "UpgradeFrame/BootLoader.h"
+#include "UpgradeFrame/InstalledPackage.h"
 #include "UpgradeFrame/PackageEnd.h"
-#include "UpgradeFrame/PackageKeeper.h"
 #include "UpgradeFrame/PartsManifest.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/RebootCommands.h"
@@ -120,8 +119,8 @@ bool QVUpgradeFrameBase::LoadVersion() {
 /// A version that is only written differently, with a "V" as packages have it, stays as it is.
 void QVUpgradeFrameBase::_LoadMcuVersion() {
   const std::optional<McuVersion> running = m_mcuStartup.Run();
-  if (!running) return;
-  if (McuVersion::Parse(m_versions.getAllVersion().m_SubmodulesVer.m_mcuVersion) == running) return;
+  const std::string recorded = m_versions.getAllVersion().m_SubmodulesVer.m_mcuVersion;
+  if (!running || McuVersion::Parse(recorded) == running) return;
   const auto enter = [&running](AllVersion& versions) {
     versions.m_SubmodulesVer.m_mcuVersion = running->Text();
   };
@@ -171,15 +170,12 @@ std::string QVUpgradeFrameBase::_Preprocess() {
   }
   _SendPanel(UI_STATUS_STARTED, 0, kNoVersion);
   const QVUpgradeVersionInfo installed = m_versions.getAllVersion().m_SubmodulesVer;
-  for (const auto& [type, record] : PartsManifest::Select(std::move(entries), installed, m_nextPart)) {
-    m_submodules.AddRecord(record);
-  }
+  m_submodules.SetRecords(PartsManifest::Select(std::move(entries), installed, m_nextPart));
   return kStateCheck;
 }
 
 std::string QVUpgradeFrameBase::_CheckUpgrade() {
   LOGI("QVUpgradeFrameBase::_CheckUpgrade");
-  m_submodules.BeginProgress();
   m_mcuStartup.HandOverLine();
   _StopQuorvalen();
   if (StopRequested()) return kStateUpgrading;
@@ -230,9 +226,9 @@ std::string QVUpgradeFrameBase::_UpgradSuccess() {
   m_failure = _RecordVersions(true);
   if (!m_failure) m_failure = m_markers.SwitchFrom(m_currentPart);
   if (m_failure) return kStateFaild;
-  PackageKeeper::_SaveUpgradePack(m_upgradeType);
+  InstalledPackage::_SaveUpgradePack(m_upgradeType);
   if (!XDeleteFile(kFirstUpgradeMarker)) LOGE("%s cannot be deleted", kFirstUpgradeMarker);
-  if (BootLoader::_UpgradeUboot()) LOGI("upgrade uboot ok");
+  if (InstalledPackage::_UpgradeUboot()) LOGI("upgrade uboot ok");
   PackageEnd::Tell(m_failure);
 
   if (Pause(kBeforeReportPauseMs)) {

@@ -18,8 +18,11 @@
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
 #include "BSW/MultiTask/CThread.h"
+#include "UpgradePackage/PackageName.h"
 
 namespace {
+
+constexpr const char* kStationPackage = R"(QV_K9031_H\d{3}_S\d+\.\d+\.\d+\.\d+_RRU_UDISK_Common_\d+\.zip)";
 
 /// The first regular file of `dir` whose name contains `part` and for which `accept` holds; empty when none.
 template <class Accept>
@@ -40,11 +43,6 @@ std::string FindFile(const char* dir, const char* part, Accept accept) {
     return name;
   }
   return {};
-}
-
-bool IsStationPackageName(const std::string& name) {
-  static const std::regex pattern(R"(QV_K9031_H\d{3}_S\d+\.\d+\.\d+\.\d+_RRU_UDISK_Common_\d+\.zip)");
-  return name.size() <= kMaxFileNameBytes && std::regex_match(name, pattern);
 }
 
 }  // namespace
@@ -106,7 +104,7 @@ std::string QVUpgradeTool::ReadAllUpgradeFile(const char* dir, const char* part)
 
 std::string QVUpgradeTool::ReadAllUpgradeFileOTAPack(const char* dir, const char* part) {
   return FindFile(dir, part, [](const std::string& name) {
-    if (IsStationPackageName(name)) return true;
+    if (PackageName::Matches(name, kStationPackage)) return true;
     LOGI("zip not fin pack");
     return false;
   });

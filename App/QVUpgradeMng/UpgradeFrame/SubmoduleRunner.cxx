@@ -2,11 +2,11 @@
 /// is told by their rows; the radio modules alone are held apart, since they start before all.
 #include "UpgradeFrame/SubmoduleRunner.h"
 
-#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/VersionRecord.h"
+#include "UpgradeFrame/ProgressReporter.h"
 #include "UpgradePackage/Parts.h"
 
 namespace {
@@ -56,34 +56,30 @@ bool IsFinal(UPGRADESTATUS status) {
 SubmoduleRunner::SubmoduleRunner(Factory factory, UPGRADE_UPLOADPROCESS_CALLBACK callback, void* ctx)
     : m_factory(std::move(factory)), m_callback(callback), m_ctx(ctx) {}
 
-bool SubmoduleRunner::AddRecord(const QVUpgradingInfo& record) {
+void SubmoduleRunner::SetRecords(Records records) {
   const CLock lock(m_upgradeinfoMutex);
-  return m_upgradingInfo.emplace(record.m_modeulesType, record).second;
-}
-
-void SubmoduleRunner::BeginProgress() {
-  const CLock lock(m_upgradeinfoMutex);
+  m_upgradingInfo = std::move(records);
   m_upgradeProgressAll = kPointsPerPart * static_cast<int>(m_upgradingInfo.size());
 }
 
 /// Everything is prepared before anything starts or fails: the radio modules' end, and a failure too, start
 /// other parts, on another thread perhaps.
 void SubmoduleRunner::Start() {
-  const std::map<UPGRADETYPE, QVUpgradingInfo> records = _Records();
+  const Records records = _Records();
   std::vector<std::pair<UPGRADETYPE, Failure>> failed;
   for (const auto& [type, record] : records) {
-    if (m_bStopped) return;
     if (type == UP_RTX) continue;
     if (Failure failure = _Prepare(record)) failed.emplace_back(type, std::move(failure));
+    if (m_bStopped) return;  // with what failed for that
   }
-  for (const auto& [type, failure] : failed) _TakeReport(kReportFailure, type, failure);
+  for (const auto& [type, failure] : failed) _TakeReport(ProgressReporter::kFailure, type, failure);
 
   const auto rtx = records.find(UP_RTX);
   if (rtx == records.end()) {
     for (int place = 1; const Part* part = PartAt(&Part::placeWithoutRadio, place); ++place)
       _RunOneSub(part->type);
   } else if (const Failure failure = _Prepare(rtx->second)) {
-    _TakeReport(kReportFailure, UP_RTX, failure);
+    _TakeReport(ProgressReporter::kFailure, UP_RTX, failure);
   } else {
     _RunOneSub(UP_RTX);
   }
@@ -108,9 +104,8 @@ Failure SubmoduleRunner::_Prepare(const QVUpgradingInfo& record) {
 
 /// The type's upgrader: the one there is, else a new one. Null for a part that has none.
 std::shared_ptr<IQVUpgrade> SubmoduleRunner::_RegisterSubmodules(UPGRADETYPE type) {
-  std::shared_ptr<IQVUpgrade> upgrader = _FindUpgrader(type);
-  if (upgrader) return upgrader;
-  upgrader = m_factory(type);
+  if (std::shared_ptr<IQVUpgrade> existing = _FindUpgrader(type)) return existing;
+  const std::shared_ptr<IQVUpgrade> upgrader = m_factory(type);
   const CLock lock(m_upgraderMutex);
   return _Slot(type) = upgrader;
 }
@@ -121,7 +116,8 @@ void SubmoduleRunner::_RunOneSub(UPGRADETYPE type) {
   if (!upgrader) {
     _RunBehind(type);
   } else if (!m_bStopped && !_HasEnded(type) && !upgrader->StartUpgrade()) {
-    _TakeReport(kReportFailure, type, Fail(Reason::PartStart, "upgrade cannot be started type:%d", type));
+    _TakeReport(ProgressReporter::kFailure, type,
+                Fail(Reason::PartStart, "upgrade cannot be started type:%d", type));
   }
 }
 
@@ -137,8 +133,8 @@ void SubmoduleRunner::ProgressSum(int progress, UPGRADETYPE type) {
 }
 
 void SubmoduleRunner::_TakeReport(int progress, UPGRADETYPE type, const Failure& failure) {
-  _AddReport(progress, type, failure);
-  if (type == UP_RTX && (progress == kReportSuccess || progress == kReportFailure)) {
+  // Once: an upgrader may take a second start for a failure of its part.
+  if (_AddReport(progress, type, failure) && type == UP_RTX) {
     for (int place = 1; const Part* part = PartAt(&Part::placeAfterRadio, place); ++place)
       _RunOneSub(part->type);
   }
@@ -146,29 +142,30 @@ void SubmoduleRunner::_TakeReport(int progress, UPGRADETYPE type, const Failure&
   if (_HasEnded(UP_RTX)) _RunBehind(type);
 }
 
-void SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type, const Failure& failure) {
+bool SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type, const Failure& failure) {
   const CLock lock(m_upgradeinfoMutex);
-  if (progress < 1 || progress == kReportSuccess) LOGI("_ProgressSum upgradeType:%d", type);
+  if (progress < 1 || progress == ProgressReporter::kSuccess) LOGI("_ProgressSum upgradeType:%d", type);
   const auto found = m_upgradingInfo.find(type);
   if (found == m_upgradingInfo.end() || IsFinal(found->second.m_upgradeStatus)) {
     LOGW("report %d ignored type:%d", progress, type);
-    return;
+    return false;
   }
   QVUpgradingInfo& record = found->second;
   record.m_upgradeProgress = progress;
   if (progress < 0) {
     LOGE("upgrade error type:%d", type);
     record.m_upgradeStatus = UPG_UPGRAD_ERROR;
-    ++m_subModuelsFinish;
     _NoteFailure(type, failure);
-  } else if (progress == kReportSuccess) {
+  } else if (progress == ProgressReporter::kSuccess) {
     LOGI("upgrade succed type:%d", type);
     record.m_upgradeStatus = UPG_UPGRAD_SUCCESS;
     m_upgradeProgress += kPointsPerPart;
-    ++m_subModuelsFinish;
   } else {
     m_upgradeProgress += progress;
+    return false;
   }
+  ++m_subModuelsFinish;
+  return true;
 }
 
 /// Tells why a part failed; the upgrade fails for the part that failed first.
@@ -223,7 +220,7 @@ void SubmoduleRunner::_QueryProgress() {
 
 /// Failed unless the upgrader says otherwise: one that hangs, or never began, has not done its part.
 int SubmoduleRunner::_QueryStatus(UPGRADETYPE type) {
-  int status = kReportFailure;
+  int status = ProgressReporter::kFailure;
   if (const std::shared_ptr<IQVUpgrade> upgrader = _FindUpgrader(type)) {
     upgrader->GetUpgradeStatus(status, kQuerySeconds);
   }
@@ -261,8 +258,8 @@ bool SubmoduleRunner::CollectVersions(QVUpgradeVersionInfo& versions) const {
     if (record.m_upgradeStatus != UPG_UPGRAD_SUCCESS) {
       LOGI("submodues upgrade error ytpe:%d", type);
       complete = false;
-    } else if (std::string* version = VersionRecord::Field(versions, type)) {
-      *version = record.m_upgradeVersion;
+    } else if (const Part* part = Parts::Find(type)) {
+      versions.*part->version = record.m_upgradeVersion;
     } else {
       LOGE("Not fin type ");
     }
@@ -272,7 +269,10 @@ bool SubmoduleRunner::CollectVersions(QVUpgradeVersionInfo& versions) const {
 
 void SubmoduleRunner::RequestStop() {
   m_bStopped = true;
-  for (const std::shared_ptr<IQVUpgrade>& upgrader : _AllUpgraders()) upgrader->RequestStop();
+  // _Prepare asks for the flag after it kept and initialised one: what this walk does not meet ends there.
+  for (const Part& part : Parts::kAll) {
+    if (const std::shared_ptr<IQVUpgrade> upgrader = _FindUpgrader(part.type)) upgrader->RequestStop();
+  }
 }
 
 void SubmoduleRunner::CleanUpQVupgrade() {
@@ -296,7 +296,7 @@ bool SubmoduleRunner::_HasEnded(UPGRADETYPE type) const {
   return record == m_upgradingInfo.end() || IsFinal(record->second.m_upgradeStatus);
 }
 
-std::map<UPGRADETYPE, QVUpgradingInfo> SubmoduleRunner::_Records() const {
+SubmoduleRunner::Records SubmoduleRunner::_Records() const {
   const CLock lock(m_upgradeinfoMutex);
   return m_upgradingInfo;
 }
@@ -308,15 +308,6 @@ std::shared_ptr<IQVUpgrade>& SubmoduleRunner::_Slot(UPGRADETYPE type) {
 std::shared_ptr<IQVUpgrade> SubmoduleRunner::_FindUpgrader(UPGRADETYPE type) {
   const CLock lock(m_upgraderMutex);
   return _Slot(type);
-}
-
-std::vector<std::shared_ptr<IQVUpgrade>> SubmoduleRunner::_AllUpgraders() {
-  const CLock lock(m_upgraderMutex);
-  std::vector<std::shared_ptr<IQVUpgrade>> all;
-  for (const Part& part : Parts::kAll) {
-    if (const std::shared_ptr<IQVUpgrade>& upgrader = _Slot(part.type)) all.push_back(upgrader);
-  }
-  return all;
 }
 
 /// Stops the type's upgrader and forgets it. True also when there is none.

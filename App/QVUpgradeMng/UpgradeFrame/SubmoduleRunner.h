@@ -8,7 +8,6 @@
 #include <map>
 #include <memory>
 #include <unordered_map>
-#include <vector>
 
 #include "UpgradeFrame/IQVUpgrade.h"
 #include "common/Mutex.h"
@@ -19,33 +18,27 @@ class SubmoduleRunner {
  public:
   /// Gives a new upgrader, or an empty pointer for a part that has none.
   using Factory = std::function<std::shared_ptr<IQVUpgrade>(UPGRADETYPE)>;
-
-  /// What an upgrader reports at its end; everything else is an increment.
-  static constexpr int kReportSuccess = 100;
-  static constexpr int kReportFailure = -1;
+  using Records = std::map<UPGRADETYPE, QVUpgradingInfo>;
 
   /// Every upgrader gets `callback` with `ctx`; the callback hands the report to ProgressSum.
   SubmoduleRunner(Factory factory, UPGRADE_UPLOADPROCESS_CALLBACK callback, void* ctx);
 
-  /// Adds a part to upgrade, before Start. False when there is one of its type already.
-  bool AddRecord(const QVUpgradingInfo& record);
-
-  /// Counts the parts; the percentage is of them from now on. Frame thread, once, before Start.
-  void BeginProgress();
+  /// Takes the parts to upgrade; the percentage is of them. Frame thread, once, before Start.
+  void SetRecords(Records records);
   /// Creates and prepares an upgrader per part and starts them: with radio modules those first and the others
   /// when they end, without them all at once. A part that cannot be prepared or started has failed. Frame
   /// thread, once.
   void Start();
 
   /// Takes a report: a part's increment of 1 to 99, its success, or its failure (any negative value), whose
-  /// reason is asked of the upgrader and logged. Reports of a part that has ended are ignored. Then starts
-  /// what waits for this part.
+  /// reason is asked of the upgrader and logged. Reports of a part that has ended are not counted. Then
+  /// starts what waits for this part.
   void ProgressSum(int progress, UPGRADETYPE type);
 
   /// Logs every part and the sums; `useTime` is the number of passes so far.
   void LogProgress(int useTime) const;
   bool AllFinished() const;
-  /// The average over the parts, 0 to 100.
+  /// The average over the parts, from 0; beyond 100 by the increments of parts that have succeeded.
   int Percent() const;
   /// Asks every upgrader that has not reported its end how it stands, up to 100 s each, and marks its part
   /// failed or succeeded. Frame thread.
@@ -71,17 +64,17 @@ class SubmoduleRunner {
   void _RunOneSub(UPGRADETYPE type);
   void _RunBehind(UPGRADETYPE type);
   void _TakeReport(int progress, UPGRADETYPE type, const Failure& failure);
-  void _AddReport(int progress, UPGRADETYPE type, const Failure& failure);
+  /// True when the report ends its part.
+  bool _AddReport(int progress, UPGRADETYPE type, const Failure& failure);
   void _NoteFailure(UPGRADETYPE type, Failure failure) REQUIRES(m_upgradeinfoMutex);
   int _QueryStatus(UPGRADETYPE type);
   void _MarkRecord(UPGRADETYPE type, UPGRADESTATUS status);
   bool _HasEnded(UPGRADETYPE type) const;
-  std::map<UPGRADETYPE, QVUpgradingInfo> _Records() const;
+  Records _Records() const;
 
   /// Where the type's upgrader is kept; an empty pointer when there is none.
   std::shared_ptr<IQVUpgrade>& _Slot(UPGRADETYPE type) REQUIRES(m_upgraderMutex);
   std::shared_ptr<IQVUpgrade> _FindUpgrader(UPGRADETYPE type);
-  std::vector<std::shared_ptr<IQVUpgrade>> _AllUpgraders();
   bool _Release(UPGRADETYPE type);
 
   const Factory m_factory;
@@ -95,7 +88,7 @@ class SubmoduleRunner {
       GUARDED_BY(m_upgraderMutex);  ///< all the others
 
   mutable CMutex m_upgradeinfoMutex;
-  std::map<UPGRADETYPE, QVUpgradingInfo> m_upgradingInfo GUARDED_BY(m_upgradeinfoMutex);
+  Records m_upgradingInfo GUARDED_BY(m_upgradeinfoMutex);
   int m_upgradeProgress GUARDED_BY(m_upgradeinfoMutex) = 0;     ///< sum of all points reported
   int m_upgradeProgressAll GUARDED_BY(m_upgradeinfoMutex) = 0;  ///< 100 for each part
   int m_subModuelsFinish GUARDED_BY(m_upgradeinfoMutex) = 0;    ///< parts that have ended

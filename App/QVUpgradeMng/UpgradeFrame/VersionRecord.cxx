@@ -20,6 +20,9 @@ constexpr const char* kHardKey = "hardVersion";
 constexpr const char* kSubModulesKey = "subModulesVersion";
 constexpr const char* kOtaListKey = "otaList";
 
+constexpr const char* kDefaultHardVersion = "H200";
+constexpr const char* kDefaultSoftVersion = "S4.0.9.10";
+
 constexpr mode_t kVersionDirMode = 0755;
 
 /// Member `key` of `object`, or null when it is missing or `object` is no object.
@@ -36,11 +39,6 @@ Json::Value _ReadOTAPackMsg(UPGRADEACCESSTYPE source) {
 }
 
 }  // namespace
-
-std::string* VersionRecord::Field(QVUpgradeVersionInfo& versions, UPGRADETYPE type) {
-  const Parts::Part* const part = Parts::Find(type);
-  return part == nullptr ? nullptr : &(versions.*part->version);
-}
 
 Json::Value VersionRecord::ToJson(const OTAVersion& overall, const QVUpgradeVersionInfo& versions) {
   Json::Value root(Json::objectValue);

@@ -11,12 +11,6 @@
 
 namespace VersionRecord {
 
-inline constexpr const char* kDefaultHardVersion = "H200";
-inline constexpr const char* kDefaultSoftVersion = "S4.0.9.10";
-
-/// The field of `versions` that belongs to `type`, or null for a type without one.
-std::string* Field(QVUpgradeVersionInfo& versions, UPGRADETYPE type);
-
 /// {"totalVersion", "subModulesVersion"} as the file and the panel's version report hold them.
 Json::Value ToJson(const OTAVersion& overall, const QVUpgradeVersionInfo& versions);
 

@@ -55,8 +55,8 @@ class CFlags {
                                  [&]() NO_THREAD_SAFETY_ANALYSIS { return Ending() || done(); });
     return !Ending() && done();
   }
-  /// Waits for the next notification, at most until `until` where that is given; may return without one, and
-  /// does not end by End alone.
+  /// Waits for the next notification, at most until `until` where that is given; may return without one.
+  /// End wakes it but is not kept for it: whoever waits in a loop asks Ending first.
   void WaitOnce() REQUIRES(m_SateLock) { m_cvStateMachineCtrl.Wait(m_SateLock); }
   void WaitOnce(CCondition::Clock::time_point until) REQUIRES(m_SateLock) {
     m_cvStateMachineCtrl.WaitUntil(m_SateLock, until);

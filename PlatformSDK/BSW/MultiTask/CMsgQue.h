@@ -5,6 +5,7 @@
 #include <deque>
 #include <optional>
 #include <utility>
+
 #include "common/Condition.h"
 #include "common/Mutex.h"
 #include "common/ThreadAnnotations.h"

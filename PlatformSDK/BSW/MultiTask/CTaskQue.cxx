@@ -41,4 +41,6 @@ void CTaskQue::OnStopRequested() {
     m_bStopped = true;
   }
   m_queTask.Close();
+  // A first task may have started the thread since the stop cleared the flag of one that did not run.
+  if (IsRunning()) DestroyThread(true, false);
 }

@@ -103,6 +103,15 @@ TEST(CTaskQue, RunsTasksInOrderUntilItIsStopped) {
   for (int i = 0; i < 50; ++i) EXPECT_EQ(done[static_cast<size_t>(i)], i);
 }
 
+TEST(CTaskQue, StopEndsAFirstTaskThatIsPostedMeanwhile) {
+  for (int run = 0; run < 5000; ++run) {
+    CTaskQue tasks("tasks");
+    std::thread poster([&tasks] { tasks.Post([] { CThread::Pause(kForEverMs); }); });
+    EXPECT_TRUE(EndsSoon([&tasks] { tasks.DestroyThread(true, true); }));
+    poster.join();
+  }
+}
+
 TEST(CMsgQue, IsBoundedAndEndsItsWaitersWhenClosed) {
   CMsgQue<int> queue(2);
   EXPECT_TRUE(queue.Push(1) && queue.Push(2));

@@ -68,16 +68,19 @@ int Report(int progress, UPGRADETYPE type, void* ctx) {
 
 using Types = std::vector<UPGRADETYPE>;
 
+SubmoduleRunner::Records RecordsOf(const Types& types) {
+  SubmoduleRunner::Records records;
+  for (const UPGRADETYPE type : types) {
+    records[type].m_modeulesType = type;
+    records[type].m_upgradeVersion = "V2.0.0.00";
+  }
+  return records;
+}
+
 class SubmoduleRunnerTest : public testing::Test {
  protected:
   void Upgrade(const Types& types) {
-    for (const UPGRADETYPE type : types) {
-      QVUpgradingInfo record;
-      record.m_modeulesType = type;
-      record.m_upgradeVersion = "V2.0.0.00";
-      ASSERT_TRUE(runner.AddRecord(record));
-    }
-    runner.BeginProgress();
+    runner.SetRecords(RecordsOf(types));
     runner.Start();
   }
 
@@ -95,6 +98,7 @@ TEST_F(SubmoduleRunnerTest, RadioModulesStartAloneAndTheirEndStartsTheOthers) {
   runner.ProgressSum(10, UP_RTX);
   EXPECT_EQ(board.started, Types({UP_RTX}));
   runner.ProgressSum(100, UP_RTX);
+  runner.ProgressSum(-1, UP_RTX);  // too late to start anything a second time
   EXPECT_EQ(board.started, Types({UP_RTX, UP_UAC, UP_MCU, UP_APP, UP_SYSTEM, UP_ROOTFS}));
   runner.ProgressSum(1, UP_UAC);
   EXPECT_EQ(board.started.back(), UP_FPGA);
@@ -133,12 +137,7 @@ TEST_F(SubmoduleRunnerTest, PartThatCannotRunFailsAtOnceAndHoldsUpNobody) {
           return std::make_shared<ScriptedUpgrader>(scripted, type);
         },
         &Report, &own);
-    for (const UPGRADETYPE type : {UP_RTX, UP_UAC, UP_FPGA, UP_APP}) {
-      QVUpgradingInfo record;
-      record.m_modeulesType = type;
-      ASSERT_TRUE(own.AddRecord(record));
-    }
-    own.BeginProgress();
+    own.SetRecords(RecordsOf({UP_RTX, UP_UAC, UP_FPGA, UP_APP}));
     own.Start();
     const std::set<UPGRADETYPE> started(scripted.started.begin(), scripted.started.end());
     EXPECT_EQ(started.count(UP_FPGA), 1U);
