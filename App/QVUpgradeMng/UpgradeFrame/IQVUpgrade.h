@@ -13,6 +13,10 @@ using UPGRADE_UPLOADPROCESS_CALLBACK = int (*)(int percent, UPGRADETYPE type, vo
 /// next.
 class IQVUpgrade {
  public:
+  /// What the callback hears at the end.
+  static constexpr int kSuccess = 100;
+  static constexpr int kFailure = -1;
+
   IQVUpgrade() = default;
   virtual ~IQVUpgrade() = default;
   IQVUpgrade(const IQVUpgrade&) = delete;

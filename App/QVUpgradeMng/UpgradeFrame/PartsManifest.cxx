@@ -30,7 +30,7 @@ std::optional<QVUpgradingInfo> RecordOf(const Json::Value& entry, const QVUpgrad
   }
   const Parts::Part* const part = Parts::getUpgradeTypeName(pageType);
   if (part == nullptr) {
-    LOGI("subModules:%s no upgrade required", pageType.c_str());
+    LOGI("subModules:%s no upgrade required", Printable(pageType).c_str());
     return std::nullopt;
   }
   const std::string& installedVersion = installed.*part->version;

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "BSW/Log/CLog.h"
-#include "UpgradeFrame/ProgressReporter.h"
 #include "UpgradePackage/Parts.h"
 
 namespace {
@@ -72,14 +71,14 @@ void SubmoduleRunner::Start() {
     if (Failure failure = _Prepare(record)) failed.emplace_back(type, std::move(failure));
     if (m_bStopped) return;  // with what failed for that
   }
-  for (const auto& [type, failure] : failed) _TakeReport(ProgressReporter::kFailure, type, failure);
+  for (const auto& [type, failure] : failed) _TakeReport(IQVUpgrade::kFailure, type, failure);
 
   const auto rtx = records.find(UP_RTX);
   if (rtx == records.end()) {
     for (int place = 1; const Part* part = PartAt(&Part::placeWithoutRadio, place); ++place)
       _RunOneSub(part->type);
   } else if (const Failure failure = _Prepare(rtx->second)) {
-    _TakeReport(ProgressReporter::kFailure, UP_RTX, failure);
+    _TakeReport(IQVUpgrade::kFailure, UP_RTX, failure);
   } else {
     _RunOneSub(UP_RTX);
   }
@@ -116,7 +115,7 @@ void SubmoduleRunner::_RunOneSub(UPGRADETYPE type) {
   if (!upgrader) {
     _RunBehind(type);
   } else if (!m_bStopped && !_HasEnded(type) && !upgrader->StartUpgrade()) {
-    _TakeReport(ProgressReporter::kFailure, type,
+    _TakeReport(IQVUpgrade::kFailure, type,
                 Fail(Reason::PartStart, "upgrade cannot be started type:%d", type));
   }
 }
@@ -144,7 +143,7 @@ void SubmoduleRunner::_TakeReport(int progress, UPGRADETYPE type, const Failure&
 
 bool SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type, const Failure& failure) {
   const CLock lock(m_upgradeinfoMutex);
-  if (progress < 1 || progress == ProgressReporter::kSuccess) LOGI("_ProgressSum upgradeType:%d", type);
+  if (progress < 1 || progress == IQVUpgrade::kSuccess) LOGI("_ProgressSum upgradeType:%d", type);
   const auto found = m_upgradingInfo.find(type);
   if (found == m_upgradingInfo.end() || IsFinal(found->second.m_upgradeStatus)) {
     LOGW("report %d ignored type:%d", progress, type);
@@ -156,7 +155,7 @@ bool SubmoduleRunner::_AddReport(int progress, UPGRADETYPE type, const Failure& 
     LOGE("upgrade error type:%d", type);
     record.m_upgradeStatus = UPG_UPGRAD_ERROR;
     _NoteFailure(type, failure);
-  } else if (progress == ProgressReporter::kSuccess) {
+  } else if (progress == IQVUpgrade::kSuccess) {
     LOGI("upgrade succed type:%d", type);
     record.m_upgradeStatus = UPG_UPGRAD_SUCCESS;
     m_upgradeProgress += kPointsPerPart;
@@ -220,7 +219,7 @@ void SubmoduleRunner::_QueryProgress() {
 
 /// Failed unless the upgrader says otherwise: one that hangs, or never began, has not done its part.
 int SubmoduleRunner::_QueryStatus(UPGRADETYPE type) {
-  int status = ProgressReporter::kFailure;
+  int status = IQVUpgrade::kFailure;
   if (const std::shared_ptr<IQVUpgrade> upgrader = _FindUpgrader(type)) {
     upgrader->GetUpgradeStatus(status, kQuerySeconds);
   }

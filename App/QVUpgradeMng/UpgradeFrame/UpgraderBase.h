@@ -13,8 +13,6 @@
 /// Any thread may call any member, unless said otherwise. The callback is called on the calling thread.
 class UpgraderBase : public IQVUpgrade {
  public:
-  static constexpr int kSuccess = 100;
-  static constexpr int kFailure = -1;
   /// All increments of an upgrader together, so that the percentage over all parts never passes 100.
   static constexpr int kMaxIncrements = 20;
 
