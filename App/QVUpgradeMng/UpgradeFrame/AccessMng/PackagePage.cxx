@@ -11,14 +11,18 @@
 #include "BSW/Log/CLog.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
 #include "UpgradeFrame/UpgradePaths.h"
+#include "UpgradePackage/Parts.h"
 
 namespace PackagePage {
 
 namespace {
 
-constexpr const char* kSubDirectories[] = {"/app",          "/system", "/rootfs", "/fpga",
-                                           "/temp_all_ota", "/rtx",    "/mcu",    "/uac"};
 constexpr const char* kCoreDumps = "/firmware/coredump";
+
+void Create(const std::string& directory) {
+  if (XCreateFullPathDir(directory, kMode)) return;
+  LOGE("cannot create %s: %s", directory.c_str(), std::strerror(errno));
+}
 
 }  // namespace
 
@@ -28,11 +32,9 @@ std::string Path(const std::string& name) {
 
 void InitUpgradeFilePath() {
   Remove();  // nothing of an earlier package, refused or broken, may become part of this one
-  for (const char* subDirectory : kSubDirectories) {
-    const std::string directory = std::string(UpgradePaths::kPage) + subDirectory;
-    if (!XCreateFullPathDir(directory, kMode)) {
-      LOGE("cannot create %s: %s", directory.c_str(), std::strerror(errno));
-    }
+  Create(UpgradePaths::kPageRruStaging);
+  for (const Parts::Part& part : Parts::kAll) {
+    if (part.isStation) Create(Path(std::string(part.page)));
   }
   RemoveCoreDumps();
 }
