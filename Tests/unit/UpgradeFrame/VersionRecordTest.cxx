@@ -8,6 +8,8 @@
 #include <fstream>
 #include <string>
 
+#include "UpgradePackage/Parts.h"
+
 namespace {
 
 class VersionRecordTest : public testing::Test {
@@ -24,19 +26,18 @@ class VersionRecordTest : public testing::Test {
   std::string path;
 };
 
-constexpr UPGRADETYPE kTypes[] = {UP_APP, UP_SYSTEM, UP_FPGA, UP_RTX,      UP_UAC,
-                                  UP_MCU, UP_ROOTFS, UP_7204, UP_7204_EVT, UP_7308};
-
 TEST_F(VersionRecordTest, EveryVersionComesBackInItsOwnField) {
   QVUpgradeVersionInfo versions;
-  for (const UPGRADETYPE type : kTypes) *VersionRecord::Field(versions, type) = "V" + std::to_string(type);
+  for (const Parts::Part& part : Parts::kAll) {
+    *VersionRecord::Field(versions, part.type) = "V" + std::to_string(part.type);
+  }
   EXPECT_EQ(versions.m_uacVersion, "V5");
   EXPECT_EQ(versions.m_7204EvtVersion, "V9");
   EXPECT_EQ(VersionRecord::Field(versions, UP_NO_TYPE), nullptr);
 
   Json::Value record = VersionRecord::ToJson({"S1.2.3.4", "H300"}, versions);
   EXPECT_EQ(record["subModulesVersion"]["7308Version"], "V10");
-  EXPECT_EQ(record["subModulesVersion"].size(), std::size(kTypes));
+  EXPECT_EQ(record["subModulesVersion"].size(), Parts::kAll.size());
   record["otaList"][0]["fileName"] = "a.zip";
   std::ofstream(path) << record;
 
@@ -46,8 +47,8 @@ TEST_F(VersionRecordTest, EveryVersionComesBackInItsOwnField) {
   EXPECT_EQ(read.m_oldOverallVer.m_softVersion, "S1.2.3.4");
   EXPECT_EQ(read.m_oldOverallVer.m_hardVersion, "H300");
   EXPECT_EQ(otaList, record["otaList"]);
-  for (const UPGRADETYPE type : kTypes) {
-    EXPECT_EQ(*VersionRecord::Field(read.m_SubmodulesVer, type), "V" + std::to_string(type));
+  for (const Parts::Part& part : Parts::kAll) {
+    EXPECT_EQ(*VersionRecord::Field(read.m_SubmodulesVer, part.type), "V" + std::to_string(part.type));
   }
 }
 
