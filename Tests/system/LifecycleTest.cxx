@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "StationTest.h"
+#include "UpgradePackage/Parts.h"
 
 using namespace station;
 
@@ -95,7 +96,7 @@ TEST_F(Lifecycle, IdleStationReportsItsVersionsFiveTimesAndStopsOnRequest) {
   const auto fifth = station.panel().WaitForCmd(200, kPatience, 5);
   ASSERT_TRUE(fifth.has_value());
   EXPECT_EQ(fifth->property["totalVersion"]["softVersion"], "S4.0.9.10");
-  EXPECT_EQ(fifth->property["subModulesVersion"].size(), 10U);
+  EXPECT_EQ(fifth->property["subModulesVersion"].size(), Parts::kAll.size());
   const auto status = station.daemon().Stop();
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(*status, 0);

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "StationTest.h"
+#include "UpgradePackage/Parts.h"
 
 using namespace station;
 
@@ -38,7 +39,7 @@ class Upgrade : public StationTest {
     EXPECT_EQ(file["totalVersion"]["hardVersion"], package.hardVersion);
     EXPECT_FALSE(file.isMember("otaList"));
     const auto& parts = file["subModulesVersion"];
-    EXPECT_EQ(parts.size(), 10U);
+    EXPECT_EQ(parts.size(), Parts::kAll.size());
     for (const char* part : {"app", "system", "rootfs"}) {
       EXPECT_EQ(parts[std::string(part) + "Version"], package.versions.at(part));
     }

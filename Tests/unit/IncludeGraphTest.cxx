@@ -18,7 +18,7 @@ namespace {
 
 // Path prefixes from the ground up. The last prefix that matches a path decides its floor, so that a folder's
 // exceptions stand behind it.
-constexpr std::array<std::pair<const char*, int>, 24> kFloors = {{
+constexpr std::array<std::pair<const char*, int>, 17> kFloors = {{
     {"PlatformSDK/Include/", 0},
     {"PlatformSDK/BSW/", 4},
     {"PlatformSDK/Backend/", 4},
@@ -30,13 +30,6 @@ constexpr std::array<std::pair<const char*, int>, 24> kFloors = {{
     {"App/QVUpgradeMng/UpgradeFrame/UpgradeTypes", 5},
     {"App/QVUpgradeMng/UpgradePackage/", 6},
     {"App/QVUpgradeMng/UpgradeFrame/UpgradePaths", 5},
-    {"App/QVUpgradeMng/UpgradeFrame/SocSubmodules/", 8},
-    {"App/QVUpgradeMng/UpgradeFrame/SystemSubmodules/", 8},
-    {"App/QVUpgradeMng/UpgradeFrame/RootfsSubmodules/", 8},
-    {"App/QVUpgradeMng/UpgradeFrame/RtxSubmodules/", 8},
-    {"App/QVUpgradeMng/UpgradeFrame/McuSubmodules/", 8},
-    {"App/QVUpgradeMng/UpgradeFrame/FpgaSubmodules/", 8},
-    {"App/QVUpgradeMng/UpgradeFrame/UacSubmodules/", 8},
     {"App/QVUpgradeMng/UpgradeFrame/SubmoduleFactory", 9},
     {"App/QVUpgradeMng/UpgradeFrame/QVUpgradeFrameBase", 10},
     {"App/QVUpgradeMng/UpgradeFrame/AccessMng/", 11},
@@ -44,6 +37,8 @@ constexpr std::array<std::pair<const char*, int>, 24> kFloors = {{
     {"App/QVUpgradeMng/UpgradePp/PpTypes", 5},
     {"App/QVUpgradeMng/UpgradePp/PpStore", 8},
 }};
+// Every upgrader has its folder, as "UpgradeFrame/UacSubmodules/".
+constexpr std::pair<const char*, int> kUpgraderFolders = {"Submodules/", 8};
 constexpr int kMainFloor = 13;
 
 int Floor(const std::string& path) {
@@ -51,6 +46,7 @@ int Floor(const std::string& path) {
   for (const auto& [prefix, number] : kFloors) {
     if (path.rfind(prefix, 0) == 0) floor = number;
   }
+  if (path.find(kUpgraderFolders.first) != std::string::npos) floor = kUpgraderFolders.second;
   return floor;
 }
 

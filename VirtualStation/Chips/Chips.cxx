@@ -78,14 +78,20 @@ void Chips::PowerCycle() {
 
 std::vector<std::string> Chips::DifferencesFrom(const Package& package) const {
   std::vector<std::string> differences;
-  for (const Item& chip : m_all) {
-    const auto image = package.images.find(std::string(Parts::Find(chip.part)->page));
-    if (image == package.images.end()) {
-      continue;
+  for (const auto& [page, image] : package.images) {
+    const UPGRADETYPE part = Parts::Find(page)->type;
+    bool compared = false;
+    for (const Item& chip : m_all) {
+      if (chip.part != part) {
+        continue;
+      }
+      compared = true;
+      for (const FlashBlock& block : part == UP_RTX ? ErasedAround(image) : image) {
+        Compare(differences, chip.name, block.address, block.data, chip.memory(block));
+      }
     }
-    const std::vector<FlashBlock>& blocks = image->second;
-    for (const FlashBlock& block : chip.part == UP_RTX ? ErasedAround(blocks) : blocks) {
-      Compare(differences, chip.name, block.address, block.data, chip.memory(block));
+    if (!compared) {
+      differences.push_back(page + ": no chip is for it");
     }
   }
   return differences;

@@ -2,6 +2,7 @@
 #include "VirtualStation/Chips/Conduct.h"
 
 #include <algorithm>
+#include <array>
 
 namespace station {
 namespace {
@@ -11,40 +12,10 @@ constexpr std::size_t kEver = std::numeric_limits<std::size_t>::max();
 }  // namespace
 
 const char* Name(Phase phase) {
-  static const std::map<Phase, const char*> names = {
-      {Phase::RtxRom, "boot loader"},
-      {Phase::RtxPreLoaderHeader, "pre-loader announced"},
-      {Phase::RtxPreLoaderImage, "pre-loader"},
-      {Phase::RtxPreLoaderEcho, "pre-loader confirmed"},
-      {Phase::RtxStart, "pre-loader runs"},
-      {Phase::RtxSpeed, "new speed"},
-      {Phase::RtxSpeedReady, "new speed confirmed"},
-      {Phase::RtxFlashLoader, "flash loader"},
-      {Phase::RtxVersion, "version"},
-      {Phase::RtxConfig, "flash settings"},
-      {Phase::RtxErase, "erase"},
-      {Phase::RtxProgram, "program"},
-      {Phase::RtxVerify, "verify"},
-      {Phase::McuVersion, "version"},
-      {Phase::McuEnterBoot, "boot loader"},
-      {Phase::McuFirmwareInfo, "firmware description"},
-      {Phase::McuPackage, "package"},
-      {Phase::McuDone, "done"},
-      {Phase::UacInvite, "invitation"},
-      {Phase::UacBlock, "block"},
-      {Phase::UacEnd, "end"},
-      {Phase::FpgaPiece, "piece"},
-      {Phase::FpgaEnd, "end"},
-      {Phase::PpVersion, "version"},
-      {Phase::PpStart, "start"},
-      {Phase::PpFirmwareInfo, "firmware description"},
-      {Phase::PpPacket, "packet"},
-      {Phase::PpDone, "done"},
-      {Phase::PpRadioRequest, "radio handed over"},
-      {Phase::PpRadioResult, "radio result"},
-      {Phase::PpFile, "file found"},
-  };
-  return names.at(phase);
+#define STATION_PHASE_WORDS(name, words) words,
+  static constexpr std::array kWords = {STATION_PHASES(STATION_PHASE_WORDS)};
+#undef STATION_PHASE_WORDS
+  return kWords.at(static_cast<std::size_t>(phase));
 }
 
 void Conduct::Add(const Fault& fault) {

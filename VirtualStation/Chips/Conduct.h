@@ -17,40 +17,46 @@
 
 namespace station {
 
-/// A phase is reached when its request has come in whole, before it is answered.
-enum class Phase {
-  RtxRom,              ///< reset into the boot loader; answer: STX
-  RtxPreLoaderHeader,  ///< length of the pre-loader; answer: ACK
-  RtxPreLoaderImage,   ///< answer: its check byte
-  RtxPreLoaderEcho,    ///< the host agrees with the check byte, the pre-loader runs; no answer
-  RtxStart,            ///< answer: READY
-  RtxSpeed,            ///< the new speed; no answer, the chip works at it from now on
-  RtxSpeedReady,       ///< the host talks at the new speed; answer: NEW_BAUDRATE_READY
-  RtxFlashLoader,      ///< the whole flash loader; answer: its check byte
-  RtxVersion,          ///< the rest: packets and confirmations
-  RtxConfig,
-  RtxErase,
-  RtxProgram,
-  RtxVerify,
-  McuVersion,
-  McuEnterBoot,
-  McuFirmwareInfo,
-  McuPackage,
-  McuDone,
-  UacInvite,  ///< a 'C' goes out
-  UacBlock,   ///< answer: ACK
-  UacEnd,     ///< answer: ACK
-  FpgaPiece,  ///< one write to the device
-  FpgaEnd,    ///< the device was closed
-  PpVersion,
-  PpStart,
-  PpFirmwareInfo,
-  PpPacket,
-  PpDone,
-  PpRadioRequest,  ///< answer: the part agrees to pass bytes through to its radio module
-  PpRadioResult,
-  PpFile,  ///< a part with storage found new firmware on it; answer: it restarts
-};
+/// The phases of the chips, one row each: its name, and what a display calls it. A phase is reached when its
+/// request has come in whole, before it is answered.
+// clang-format off
+#define STATION_PHASES(X) \
+  X(RtxRom, "boot loader")                      /* reset into the boot loader; answer: STX */ \
+  X(RtxPreLoaderHeader, "pre-loader announced") /* length of the pre-loader; answer: ACK */ \
+  X(RtxPreLoaderImage, "pre-loader")            /* answer: its check byte */ \
+  X(RtxPreLoaderEcho, "pre-loader confirmed")   /* the host agrees, it runs; no answer */ \
+  X(RtxStart, "pre-loader runs")                /* answer: READY */ \
+  X(RtxSpeed, "new speed")                      /* the chip works at it from now on; no answer */ \
+  X(RtxSpeedReady, "new speed confirmed")       /* the host talks at the new speed; answer: NEW_BAUDRATE_READY */ \
+  X(RtxFlashLoader, "flash loader")             /* the whole flash loader; answer: its check byte */ \
+  X(RtxVersion, "version")                      /* the rest: packets and confirmations */ \
+  X(RtxConfig, "flash settings") \
+  X(RtxErase, "erase") \
+  X(RtxProgram, "program") \
+  X(RtxVerify, "verify") \
+  X(McuVersion, "version") \
+  X(McuEnterBoot, "boot loader") \
+  X(McuFirmwareInfo, "firmware description") \
+  X(McuPackage, "package") \
+  X(McuDone, "done") \
+  X(UacInvite, "invitation")                    /* a 'C' goes out */ \
+  X(UacBlock, "block")                          /* answer: ACK */ \
+  X(UacEnd, "end")                              /* answer: ACK */ \
+  X(FpgaPiece, "piece")                         /* one write to the device */ \
+  X(FpgaEnd, "end")                             /* the device was closed */ \
+  X(PpVersion, "version") \
+  X(PpStart, "start") \
+  X(PpFirmwareInfo, "firmware description") \
+  X(PpPacket, "packet") \
+  X(PpDone, "done") \
+  X(PpRadioRequest, "radio handed over")        /* answer: the part passes bytes through from now on */ \
+  X(PpRadioResult, "radio result") \
+  X(PpFile, "file found")                       /* on the storage; answer: it restarts */
+// clang-format on
+
+#define STATION_PHASE_NAME(name, words) name,
+enum class Phase { STATION_PHASES(STATION_PHASE_NAME) };
+#undef STATION_PHASE_NAME
 const char* Name(Phase phase);
 
 enum class FaultKind {

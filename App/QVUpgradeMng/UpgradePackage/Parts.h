@@ -48,7 +48,7 @@ using Versions = QVUpgradeVersionInfo;
 
 /// In the order of UPGRADETYPE, so that a type finds its row by its number.
 // clang-format off
-inline constexpr std::array<Part, 10> kAll = {{
+inline constexpr std::array<Part, UP_LAST_TYPE> kAll = {{
     {UP_APP, "app", "appVersion", &Versions::m_appVersion, true, 2, 3, kBehindNothing,
      {"/app_A", "/app_B"}, "unpacked without error"},
     {UP_SYSTEM, "system", "systemVersion", &Versions::m_systemVersion, true, 3, 4, kBehindNothing,
@@ -80,8 +80,7 @@ constexpr bool RowsFollowTypes() {
   return true;
 }
 }  // namespace Detail
-static_assert(Detail::RowsFollowTypes() && kAll.back().type == UP_LAST_TYPE,
-              "each type has its row, in the order of the types");
+static_assert(Detail::RowsFollowTypes(), "each type has its row, in the order of the types");
 
 /// The row of a type; null for UP_NO_TYPE and numbers that are none.
 constexpr const Part* Find(UPGRADETYPE type) {
