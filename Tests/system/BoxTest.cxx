@@ -1,6 +1,10 @@
 // What the virtual machine itself must get right: the tests of everything else stand on it.
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "StationTest.h"
@@ -84,4 +88,33 @@ TEST_F(Box, FilesAndMountsOutliveTheChangeOfTheRoot) {
     EXPECT_EQ(SourcesAt(Disks::AppDir(before), daemon).size(), 0U);
     EXPECT_EQ(SourcesAt(Disks::AppDir(station.Running()), daemon).size(), 1U);
   }
+}
+
+// A command may have a process group of its own, as jobs have, and start others while it is killed.
+TEST_F(Box, KillReachesEveryProcessOfTheSession) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, ready[1], STDOUT_FILENO);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+  const char* script = "set -m; for i in 1 2 3; do (while true; do sleep 0.001; done) & done; echo; wait";
+  const char* argv[] = {"bash", "-c", script, nullptr};
+  pid_t session = -1;
+  ASSERT_EQ(posix_spawnp(&session, argv[0], &actions, &attributes, const_cast<char**>(argv), environ), 0);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  close(ready[1]);
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  const auto groups = ProcessesOf(session);
+  EXPECT_TRUE(std::any_of(groups.begin(), groups.end(), [&](pid_t pid) { return getpgid(pid) != session; }));
+  KillSession(session);
+  // The pipe has ended when nobody is left who could write into it.
+  pollfd end = {ready[0], POLLIN, 0};
+  EXPECT_EQ(poll(&end, 1, 0), 1) << "some are alive";
+  close(ready[0]);
+  EXPECT_EQ(waitpid(session, nullptr, 0), session);
 }
