@@ -1,5 +1,6 @@
-/// How the box is made of namespaces and an overlay. Three processes take part: the caller, which only waits
-/// outside; the first process of the box, which makes it and reaps orphans; and the body.
+/// How the box is made of namespaces and an overlay, and how its root gets another source. Three processes
+/// take part: the caller, which only waits outside; the first process of the box, which makes it and reaps
+/// orphans; and the body.
 #include "VirtualStation/Box.h"
 
 #include <fcntl.h>
@@ -34,6 +35,8 @@ namespace fs = std::filesystem;
 /// Covered by a tmpfs that holds the overlay's layers while the box is made. Nobody builds software there.
 const std::string kScratch = "/run";
 const std::string kNewRoot = kScratch + "/root";
+/// In the root, while the next one is put together on it.
+const std::string kNextRoot = "/.next-root";
 
 int FirstProcess(const std::function<int()>& body);
 
@@ -115,14 +118,26 @@ std::uint64_t MountId(const std::string& path) {
   return info.stx_mnt_id;
 }
 
+/// What is mounted at `root` becomes the root of every process of the box; the old one goes.
+void ChangeRoot(const std::string& root) {
+  std::error_code gone;  // the last chdir tells
+  const std::string directory = fs::current_path(gone);
+  if (chdir(root.c_str()) != 0 || syscall(SYS_pivot_root, ".", ".") != 0 || umount2(".", MNT_DETACH) != 0 ||
+      chdir("/") != 0) {
+    Halt("the box cannot change its root", errno);
+  }
+  if (chdir(directory.c_str()) != 0) {
+    std::cerr << "virtual station: " << directory << " is not in the box, using /\n";
+  }
+}
+
 void MakeRoot() {
-  const std::string directory = fs::current_path();
   Mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE);
   Mount("box", kScratch, "tmpfs", 0, "size=75%,mode=755");
   for (const char* layer : {"upper", "work", "root"}) {
     fs::create_directory(kScratch + "/" + layer);
   }
-  Mount("box", kNewRoot, "overlay", 0,
+  Mount(kUntoldRoot, kNewRoot, "overlay", 0,
         "lowerdir=/,upperdir=" + kScratch + "/upper,workdir=" + kScratch + "/work");
 
   // The overlay ends at the file system of "/": what the station needs from others is bound in.
@@ -141,14 +156,7 @@ void MakeRoot() {
   Mount("tmpfs", kNewRoot + "/dev/shm", "tmpfs", 0, "mode=1777");
   Mount("tmpfs", kNewRoot + "/sys", "tmpfs", 0, "mode=755");
   Mount("tmpfs", kNewRoot + "/run", "tmpfs", 0, "size=75%,mode=755");
-
-  if (chdir(kNewRoot.c_str()) != 0 || syscall(SYS_pivot_root, ".", ".") != 0 ||
-      umount2(".", MNT_DETACH) != 0 || chdir("/") != 0) {
-    Halt("the box cannot change its root", errno);
-  }
-  if (chdir(directory.c_str()) != 0) {
-    std::cerr << "virtual station: " << directory << " is not in the box, using /\n";
-  }
+  ChangeRoot(kNewRoot);
 }
 
 void MakeDevices() {
@@ -231,4 +239,38 @@ int FirstProcess(const std::function<int()>& body) {
 }
 
 }  // namespace
+
+void SetRootSource(const std::string& source) {
+  // The kernel keeps a source for each mount, for good. So the next root is an empty file system of that
+  // source on which the directories of this one are mounted.
+  static std::string current = kUntoldRoot;
+  if (source == current) {
+    return;
+  }
+  Mount(source.c_str(), kNextRoot, "tmpfs", 0, "mode=755");
+  for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
+    const std::string path = entry.path();
+    if (path == kNextRoot) {
+      continue;
+    }
+    const std::string next = kNextRoot + path;
+    if (entry.is_symlink()) {
+      fs::copy_symlink(path, next);
+      continue;
+    }
+    if (entry.is_directory()) {
+      fs::create_directory(next);
+      fs::permissions(next, entry.status().permissions());
+      if (fs::is_empty(path)) {
+        continue;  // where nothing is mounted, nothing may look mounted
+      }
+    } else {
+      WriteText(next, "");
+    }
+    Mount(path.c_str(), next, nullptr, MS_BIND | MS_REC);
+  }
+  ChangeRoot(kNextRoot);
+  current = source;
+}
+
 }  // namespace station

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 namespace station {
 
@@ -15,5 +16,13 @@ inline constexpr const char* kStationDir = "/run/station";
 /// overlay over the host's, with /dev, /sys, /proc, /run, processes and network of its own; everything ends
 /// when `body` does. SIGINT, SIGTERM and SIGHUP end the box at once. The caller must be single-threaded.
 int RunInBox(const std::function<int()>& body);
+
+/// The source of "/" of a new box.
+inline constexpr const char* kUntoldRoot = "box";
+
+/// From here on the mount table of every process of the box names `source` as what is mounted on "/". All
+/// directories, files and mounts stay; a directory directly below "/" that holds something becomes a mount of
+/// its own. No process of the simulated machine may run. Inside the box only.
+void SetRootSource(const std::string& source);
 
 }  // namespace station

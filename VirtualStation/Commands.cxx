@@ -1,7 +1,7 @@
 /// Serves the programs that stand in for commands. One connects to a socket (one message is one packet),
 /// sends "B<line>" before it runs the command, and gets "r" (run it) or "x<code>" (end with this code);
 /// having run it, it sends "E<code>" and gets "k". A held command gets its answer late. The programs are
-/// members of the daemon's process group, by which the daemon is found and killed.
+/// members of the daemon's session, by which the daemon is found and killed.
 #include "VirtualStation/Commands.h"
 
 #include <fnmatch.h>
@@ -276,9 +276,9 @@ void Commands::_KillDaemonOf(int socket) {
   if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
     return;
   }
-  const pid_t group = getpgid(peer.pid);
-  if (group > 1 && group != getpgrp()) {
-    kill(-group, SIGKILL);
+  const pid_t session = getsid(peer.pid);
+  if (session > 0 && session != getsid(0)) {
+    KillSession(session);
   }
 }
 

@@ -1,5 +1,6 @@
-/// Starts, kills and watches the daemon. It leads a process group of its own, in which every command that it
-/// runs stays: a kill of the group is what the end of its control group would be on the device.
+/// Starts, kills and watches the daemon. It leads a session of its own, in which every command that it runs
+/// stays, also in a process group of its own: a kill of the session is what the end of its control group
+/// would be on the device.
 #include "VirtualStation/Daemon.h"
 
 #include <fcntl.h>
@@ -58,12 +59,11 @@ Daemon::Daemon(const Bus& bus, unsigned pauseDivisor, Environment environment)
 }
 
 Daemon::~Daemon() {
-  Kill();
-  _Reap();
+  _End();
 }
 
 bool Daemon::Start() {
-  _Reap();
+  _End();
   const std::string reports =
       ":exitcode=" + std::to_string(kSanitizerExit) + ":log_path=" + SanitizerPrefix();
   Environment environment = {
@@ -97,7 +97,7 @@ bool Daemon::Start() {
   posix_spawn_file_actions_addchdir_np(&actions, "/");
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
   pid_t pid = -1;
   const int error = posix_spawn(&pid, argv[0], &actions, &attributes, const_cast<char**>(argv), envp.data());
   posix_spawnattr_destroy(&attributes);
@@ -123,8 +123,7 @@ std::optional<int> Daemon::Stop(int signal, Milliseconds timeout) {
   }
   const std::optional<int> status = WaitExit(timeout);
   if (!status) {
-    Kill();
-    _Reap();
+    _End();
   }
   return status;
 }
@@ -138,32 +137,31 @@ std::optional<int> Daemon::WaitExit(Milliseconds timeout) {
     if (wait.revents == 0) {
       return std::nullopt;
     }
-    Kill();  // commands that outlived it
-    _Reap();
+    _End();  // commands may have outlived it
   }
   return m_status;
 }
 
 void Daemon::Kill() {
-  const pid_t group = m_pid;
-  if (group > 0) {
-    kill(-group, SIGKILL);
+  const pid_t session = m_pid;
+  if (session > 0) {
+    KillSession(session);
   }
 }
 
-/// Waits for the end of the whole group, which is dead or dying.
-void Daemon::_Reap() {
-  const pid_t group = m_pid;
-  if (group <= 0) {
+/// Kills what is left of the session and reaps it: what lost its parent has become a child of this process.
+void Daemon::_End() {
+  const pid_t session = m_pid;
+  if (session <= 0) {
     return;
   }
-  while (true) {
-    int status = 0;
-    const pid_t pid = waitpid(-group, &status, 0);
-    if (pid == group) {
-      m_status = status;
-    } else if (pid < 0 && errno != EINTR) {
-      break;  // none is left
+  Kill();
+  for (std::vector<pid_t> dead = {session}; !dead.empty(); dead = ProcessesOf(session)) {
+    for (const pid_t pid : dead) {
+      int status = 0;
+      if (waitpid(pid, &status, 0) == session) {
+        m_status = status;
+      }
     }
   }
   m_pid = -1;

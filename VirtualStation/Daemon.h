@@ -37,7 +37,7 @@ class Daemon {
   std::optional<int> Stop(int signal = SIGTERM, Milliseconds timeout = std::chrono::seconds(10));
   /// The wait status once the daemon has ended by itself (a reboot kills it); nothing when time is up.
   std::optional<int> WaitExit(Milliseconds timeout);
-  /// SIGKILL to the daemon and every command it runs.
+  /// SIGKILL to the daemon and every command it runs; all are dead when it returns.
   void Kill();
   bool Running() const;
   pid_t Pid() const { return m_pid; }
@@ -51,12 +51,12 @@ class Daemon {
   static std::string SanitizerReports();
 
  private:
-  void _Reap();
+  void _End();
 
   const Bus& m_bus;
   unsigned m_pauseDivisor;
   Environment m_environment;
-  std::atomic<pid_t> m_pid{-1};  ///< of the process and of its group
+  std::atomic<pid_t> m_pid{-1};  ///< of the process and of its session
   std::atomic<int> m_pidFd{-1};
   std::optional<int> m_status;  ///< of the last one that ended
 };

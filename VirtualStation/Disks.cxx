@@ -111,4 +111,8 @@ std::string Disks::RootfsDir(Partition p) const {
   return p == m_running ? std::string(kStationDir) + "/rootfs" : std::string("/run/media/") + RootfsName(p);
 }
 
+std::string Disks::RootfsNode(Partition p) {
+  return Node(RootfsName(p));
+}
+
 }  // namespace station

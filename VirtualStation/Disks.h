@@ -36,6 +36,8 @@ class Disks {
   static std::string AppDir(Partition p);
   static std::string SystemDir(Partition p);
   std::string RootfsDir(Partition p) const;
+  /// The node of its root file system: "/dev/mmcblk2p2", "/dev/mmcblk2p3".
+  static std::string RootfsNode(Partition p);
 
   Disk& App(Partition p) { return *m_disks.at(p == Partition::A ? "app_A" : "app_B"); }
   Disk& System(Partition p) { return *m_disks.at(p == Partition::A ? "mmcblk2p1" : "mmcblk2p5"); }

@@ -6,14 +6,28 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <thread>
 
 namespace station {
+namespace {
+
+bool IsDead(pid_t pid) {
+  const std::string stat = ReadText("/proc/" + std::to_string(pid) + "/stat");
+  const std::size_t name = stat.rfind(") ");  // the name may hold anything; one letter follows
+  return name == std::string::npos || std::strchr("ZX", stat[name + 2]) != nullptr;
+}
+
+}  // namespace
 
 void Halt(const std::string& what, int error) {
   std::cerr << "virtual station: " << what;
@@ -63,6 +77,34 @@ void MustRun(const std::vector<std::string>& arguments, const std::string& direc
     line += argument + ' ';
   }
   Halt(line + "(in " + directory + ") ended with " + std::to_string(code));
+}
+
+std::vector<pid_t> ProcessesOf(pid_t session) {
+  std::vector<pid_t> processes;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const pid_t pid = std::atoi(entry.path().filename().c_str());
+    if (pid > 0 && getsid(pid) == session) {
+      processes.push_back(pid);
+    }
+  }
+  return processes;
+}
+
+void KillSession(pid_t session) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (true) {
+    const std::vector<pid_t> processes = ProcessesOf(session);
+    for (const pid_t pid : processes) {
+      kill(pid, SIGKILL);
+    }
+    if (std::all_of(processes.begin(), processes.end(), IsDead)) {
+      return;
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      Halt("a command does not die of SIGKILL");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 std::string ReadText(const std::string& path) {

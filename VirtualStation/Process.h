@@ -2,6 +2,8 @@
 /// machine cannot be set up. Used throughout the station; knows nobody.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -16,6 +18,13 @@ int RunProgram(const std::vector<std::string>& arguments, const std::string& dir
 
 /// The same for a program that cannot fail on a sound machine: Halt if it does.
 void MustRun(const std::vector<std::string>& arguments, const std::string& directory = "/");
+
+/// The processes of a session, also those that are dead and not reaped yet.
+std::vector<pid_t> ProcessesOf(pid_t session);
+
+/// SIGKILL to all of them, again until all are dead, since a shell may start one meanwhile. Reaps none. Halts
+/// when one does not die within a minute.
+void KillSession(pid_t session);
 
 /// Whole file as text, empty when it cannot be read.
 std::string ReadText(const std::string& path);

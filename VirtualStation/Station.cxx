@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "UpgradePackage/Parts.h"
+#include "VirtualStation/Box.h"
 #include "VirtualStation/Process.h"
 #include "VirtualStation/TreeCompare.h"
 
@@ -29,7 +30,8 @@ std::string VersionFile(Partition p) {
 }  // namespace
 
 Station::Station(const StationOptions& options)
-    : m_disks(options.firmwareBytes),
+    : m_rootTells(options.rootTells),
+      m_disks(options.firmwareBytes),
       m_panel(m_bus),
       m_web(m_bus),
       m_controller(m_bus),
@@ -102,6 +104,8 @@ void Station::_Down(bool inOrder) {
 void Station::_Boot() {
   m_disks.MountSettings();
   m_running = MarkedForBoot();
+  m_disks.UnmountAll();  // else they would hide for good what is below them
+  SetRootSource(m_rootTells ? Disks::RootfsNode(m_running) : kUntoldRoot);
   m_disks.MountAll(m_running);
   m_panel.Clear();
   m_web.Clear();

@@ -29,6 +29,7 @@ struct StationOptions {
   unsigned pauseDivisor = 10;                  ///< 1: pauses last as long as on the device
   Daemon::Environment environment;             ///< added to the daemon's
   bool chips = true;                           ///< false: none is connected
+  bool rootTells = true;  ///< false: "/" does not show from which partition the machine runs
 };
 
 /// One thread; what the members give out says more.
@@ -85,6 +86,7 @@ class Station {
   void _Boot();
   void _Down(bool inOrder);
 
+  bool m_rootTells;
   Disks m_disks;
   Commands m_commands;
   Bus m_bus;
