@@ -1,7 +1,12 @@
 /// The device's version record: what is installed, in memory and in the version file of the running
 /// partition, which is written here alone. Made by main, loaded by the access frame; sources, frame and the
 /// controller's reports read and change it.
+///
+/// A file that is there but cannot be read is never written: what it holds may still be saved, and defaults
+/// would be taken for what is installed.
 #pragma once
+
+#include <json/json.h>
 
 #include <functional>
 #include <string>
@@ -13,8 +18,9 @@
 /// Any thread may call any member.
 class DeviceVersions {
  public:
-  /// Takes `file` as the running partition's version file and reads it; a missing or unusable one, logged,
-  /// leaves the defaults.
+  /// Takes `file` as the running partition's version file and reads it. A missing one, logged, leaves the
+  /// defaults. So does an unusable one, but that no overall software version is known: it is "V0.0.0.00", so
+  /// that no package is refused for being installed already.
   void Load(const std::string& file);
   /// False until Load: the record holds nothing yet.
   bool IsLoaded();
@@ -23,10 +29,12 @@ class DeviceVersions {
   std::string getCurrentPart();
 
   AllVersion getAllVersion();
-  /// Replaces the record and writes the file.
+  /// Replaces the record and writes the file, as SetVersion does.
   void setAllVersion(const AllVersion& versions);
-  /// Applies `change`, which must not call back, to the record and writes the file.
+  /// Applies `change`, which must not call back, to the record and writes the file; a missing one is made.
   void SetVersion(const std::function<void(AllVersion&)>& change);
+  /// The same for what a chip says of itself at a start, which is no reason to make a file.
+  void NoteVersion(const std::function<void(AllVersion&)>& change);
   /// Notes the overall versions of the package being prepared, without writing the file.
   void SetNewOverallVersion(const OTAVersion& overall);
 
@@ -35,9 +43,13 @@ class DeviceVersions {
 
  private:
   bool _ReadVersionToFile() REQUIRES(m_versionMutex);
+  void _Change(const std::function<void(AllVersion&)>& change, bool mayCreate);
   bool _WriteVersionToFile(const AllVersion& versions) REQUIRES(m_versionMutex);
 
   CMutex m_versionMutex;  ///< also held while the file is read or written
   AllVersion m_allVersion GUARDED_BY(m_versionMutex);
+  Json::Value m_otaList GUARDED_BY(m_versionMutex);    ///< the file's, kept as it is
   std::string m_currptten GUARDED_BY(m_versionMutex);  ///< the version file; empty until Load
+  bool m_bKnown GUARDED_BY(m_versionMutex) = false;    ///< the file was read, or written by us
+  bool m_bRefusalLogged GUARDED_BY(m_versionMutex) = false;
 };
