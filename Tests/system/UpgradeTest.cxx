@@ -21,6 +21,19 @@ void ExpectInOrder(const std::vector<std::string>& lines, const std::vector<std:
   }
 }
 
+// The environment of the command that begins like this and runs now: its variables, each ended by a 0.
+std::string EnvironmentOf(const std::string& command) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream file(entry.path() / "cmdline", std::ios::binary);
+    std::string line(std::istreambuf_iterator<char>(file), {});
+    std::replace(line.begin(), line.end(), '\0', ' ');
+    if (line.rfind(command, 0) != 0) continue;
+    std::ifstream environment(entry.path() / "environ", std::ios::binary);
+    return {std::istreambuf_iterator<char>(environment), {}};
+  }
+  return "no such process";
+}
+
 }  // namespace
 
 class Upgrade : public StationTest {
@@ -192,4 +205,15 @@ TEST_F(Upgrade, TargetsThatAreNotMountedAreNotWritten) {
   EXPECT_FALSE(Exists("/app_B/quorvalen"));
   EXPECT_EQ(station.commands().Count("cp -rf * /run/media/mmcblk2p5*"), 0U);
   EXPECT_TRUE(station.disks().Rootfs(Partition::B).MountPoints().empty());
+}
+
+// A tar that refuses links out of its tree is told to unpack them: a root file system is full of them.
+TEST_F(Upgrade, TarOfTheRootFileSystemMayUnpackAllLinks) {
+  Station station;
+  ASSERT_TRUE(station.Start());
+  station.commands().Hold("tar zxf *");
+  station.InsertStick(PackageBuilder("S4.1.0.1").Rootfs("V2.0.0.01").Build());
+  ASSERT_TRUE(station.commands().WaitForStart("tar zxf *", kPatience));
+  const std::string environment = std::string(1, '\0') + EnvironmentOf("tar zxf ");
+  EXPECT_NE(environment.find(std::string("\0EXTRACT_UNSAFE_SYMLINKS=1\0", 27)), std::string::npos);
 }

@@ -51,21 +51,43 @@ std::string PartitionMarkers::RunningPartition() const {
 ///   to A from anywhere  delete b, delete a, write a: without b it is A all along
 ///
 /// At every instant there is one choice, the old partition or the new one, and both are whole: the new one
-/// was finished and synced before the first step. A step that fails ends the switch in one of the same
-/// states, B to A with B's marker put back.
+/// was finished and synced before the first step. A step that fails may have taken effect all the same, for
+/// this boot or after a cut: where it changed the choice, the old one is put back. From a failed switch to
+/// the new partition the unit would boot without the boot loader that belongs to it.
 Failure PartitionMarkers::SwitchFrom(const std::string& currentPart) const {
-  if (currentPart == UpgradePaths::kAppA) {
-    if (Failure failure = _DeleteMarker(m_markerA)) return failure;
-    return _WirtePattenFile(m_markerB.c_str(), kChooseB);
-  }
-  if (Failure failure = _DeleteMarker(m_markerB)) return failure;
-  const bool toAFromB = currentPart == UpgradePaths::kAppB;
-  Failure failure = toAFromB ? Failure() : _DeleteMarker(m_markerA);
-  if (!failure) failure = _WirtePattenFile(m_markerA.c_str(), kChooseA);
-  if (!failure || !toAFromB) return failure;
-  // Without any marker A would be booted although the switch has failed.
-  if (const Failure lost = _WirtePattenFile(m_markerB.c_str(), kChooseB)) LOGE("%s", lost.Text().c_str());
+  Failure failure = currentPart == UpgradePaths::kAppA ? _ChooseB() : _ChooseA(currentPart);
+  if (failure) _PutBack(currentPart);
   return failure;
+}
+
+Failure PartitionMarkers::_ChooseA(const std::string& currentPart) const {
+  if (Failure failure = _DeleteMarker(m_markerB)) return failure;
+  if (currentPart != UpgradePaths::kAppB) {
+    if (Failure failure = _DeleteMarker(m_markerA)) return failure;
+  }
+  return _WirtePattenFile(m_markerA.c_str(), kChooseA);
+}
+
+Failure PartitionMarkers::_ChooseB() const {
+  if (Failure failure = _DeleteMarker(m_markerA)) return failure;
+  return _WirtePattenFile(m_markerB.c_str(), kChooseB);
+}
+
+/// Each step is done whatever became of the one before: what cannot be synced is still what a reboot in order
+/// finds.
+void PartitionMarkers::_PutBack(const std::string& currentPart) const {
+  const bool toB = currentPart == UpgradePaths::kAppB;
+  if (_ChoosesB() == toB) return;
+  const Failure deleted = _DeleteMarker(toB ? m_markerA : m_markerB);
+  const Failure written =
+      toB ? _WirtePattenFile(m_markerB.c_str(), kChooseB) : _WirtePattenFile(m_markerA.c_str(), kChooseA);
+  for (const Failure& lost : {deleted, written}) {
+    if (lost) LOGE("%s", lost.Text().c_str());
+  }
+}
+
+bool PartitionMarkers::_ChoosesB() const {
+  return XFilePathExists(m_markerB) && !XFilePathExists(m_markerA);
 }
 
 /// Replaces the content of `path` by `text` so that it survives a power cut.

@@ -22,10 +22,16 @@ class PartitionMarkers {
   std::string RunningPartition() const;
 
   /// Makes the other partition than `currentPart` the next boot's and leaves its marker alone; for an unknown
-  /// `currentPart` that is A. When a file system call fails the choice is the old or the new one.
+  /// `currentPart` that is A. When a file system call fails the old choice is put back, as far as the disk
+  /// lets us.
   Failure SwitchFrom(const std::string& currentPart) const;
 
  private:
+  Failure _ChooseA(const std::string& currentPart) const;
+  Failure _ChooseB() const;
+  /// Makes `currentPart` the next boot's again when it is not.
+  void _PutBack(const std::string& currentPart) const;
+  bool _ChoosesB() const;
   static Failure _WirtePattenFile(const char* path, const char* text);
   static Failure _DeleteMarker(const std::string& path);
 

@@ -124,7 +124,7 @@ void QVUpgradeFrameBase::_LoadMcuVersion() {
   const auto enter = [&running](AllVersion& versions) {
     versions.m_SubmodulesVer.m_mcuVersion = running->Text();
   };
-  m_versions.SetVersion(enter);
+  m_versions.NoteVersion(enter);
   _ChangeInIdle(kStateIdle, [&] { enter(m_frameVersion); });
 }
 

@@ -52,7 +52,7 @@ Json::Value VersionRecord::ToJson(const OTAVersion& overall, const QVUpgradeVers
 
 bool VersionRecord::Read(const std::string& path, AllVersion& versions, Json::Value* otaList) {
   Json::Value root;
-  const bool readable = QVUpgradeTool::readFileToJson(path.c_str(), root);
+  const bool readable = QVUpgradeTool::readFileToJson(path.c_str(), root) && root.isObject();
   if (!readable) root = Json::Value();
 
   const Json::Value total = MemberOrNull(root, kTotalKey);

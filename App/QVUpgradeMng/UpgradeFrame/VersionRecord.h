@@ -16,7 +16,7 @@ Json::Value ToJson(const OTAVersion& overall, const QVUpgradeVersionInfo& versio
 
 /// Reads a version file into m_oldOverallVer and m_SubmodulesVer; a missing or unusable member takes its
 /// default. `otaList`, when wanted, gets the file's "otaList" or null. False when the file itself cannot be
-/// read: all are defaults then.
+/// read or holds no object: all are defaults then.
 bool Read(const std::string& path, AllVersion& versions, Json::Value* otaList = nullptr);
 
 /// Writes the file of the partition that an upgrade has written, "/app_A" or "/app_B": the parts' versions of

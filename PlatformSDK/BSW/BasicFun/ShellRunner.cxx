@@ -11,6 +11,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <string_view>
+#include <vector>
 
 #include "BSW/BasicFun/UniqueFd.h"
 #include "common/Mutex.h"
@@ -19,6 +21,9 @@
 namespace {
 
 constexpr int kCannotExec = 127;
+
+/// The thread's CommandVariable; null when there is none.
+thread_local const char* t_assignment = nullptr;
 
 /// SIGCHLD has its default disposition while any runner holds this: the first in saves what it finds, the
 /// last out restores it.
@@ -70,16 +75,31 @@ void CloseOnExecFrom(unsigned first, unsigned limit) {
   }
 }
 
+/// The process's environment with the thread's CommandVariable in it, in the form that exec takes.
+std::vector<const char*> CommandEnvironment() {
+  std::vector<const char*> environment;
+  const std::string_view assignment = t_assignment == nullptr ? "" : t_assignment;
+  const std::string_view name = assignment.substr(0, assignment.find('=') + 1);
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (name.empty() || std::string_view(*entry).substr(0, name.size()) != name)
+      environment.push_back(*entry);
+  }
+  if (!name.empty()) environment.push_back(t_assignment);
+  environment.push_back(nullptr);
+  return environment;
+}
+
 /// The child, from fork to exec: async-signal-safe calls only.
-[[noreturn]] void ExecShell(const char* command, const sigset_t& mask, unsigned descriptorLimit) {
+[[noreturn]] void ExecShell(const char* command, const char* const* environment, const sigset_t& mask,
+                            unsigned descriptorLimit) {
   signal(SIGPIPE, SIG_DFL);  // the daemon ignores it, and exec would hand that on
   // A command that asks gets no answer instead of waiting for one.
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (nothing >= 0) dup2(nothing, STDIN_FILENO);
   CloseOnExecFrom(STDERR_FILENO + 1, descriptorLimit);
   pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-  execl("/bin/sh", "sh", "-c", command, nullptr);
-  execl("/bin/bash", "bash", "-c", command, nullptr);
+  execle("/bin/sh", "sh", "-c", command, nullptr, environment);
+  execle("/bin/bash", "bash", "-c", command, nullptr, environment);
   _exit(kCannotExec);
 }
 
@@ -101,6 +121,14 @@ ShellResult WaitForChild(pid_t child) {
 
 }  // namespace
 
+CommandVariable::CommandVariable(const char* assignment) : m_outer(t_assignment) {
+  t_assignment = assignment;
+}
+
+CommandVariable::~CommandVariable() {
+  t_assignment = m_outer;
+}
+
 ShellResult RunShell(const char* command) {
   sigset_t childSignal;
   sigset_t oldMask;
@@ -117,8 +145,11 @@ ShellResult RunShell(const char* command) {
 
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
+  const std::vector<const char*> environment = CommandEnvironment();
   const pid_t child = fork();
-  if (child == 0) ExecShell(command, oldMask, static_cast<unsigned>(descriptors.rlim_cur));
+  if (child == 0) {
+    ExecShell(command, environment.data(), oldMask, static_cast<unsigned>(descriptors.rlim_cur));
+  }
   const int forkError = errno;
   pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
   if (child < 0) return Failure(ShellResult::Outcome::ForkFailed, forkError);

@@ -21,6 +21,21 @@ struct ShellResult {
   int error = 0;      ///< errno of a failed call
 };
 
+/// While it lives, the commands of the calling thread have one more variable in their environment, or one of
+/// another value; of several the innermost counts. The process's own environment, which other threads read,
+/// stays as it is.
+class CommandVariable {
+ public:
+  /// `assignment`, a literal, is "NAME=value".
+  explicit CommandVariable(const char* assignment);
+  ~CommandVariable();
+  CommandVariable(const CommandVariable&) = delete;
+  CommandVariable& operator=(const CommandVariable&) = delete;
+
+ private:
+  const char* const m_outer;
+};
+
 /// Runs `command` with "/bin/sh -c" and waits for it to end, however long that takes. The child reads from
 /// /dev/null and gets no descriptor of this process above 2, SIGPIPE and SIGCHLD at their defaults and the
 /// caller's signal mask. Any thread may call, several at once: while at least one command runs, SIGCHLD has

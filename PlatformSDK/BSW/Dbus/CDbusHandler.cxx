@@ -5,6 +5,9 @@
 /// them. So none is lost whichever thread reads it in, the order is kept, and libdbus never answers in our
 /// place. Its own pending calls are not used for waiting: with several threads they crash when the bus goes
 /// away.
+///
+/// A bus that closes the connection, or is not there at start, is tried again by the receive thread. A
+/// connection is ready before others see it, so that its set-up meets no other thread.
 #include "BSW/Dbus/CDbusHandler.h"
 
 #include <unistd.h>
@@ -26,10 +29,13 @@ namespace {
 
 constexpr int kQueryMs = 20;
 constexpr std::chrono::milliseconds kQueryTime(kQueryMs);
-constexpr uint32_t kClosedPauseMs = 10;
+/// Before a closed connection is opened again; doubled from try to try, up to the second.
+constexpr uint32_t kFirstReopenPauseMs = 10;
+constexpr uint32_t kLongestReopenPauseMs = 5000;
 /// How long a message may take to reach a bus that does not read; later it is written by the receive thread.
 constexpr uint32_t kFlushMs = 1000;
 constexpr size_t kMatchRuleBytes = 256;
+constexpr uint32_t kMask31Bits = 0x7FFFFFFFU;
 
 /// libdbus's error record.
 class BusError {
@@ -48,12 +54,18 @@ class BusError {
   DBusError m_error{};
 };
 
+uint32_t MilliSecSince(uint32_t start) {
+  return (GetCurTimeMilliSec() - start) & kMask31Bits;
+}
+
+bool IsOpen(DBusConnection* connection) {
+  return connection != nullptr && dbus_connection_get_is_connected(connection) != 0;
+}
+
 /// dbus_connection_flush with an end: a bus that hangs must not hang us.
 void Flush(DBusConnection* connection) {
-  constexpr uint32_t kMask31Bits = 0x7FFFFFFFU;
   const uint32_t start = GetCurTimeMilliSec();
-  while (dbus_connection_has_messages_to_send(connection) != 0 &&
-         ((GetCurTimeMilliSec() - start) & kMask31Bits) < kFlushMs) {
+  while (dbus_connection_has_messages_to_send(connection) != 0 && MilliSecSince(start) < kFlushMs) {
     if (dbus_connection_read_write(connection, kQueryMs) == 0) return;
   }
 }
@@ -76,11 +88,17 @@ bool CanSend(const char* operation, DBusConnection* connection, std::string_view
     LOGE("%s: Invalid utf-8 string!", operation);
     return false;
   }
-  if (connection == nullptr) {
-    LOGE("m_dbusConn not vaild!");
-    return false;
-  }
-  return true;
+  if (IsOpen(connection)) return true;
+  LOGE("m_dbusConn not vaild!");
+  return false;
+}
+
+/// A closed connection needs no rule: it gets all of them when it is opened again.
+void AddMatch(DBusConnection* connection, const std::string& rule) {
+  if (!IsOpen(connection)) return;
+  BusError error;
+  dbus_bus_add_match(connection, rule.c_str(), error.Get());
+  if (error.IsSet()) LOGE("dbus_bus_add_math Error: %s", error.Text());
 }
 
 bool HasMethodNames(const char* operation, const char* destination, const char* path, const char* interface,
@@ -101,30 +119,63 @@ CDbusHandler::~CDbusHandler() {
 
 bool CDbusHandler::Init(const char* busName) {
   if (IsRunning()) return false;
-  ConnectionPtr connection = _Connect();
-  if (connection) _RequestName(connection.get(), busName);
-  {
-    const CLock lock(m_Mutex);
-    m_dbusConn = std::move(connection);
-  }
+  m_strBusName = busName;
+  m_iReopenPauseMs = kFirstReopenPauseMs;
+  _Open(true);
   return CreateThread(0);
 }
 
 bool CDbusHandler::CleanUp() {
   if (!DestroyThread(true, true) || HasCrashed()) return false;
-  const CLock lock(m_Mutex);
-  if (m_dbusConn) dbus_connection_remove_filter(m_dbusConn.get(), &CDbusHandler::_Receive, this);
-  m_dbusConn.reset();
-  const CLock receiveLock(m_receiveMutex);
-  m_queReceived.clear();
+  _Close();
   return true;
 }
 
-CDbusHandler::ConnectionPtr CDbusHandler::_Connect() {
+bool CDbusHandler::_Open(bool logFailure) {
+  ConnectionPtr connection = _Connect(logFailure);
+  if (!connection) return false;
+  // The name first: what the policy says of signals to its owner then holds for the first that comes.
+  _RequestName(connection.get(), m_strBusName.c_str());
+  for (size_t added = 0;;) {
+    std::string rule;
+    {
+      const CLock lock(m_Mutex);
+      if (added == m_vecMatchRules.size()) {
+        m_iOpenedMs = GetCurTimeMilliSec();
+        m_dbusConn = std::move(connection);
+        return true;
+      }
+      rule = m_vecMatchRules[added++];
+    }
+    AddMatch(connection.get(), rule);
+  }
+}
+
+bool CDbusHandler::_Close() {
+  const CLock lock(m_Mutex);
+  const ConnectionPtr connection = std::move(m_dbusConn);
+  if (connection) dbus_connection_remove_filter(connection.get(), &CDbusHandler::_Receive, this);
+  const CLock receiveLock(m_receiveMutex);
+  m_queReceived.clear();
+  return connection != nullptr;
+}
+
+void CDbusHandler::_Reopen() {
+  if (_Close()) {
+    LOGE("the bus has closed the connection, it is opened again");
+    // One that the bus closes at once each time is no fresh start.
+    if (MilliSecSince(m_iOpenedMs) > kLongestReopenPauseMs) m_iReopenPauseMs = kFirstReopenPauseMs;
+  }
+  if (!Pause(m_iReopenPauseMs)) return;
+  m_iReopenPauseMs = std::min(2 * m_iReopenPauseMs, kLongestReopenPauseMs);
+  if (_Open(false)) LOGI("the bus connection is open");
+}
+
+CDbusHandler::ConnectionPtr CDbusHandler::_Connect(bool logFailure) {
   dbus_threads_init_default();
   BusError error;
   ConnectionPtr connection(dbus_bus_get(DBUS_BUS_SYSTEM, error.Get()));
-  if (error.IsSet()) LOGE("dbus_bus_get: %s\n", error.Text());
+  if (error.IsSet() && logFailure) LOGE("dbus_bus_get: %s\n", error.Text());
   if (!connection) return nullptr;
   dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
   dbus_connection_set_route_peer_messages(connection.get(), TRUE);
@@ -151,7 +202,7 @@ bool CDbusHandler::RegisteredServices(const char* path, const char* interface, c
     return false;
   }
   const CLock lock(m_Mutex);
-  if (listenSignals) _AddMatch(interface, member);
+  if (listenSignals) _Listen(interface, member);
   m_VcDbusServices.push_back({path, interface, member, callback});
   return true;
 }
@@ -175,19 +226,15 @@ bool CDbusHandler::UnRegisteredServices(const char* path, const char* interface,
 
 void CDbusHandler::SignalListen(const char* interface, const char* member) {
   const CLock lock(m_Mutex);
-  _AddMatch(interface, member);
+  _Listen(interface, member);
 }
 
-void CDbusHandler::_AddMatch(const char* interface, const char* member) {
-  if (!m_dbusConn) {
-    LOGE("m_dbusConn not vaild!");
-    return;
-  }
+void CDbusHandler::_Listen(const char* interface, const char* member) {
   std::array<char, kMatchRuleBytes> rule{};
   std::snprintf(rule.data(), rule.size(), "type='signal',interface='%s',member='%s'", interface, member);
-  BusError error;
-  dbus_bus_add_match(m_dbusConn.get(), rule.data(), error.Get());
-  if (error.IsSet()) LOGE("dbus_bus_add_math Error: %s", error.Text());
+  if (std::find(m_vecMatchRules.begin(), m_vecMatchRules.end(), rule.data()) == m_vecMatchRules.end())
+    m_vecMatchRules.emplace_back(rule.data());
+  AddMatch(m_dbusConn.get(), rule.data());
 }
 
 bool CDbusHandler::SignalSend(const char* path, const char* interface, const char* member,
@@ -254,7 +301,7 @@ bool CDbusHandler::MethodSendGetReply(const char* destination, const char* path,
       LOGE("dbus_connection_send: Out of Memory!");
       return false;
     }
-    m_mapReply.emplace(serial, nullptr);
+    m_mapReply.emplace(CallKey(connection.get(), serial), nullptr);
   }
   const MessagePtr answer = _AwaitReply(connection.get(), serial, timeoutMs);
   BusError error;
@@ -278,9 +325,9 @@ CDbusHandler::MessagePtr CDbusHandler::_AwaitReply(DBusConnection* connection, d
   const bool onReceiveThread = std::this_thread::get_id() == m_receiveThread.load();
   const auto deadline = CCondition::Clock::now() + std::chrono::milliseconds(timeoutMs);
   const CLock lock(m_receiveMutex);
-  const MessagePtr& reply = m_mapReply.at(serial);
-  while (!reply && !StopRequested() && CCondition::Clock::now() < deadline &&
-         dbus_connection_get_is_connected(connection) != 0) {
+  const CallKey call(connection, serial);
+  const MessagePtr& reply = m_mapReply.at(call);
+  while (!reply && !StopRequested() && CCondition::Clock::now() < deadline && IsOpen(connection)) {
     if (!onReceiveThread) m_replyCond.WaitFor(m_receiveMutex, kQueryTime, [&] { return reply != nullptr; });
     if (reply) break;
     // Nobody reads now: we are the receive thread in a callback, or it is busy with one.
@@ -290,7 +337,7 @@ CDbusHandler::MessagePtr CDbusHandler::_AwaitReply(DBusConnection* connection, d
     }
     m_receiveMutex.Lock();
   }
-  return std::move(m_mapReply.extract(serial).mapped());
+  return std::move(m_mapReply.extract(call).mapped());
 }
 
 CDbusHandler::MessagePtr CDbusHandler::_NewMethodCall(const char* destination, const char* path,
@@ -319,12 +366,14 @@ void CDbusHandler::ThreadProc() {
   while (IsRunning()) {
     const std::vector<DBUS_SERVICES> before = _Services();
     // With messages to handle, only look whether there are more.
-    if (!QueryMessage(!before.empty() && _HasReceived() ? 0 : kQueryMs)) {
-      Pause(kClosedPauseMs);
-      continue;
-    }
+    const bool isOpen = QueryMessage(!before.empty() && _HasReceived() ? 0 : kQueryMs);
     const std::vector<DBUS_SERVICES> services = _Services();
-    if (!services.empty()) HandleMessage(services, services.size());
+    // What came before the end is still served.
+    if (!isOpen && (services.empty() || !_HasReceived())) {
+      _Reopen();
+    } else if (!services.empty()) {
+      HandleMessage(services, services.size());
+    }
   }
 }
 
@@ -338,7 +387,7 @@ bool CDbusHandler::QueryMessage(int timeoutMs) {
   return connection && dbus_connection_read_write_dispatch(connection.get(), timeoutMs) != 0;
 }
 
-DBusHandlerResult CDbusHandler::_Receive(DBusConnection* /*connection*/, DBusMessage* message, void* self) {
+DBusHandlerResult CDbusHandler::_Receive(DBusConnection* connection, DBusMessage* message, void* self) {
   auto* const handler = static_cast<CDbusHandler*>(self);
   const int type = dbus_message_get_type(message);
   const CLock lock(handler->m_receiveMutex);
@@ -346,7 +395,7 @@ DBusHandlerResult CDbusHandler::_Receive(DBusConnection* /*connection*/, DBusMes
     handler->m_queReceived.emplace_back(dbus_message_ref(message));
     return DBUS_HANDLER_RESULT_HANDLED;
   }
-  const auto waiting = handler->m_mapReply.find(dbus_message_get_reply_serial(message));
+  const auto waiting = handler->m_mapReply.find(CallKey(connection, dbus_message_get_reply_serial(message)));
   if (waiting == handler->m_mapReply.end()) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
   waiting->second.reset(dbus_message_ref(message));
   handler->m_replyCond.NotifyAll();

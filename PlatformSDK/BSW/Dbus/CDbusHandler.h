@@ -1,16 +1,22 @@
 /// The process's one connection to the D-Bus system bus: it owns the daemon's name, receives method calls and
 /// signals for the registered services and sends for everybody. Every message carries exactly one string.
+///
+/// A bus that goes away, or is not there at start, is tried again for as long as the receive thread runs, at
+/// intervals that grow to some seconds. When it is back, name and services are as before; what is sent
+/// meanwhile fails.
 #pragma once
 
 #include <dbus/dbus.h>
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "BSW/MultiTask/CSingleton.h"
@@ -37,14 +43,16 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   ~CDbusHandler() override;
 
   /// Connects to the system bus, requests `busName` and starts the receive thread. A failure to connect or to
-  /// own the name is logged and does not stop the thread; the result is that of starting the thread.
+  /// own the name is logged and does not stop the thread, which connects later; the result is that of
+  /// starting the thread. A bus that takes the connection and does not answer holds the caller, and later the
+  /// receive thread, for libdbus's own limit (25 s).
   bool Init(const char* busName);
   /// Stops the receive thread and gives the connection back.
   bool CleanUp();
 
   /// Adds a service, with `listenSignals` also for signals of that interface and member from any path. A
-  /// method call that matches no service on its path, interface and member is never answered. False when an
-  /// argument is null.
+  /// method call that matches no service on its path, interface and member is never answered. It needs no
+  /// bus, and outlives its going. False when an argument is null.
   bool RegisteredServices(const char* path, const char* interface, const char* member, DBUS_CALLBACK callback,
                           bool listenSignals);
   /// Removes the matching services; a callback of theirs that runs already is not waited for. False when
@@ -77,17 +85,27 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   };
   using MessagePtr = std::unique_ptr<DBusMessage, Unref>;
   using ConnectionPtr = std::unique_ptr<DBusConnection, Unref>;
+  /// A call that waits. Each connection counts its serials from 1.
+  using CallKey = std::pair<DBusConnection*, dbus_uint32_t>;
 
   enum class FirstArgument { Text, None, OtherType };
 
   CDbusHandler();
 
-  /// Gets the bus connection, ready for use by all threads; null, logged, when there is no bus.
-  ConnectionPtr _Connect();
+  /// Gets a connection with its name and match rules in place and shows it to the other threads. False when
+  /// there is no bus. The receive thread, or Init before there is one.
+  bool _Open(bool logFailure);
+  /// Gives the connection back, with what it has received. False when there was none.
+  bool _Close();
+  /// Pauses and tries once to get the connection back. Receive thread.
+  void _Reopen();
+  /// Gets the bus connection, ready for use by all threads; null when there is no bus.
+  ConnectionPtr _Connect(bool logFailure);
   static void _RequestName(DBusConnection* connection, const char* busName);
   /// A reference of the caller's own; null when there is no connection.
   ConnectionPtr _Connection();
-  void _AddMatch(const char* interface, const char* member) REQUIRES(m_Mutex);
+  /// Adds a match rule to this connection and to the coming ones.
+  void _Listen(const char* interface, const char* member) REQUIRES(m_Mutex);
 
   /// A copy of the services as they are now.
   std::vector<DBUS_SERVICES> _Services();
@@ -114,13 +132,18 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   static MessagePtr _NewMethodCall(const char* destination, const char* path, const char* interface,
                                    const char* member, const std::string& value);
 
-  ConnectionPtr m_dbusConn GUARDED_BY(m_Mutex);  ///< shared bus connection, from Init to CleanUp
+  ConnectionPtr m_dbusConn GUARDED_BY(m_Mutex);  ///< shared bus connection; null while there is none
   CMutex m_Mutex;                                ///< also serialises all sends
   std::vector<DBUS_SERVICES> m_VcDbusServices GUARDED_BY(m_Mutex);
-  CMutex m_receiveMutex;  ///< may be taken with m_Mutex held
+  std::vector<std::string> m_vecMatchRules GUARDED_BY(m_Mutex);  ///< of every connection, each once
+  CMutex m_receiveMutex;                                         ///< may be taken with m_Mutex held
   std::deque<MessagePtr> m_queReceived GUARDED_BY(m_receiveMutex);
-  /// The replies to the calls that wait, by serial; null until they come.
-  std::map<dbus_uint32_t, MessagePtr> m_mapReply GUARDED_BY(m_receiveMutex);
+  /// The replies to the calls that wait; null until they come.
+  std::map<CallKey, MessagePtr> m_mapReply GUARDED_BY(m_receiveMutex);
   CCondition m_replyCond;
   std::atomic<std::thread::id> m_receiveThread{};
+  // Init, then the receive thread alone.
+  std::string m_strBusName;
+  uint32_t m_iOpenedMs = 0;       ///< when the last connection came up
+  uint32_t m_iReopenPauseMs = 0;  ///< before the next try
 };

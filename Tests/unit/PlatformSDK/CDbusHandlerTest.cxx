@@ -62,12 +62,26 @@ class CDbusHandlerTest : public ::testing::Test {
     ASSERT_TRUE(m_handler->Init(kName));
   }
   void TearDown() override {
-    for (const char* member : {kMember, "bad"}) m_handler->UnRegisteredServices(kPath, kInterface, member);
+    for (const char* member : {kMember, "bad", "late"})
+      m_handler->UnRegisteredServices(kPath, kInterface, member);
     m_handler->CleanUp();
     g_received.clear();
   }
   bool Serve(DBUS_CALLBACK callback, const char* member = kMember, bool listenSignals = false) {
     return m_handler->RegisteredServices(kPath, kInterface, member, callback, listenSignals);
+  }
+
+  bool Send() { return m_handler->SignalSend(kPath, kInterface, kMember, "text"); }
+  // The daemon is on the bus: it answers calls of `member`, and its signals from others reach it.
+  static void ExpectServed(const char* member) {
+    BusPeer peer;
+    ASSERT_TRUE(peer.WaitForDaemon(kAnswerMs));
+    EXPECT_EQ(peer.Replies(peer.Call(kPath, kInterface, member, "call"), 1, kAnswerMs),
+              std::vector<std::string>{"one"});
+    const size_t before = ReceivedCount();
+    peer.Signal(kInterface, member, "signal");
+    for (int waits = 0; ReceivedCount() == before && waits < kAnswerMs / 10; ++waits) XSleep(10);
+    EXPECT_EQ(ReceivedCount(), before + 1);
   }
 
   CDbusHandler* const m_handler = CDbusHandler::instance();
@@ -130,21 +144,37 @@ TEST_F(CDbusHandlerTest, RefusesBadArgumentsAndReportsBusErrors) {
   EXPECT_EQ(reply, "unchanged");
 }
 
-TEST_F(CDbusHandlerTest, OutlivesItsBusAndEndsTheCallsUnderWay) {
-  ASSERT_TRUE(Serve(Collect));
-  std::atomic<int> calling{0};
-  std::vector<std::thread> callers;
-  callers.reserve(4);
-  for (int i = 0; i < 4; ++i) {
-    callers.emplace_back([&calling] {
-      ++calling;
-      while (AskBus()) {
-      }
-    });
+TEST_F(CDbusHandlerTest, ComesBackWithItsBusAndEndsTheCallsUnderWay) {
+  ASSERT_TRUE(Serve(Collect, kMember, true));
+  for (int outage = 0; outage < 3; ++outage) {
+    std::atomic<int> calling{0};
+    std::vector<std::thread> callers;
+    callers.reserve(4);
+    for (int i = 0; i < 4; ++i) {
+      callers.emplace_back([&calling] {
+        ++calling;
+        while (AskBus()) {
+        }
+      });
+    }
+    while (calling < 4) XSleep(1);
+    PrivateBus::Running().Stop();
+    for (std::thread& caller : callers) caller.join();
+    EXPECT_FALSE(AskBus());
+    EXPECT_FALSE(Send());
+    EXPECT_TRUE(outage > 0 || Serve(Collect, "late", true));
+    PrivateBus::Running();
+    for (const char* member : {kMember, "late"}) ExpectServed(member);
+    EXPECT_TRUE(AskBus() && Send());
   }
-  while (calling < 4) XSleep(1);
+}
+
+TEST_F(CDbusHandlerTest, ComesUpWithoutABusAndFindsItLater) {
+  m_handler->CleanUp();
   PrivateBus::Running().Stop();
-  for (std::thread& caller : callers) caller.join();
-  EXPECT_FALSE(AskBus());
-  m_handler->SignalSend(kPath, kInterface, kMember, "text");
+  ASSERT_TRUE(m_handler->Init(kName));
+  ASSERT_TRUE(Serve(Collect, kMember, true));
+  EXPECT_FALSE(Send());
+  PrivateBus::Running();
+  ExpectServed(kMember);
 }

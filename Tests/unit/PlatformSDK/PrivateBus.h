@@ -79,6 +79,15 @@ class BusPeer {
   BusPeer(const BusPeer&) = delete;
   BusPeer& operator=(const BusPeer&) = delete;
 
+  // Until the daemon owns its name; false when time is up.
+  bool WaitForDaemon(int waitMs) {
+    const uint32_t start = GetCurTimeMilliSec();
+    while (dbus_bus_name_has_owner(m_bus, "org.Upgread.server", nullptr) == 0) {
+      if (GetCurTimeMilliSec() - start >= static_cast<uint32_t>(waitMs)) return false;
+      XSleep(10);
+    }
+    return true;
+  }
   void Signal(const char* interface, const char* member, const std::string& text) {
     Send(Message(dbus_message_new_signal("/any", interface, member)), text);
   }

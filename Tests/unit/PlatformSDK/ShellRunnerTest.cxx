@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,6 +66,25 @@ TEST(ShellRunner, TellsAKilledCommandFromAFailedOne) {
   EXPECT_EQ(killed.exitCode, -1);
   EXPECT_EQ(RunShell("no-such-command-here 2>/dev/null").exitCode, 127);
   EXPECT_EQ(RunShell((std::string(300000, ' ') + "true").c_str()).exitCode, 127);  // longer than exec takes
+}
+
+TEST(ShellRunner, GivesAVariableToTheCommandsOfItsOwnThreadWhileItLives) {
+  const auto sees = [](const char* name, const std::string& value) {
+    return RunShell(("test \"$" + std::string(name) + "\" = '" + value + "'").c_str()).exitCode == 0;
+  };
+  const std::string home = getenv("HOME") == nullptr ? "" : getenv("HOME");
+  {
+    const CommandVariable outer("QV_UNIT=1");
+    EXPECT_TRUE(sees("QV_UNIT", "1") && sees("HOME", home));
+    {
+      const CommandVariable inner("HOME=/no where");
+      EXPECT_TRUE(sees("HOME", "/no where"));
+      std::thread([&] { EXPECT_TRUE(sees("HOME", home) && sees("QV_UNIT", "")); }).join();
+    }
+    EXPECT_TRUE(sees("QV_UNIT", "1"));
+    EXPECT_EQ(getenv("QV_UNIT"), nullptr);
+  }
+  EXPECT_TRUE(sees("QV_UNIT", "") && sees("HOME", home));
 }
 
 TEST(ShellRunner, HandsTheChildNoDescriptorAndTheSignalsAsPromised) {

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -51,4 +53,53 @@ TEST(DeviceVersions, KeepsTheInstalledVersionBesideThePackages) {
   versions.SetNewOverallVersion({"S9.9.9.99", "H200"});
   EXPECT_EQ(versions.getAllVersion().m_newOverallVer.m_softVersion, "S9.9.9.99");
   EXPECT_EQ(versions.getAllVersion().m_oldOverallVer.m_softVersion, "S4.0.9.10");
+}
+
+namespace {
+
+void SetMcu(AllVersion& versions) {
+  versions.m_SubmodulesVer.m_mcuVersion = "V1.2.3.04";
+}
+
+}  // namespace
+
+TEST(DeviceVersions, KeepsAFileThatCannotBeReadAsItIs) {
+  const TempDirectory directory;
+  const std::string file = directory / "version.json";
+  const std::string target = directory / "nowhere";
+  for (const char* content : {"", "{\"totalVersion\":", "[]", "a link"}) {
+    std::filesystem::remove(file);
+    const bool isLink = std::string(content) == "a link";
+    isLink ? std::filesystem::create_symlink(target, file) : WriteText(file, content);
+    DeviceVersions versions;
+    versions.Load(file);
+    versions.NoteVersion(SetMcu);
+    versions.SetVersion(SetMcu);
+    EXPECT_EQ(std::filesystem::is_symlink(file), isLink);
+    EXPECT_FALSE(std::filesystem::exists(target));
+    EXPECT_TRUE(isLink || ReadText(file) == content) << ReadText(file);
+    EXPECT_EQ(versions.getAllVersion().m_SubmodulesVer.m_mcuVersion, "V1.2.3.04") << "what is reported";
+    EXPECT_EQ(versions.getAllVersion().m_oldOverallVer.m_softVersion, "V0.0.0.00") << "nobody knows it";
+    EXPECT_EQ(versions.getAllVersion().m_oldOverallVer.m_hardVersion, "H200");
+  }
+}
+
+TEST(DeviceVersions, MakesAMissingFileButNotForAChipsAnswerAndKeepsTheRest) {
+  const TempDirectory directory;
+  const std::string file = directory / "version.json";
+  DeviceVersions versions;
+  versions.Load(file);
+  versions.NoteVersion(SetMcu);
+  EXPECT_EQ(directory.EntryCount(), 0U);
+  versions.SetVersion([](AllVersion& record) { record.m_SubmodulesVer.m_fpgaVersion = "V2.0.0.01"; });
+  EXPECT_NE(ReadText(file).find("V1.2.3.04"), std::string::npos);
+  EXPECT_NE(ReadText(file).find("S4.0.9.10"), std::string::npos);
+
+  WriteText(file, R"({"totalVersion":{"softVersion":"S5.0.0.01"},"otaList":["kept"]})");
+  DeviceVersions read;
+  read.Load(file);
+  read.NoteVersion(SetMcu);
+  for (const char* part : {"V1.2.3.04", "S5.0.0.01", "kept"}) {
+    EXPECT_NE(ReadText(file).find(part), std::string::npos) << part;
+  }
 }

@@ -3,11 +3,29 @@
 #include "UpgradeFrame/PartitionMarkers.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+
+// Which of this thread's coming syncs of a directory fail; the lowest bit is the next one's.
+static thread_local unsigned t_failingSyncs = 0;
+
+// In place of the C library's, for the whole test program.
+extern "C" int fsync(int fd) {
+  struct stat info {};
+  const bool counts = t_failingSyncs != 0 && fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
+  const bool fails = counts && (t_failingSyncs & 1U) != 0;
+  if (counts) t_failingSyncs >>= 1U;
+  if (!fails) return static_cast<int>(syscall(SYS_fsync, fd));
+  errno = EIO;
+  return -1;
+}
 
 namespace {
 
@@ -75,6 +93,27 @@ TEST_F(PartitionMarkersTest, SwitchLeavesTheOtherPartitionsMarkerAlone) {
     Put(each.before);
     EXPECT_FALSE(markers.SwitchFrom(each.current)) << "a failure";
     EXPECT_EQ(Found(), each.after) << each.before << " from " << each.current;
+  }
+}
+
+TEST_F(PartitionMarkersTest, StepThatCannotBeSyncedPutsTheOldPartitionBack) {
+  constexpr unsigned kAllSyncs = ~0U;
+  const PartitionMarkers markers = Markers(directory);
+  const struct {
+    const char* before;
+    const char* current;
+    unsigned failing;
+  } cases[] = {
+      {"b", "/app_B", 1}, {"b", "/app_B", 2},  {"b", "/app_B", kAllSyncs}, {"a", "/app_A", 1},
+      {"a", "/app_A", 2}, {"ab", "/app_A", 1}, {"a", "/app_A", kAllSyncs},
+  };
+  for (const auto& each : cases) {
+    Put(each.before);
+    t_failingSyncs = each.failing;
+    const Failure failure = markers.SwitchFrom(each.current);
+    t_failingSyncs = 0;
+    EXPECT_NE(failure.Text().find("Input/output error"), std::string::npos) << failure.Text();
+    EXPECT_EQ(markers.RunningPartition(), each.current) << each.before << " failing " << each.failing;
   }
 }
 

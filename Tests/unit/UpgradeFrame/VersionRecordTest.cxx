@@ -48,7 +48,7 @@ TEST_F(VersionRecordTest, WhateverIsUnusableTakesItsDefault) {
     AllVersion read;
     read.m_SubmodulesVer.m_appVersion = "stale";
     Json::Value otaList = "stale";
-    EXPECT_EQ(VersionRecord::Read(path, read, &otaList), *content != '\0') << content;
+    EXPECT_EQ(VersionRecord::Read(path, read, &otaList), *content == '{') << content;
     EXPECT_EQ(read.m_oldOverallVer.m_softVersion, "S4.0.9.10");
     EXPECT_EQ(read.m_oldOverallVer.m_hardVersion, "H200");
     EXPECT_EQ(read.m_SubmodulesVer.m_appVersion, "V0.0.0.00");

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "BSW/BasicFun/FileUtils.h"
+#include "BSW/BasicFun/ShellRunner.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "UpgradeFrame/Mount.h"
 #include "UpgradeFrame/QVUpgradeTool.h"
@@ -70,8 +71,10 @@ Failure RootfsPayload::_MakeFileSystem(const std::string& device) {
 }
 
 Failure RootfsPayload::_Unpack(const QVUpgradingInfo& info, const std::string& mountPoint) {
-  // The variable is for tar builds that refuse links out of the tree; it ends with its own shell.
+  // For tar builds that refuse links out of the tree. What the command exports ends with its own shell: tar
+  // gets the variable from here.
   QVUpgradeTool::ExecUnlessStopped("export EXTRACT_UNSAFE_SYMLINKS=1");
+  const CommandVariable unsafeSymlinks("EXTRACT_UNSAFE_SYMLINKS=1");
   QVUpgradeTool::ExecUnlessStopped("sync");
   if (!CThread::Pause(kUnpackPauseMs)) return {Reason::Stopped, {}};
 
