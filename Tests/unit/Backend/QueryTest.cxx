@@ -237,6 +237,7 @@ TEST(BackendAnswer, IsAnErrorWhenItIsNotExactlyAnAnswer) {
                                         R"({"code":"0","data":null})",
                                         R"({"code":0.0,"data":null})",
                                         R"({"code":NaN,"data":null})",
+                                        R"({"code":0.00000000000000001e-2147483639,"data":null})",
                                         R"({"code":0,"code":0,"data":null})",
                                         R"({"code":0,"data":null,"data":{}})",
                                         R"({"code":[[[[[[[[[[0]]]]]]]]]],"data":null})",
