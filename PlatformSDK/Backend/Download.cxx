@@ -10,6 +10,7 @@
 
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
+#include "Backend/AllowedAddress.h"
 
 namespace Quorvalen {
 namespace {
@@ -82,7 +83,7 @@ void Download::Cancel() {
 }
 
 void Download::Begin() {
-  LOGI("download of %s from %s: %s bytes", m_request.fileName.c_str(), m_request.url.c_str(),
+  LOGI("download of %s from %s: %s bytes", m_request.fileName.c_str(), AddressForLog(m_request.url).c_str(),
        Count(m_request.size).c_str());
   _Continue();
 }
@@ -203,15 +204,16 @@ void Download::OnEnd(const HttpEnd& end) {
   m_pTransfer.reset();
   m_loop.CancelTimer(m_progressTimer);
   const HttpHead& head = m_answer.head;
+  const std::string where = "\"" + AddressForLog(m_request.url) + "\": ";
   if (!m_answer.failure.empty()) return _Fail(m_answer.failure, m_answer.discard);
   if (m_answer.askAgain || m_file.Length() == m_request.size) return _Continue();
   if (head.status != 0 && head.status != kHttpOk && head.status != kPartialContent) {
-    return _Break("\"" + m_request.url + "\": HTTP " + std::to_string(head.status), head.MayPass());
+    return _Break(where + "HTTP " + std::to_string(head.status), head.MayPass());
   }
   if (!end.error.empty()) return _Break(end.error, end.mayPass);
-  _Break("\"" + m_request.url + "\": the answer ended after " + Count(m_file.Length()) + " of " +
-             Count(m_request.size) + " bytes",
-         true);
+  _Break(
+      where + "the answer ended after " + Count(m_file.Length()) + " of " + Count(m_request.size) + " bytes",
+      true);
 }
 
 void Download::_Break(const std::string& error, bool mayPass) {
