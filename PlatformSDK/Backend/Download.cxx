@@ -3,6 +3,7 @@
 /// break and a restart of the program all go on in the same way.
 #include "Backend/Download.h"
 
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 #include <system_error>
@@ -42,6 +43,11 @@ bool Take(std::string_view& text, uint64_t& number) {
 bool Parse(std::string_view text, ContentRange& range) {
   return Take(text, "bytes ") && Take(text, range.first) && Take(text, "-") && Take(text, range.last) &&
          Take(text, "/") && (text == "*" || (Take(text, range.total) && text.empty()));
+}
+
+/// "bytes */TOTAL"
+bool ParseTotal(std::string_view text, uint64_t& total) {
+  return Take(text, "bytes */") && Take(text, total) && text.empty();
 }
 
 FileVersion VersionOf(const HttpHead& head) {
@@ -126,23 +132,20 @@ bool Download::OnHead(const HttpHead& head) {
   m_answer.head = head;
   switch (head.status) {
     case kHttpOk:
+      if (head.contentLength && *head.contentLength != m_request.size) {
+        return _RefuseLength(*head.contentLength);
+      }
       return m_offset > 0 ? _TakeWholeInstead(head) : _TakeFirst(head);
     case kPartialContent:
       return _TakeRest(head);
     case kRangeNotSatisfiable:
-      return m_offset > 0 && _StartOver(m_bChanged, "the server has no byte " + Count(m_offset)) &&
-             _AskAgain();
+      return _TakeNothing(head);
     default:
       return false;
   }
 }
 
 bool Download::_TakeFirst(const HttpHead& head) {
-  if (head.contentLength && *head.contentLength != m_request.size) {
-    return _Refuse(
-        "the server has " + Count(*head.contentLength) + " bytes, announced were " + Count(m_request.size),
-        true);
-  }
   std::string error;
   return m_file.SetVersion(VersionOf(head), error) || _Refuse(error, false);
 }
@@ -152,31 +155,68 @@ bool Download::_TakeRest(const HttpHead& head) {
   if (m_offset == 0 || !Parse(head.contentRange, range) || range.first != m_offset) {
     return _StartOver(m_bWholeInstead, "the server answers another range than was asked for") && _AskAgain();
   }
-  const bool otherSize = range.total != 0 && range.total != m_request.size;
-  if (otherSize || m_file.Version().DiffersFrom(VersionOf(head))) {
+  if (range.total != 0 && range.total != m_request.size) return _RefuseLength(range.total);
+  if (m_file.Version().DiffersFrom(VersionOf(head))) {
     return _StartOver(m_bChanged, "the file has changed on the server") && _AskAgain();
   }
   return true;
 }
 
-/// The whole file where its rest was asked for: this answer is the new start.
+/// The whole file where its rest was asked for. Of the right length it is the new start; one that does not
+/// tell its length may be a gateway's page and must first repeat what is there.
 bool Download::_TakeWholeInstead(const HttpHead& head) {
-  const bool otherSize = head.contentLength && *head.contentLength != m_request.size;
-  const bool changed = otherSize || m_file.Version().DiffersFrom(VersionOf(head));
+  if (!head.contentLength) {
+    m_answer.repeats = m_offset;
+    return true;
+  }
+  const bool changed = m_file.Version().DiffersFrom(VersionOf(head));
   return (changed ? _StartOver(m_bChanged, "the file has changed on the server")
                   : _StartOver(m_bWholeInstead, "the server cannot resume")) &&
          _TakeFirst(head);
 }
 
+bool Download::_TakeNothing(const HttpHead& head) {
+  if (m_offset == 0) return false;
+  uint64_t total = 0;
+  if (ParseTotal(head.contentRange, total) && total != m_request.size) return _RefuseLength(total);
+  return _StartOver(m_bChanged, "the server has no byte " + Count(m_offset)) && _AskAgain();
+}
+
 bool Download::OnBody(const char* data, size_t length) {
+  if (!_PassOver(data, length)) return false;
   if (length > m_request.size - m_file.Length()) {
-    return _Refuse("the server sends more than the announced " + Count(m_request.size) + " bytes", true);
+    return _RefuseOther("the server sends more than the announced " + Count(m_request.size) + " bytes");
   }
+  if (length == 0) return true;
   std::string error;
   const bool written = m_file.Append(data, length, error);
   m_answer.hasBytes = true;
   _SetReceived();
   return written || _Refuse(error, false);
+}
+
+bool Download::_PassOver(const char*& data, size_t& length) {
+  const auto count = static_cast<size_t>(std::min<uint64_t>(length, m_answer.repeats));
+  if (count == 0) return true;
+  if (!m_file.Holds(m_offset - m_answer.repeats, data, count)) {
+    return _RefuseOther("the server answers with something else than the file");
+  }
+  m_answer.repeats -= count;
+  data += count;
+  length -= count;
+  return true;
+}
+
+/// What answers is not the announced file: a gateway's page, a server that is being filled. What is there
+/// already waits for a better answer.
+bool Download::_RefuseOther(const std::string& why) {
+  if (m_offset == 0) return _Refuse(why, true);
+  m_answer.broken = why;
+  return false;
+}
+
+bool Download::_RefuseLength(uint64_t length) {
+  return _RefuseOther("the server has " + Count(length) + " bytes, announced were " + Count(m_request.size));
 }
 
 bool Download::_Refuse(const std::string& why, bool discard) {
@@ -204,16 +244,16 @@ void Download::OnEnd(const HttpEnd& end) {
   m_pTransfer.reset();
   m_loop.CancelTimer(m_progressTimer);
   const HttpHead& head = m_answer.head;
-  const std::string where = "\"" + AddressForLog(m_request.url) + "\": ";
   if (!m_answer.failure.empty()) return _Fail(m_answer.failure, m_answer.discard);
   if (m_answer.askAgain || m_file.Length() == m_request.size) return _Continue();
+  if (!m_answer.broken.empty()) return _Break(_Where() + m_answer.broken, true);
   if (head.status != 0 && head.status != kHttpOk && head.status != kPartialContent) {
-    return _Break(where + "HTTP " + std::to_string(head.status), head.MayPass());
+    return _Break(_Where() + "HTTP " + std::to_string(head.status), head.MayPass());
   }
   if (!end.error.empty()) return _Break(end.error, end.mayPass);
-  _Break(
-      where + "the answer ended after " + Count(m_file.Length()) + " of " + Count(m_request.size) + " bytes",
-      true);
+  _Break(_Where() + "the answer ended after " + Count(m_file.Length()) + " of " + Count(m_request.size) +
+             " bytes",
+         true);
 }
 
 void Download::_Break(const std::string& error, bool mayPass) {
@@ -313,6 +353,11 @@ void Download::_StopWork() {
   m_pTransfer.reset();
   m_loop.CancelTimer(m_timer);
   m_loop.CancelTimer(m_progressTimer);
+}
+
+/// How a message on the server begins.
+std::string Download::_Where() const {
+  return "\"" + AddressForLog(m_request.url) + "\": ";
 }
 
 void Download::_Post(void (Download::*action)()) {

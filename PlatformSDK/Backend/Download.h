@@ -85,7 +85,11 @@ class Download final : public DownloadTask,
   bool _TakeFirst(const HttpHead& head);
   bool _TakeRest(const HttpHead& head);
   bool _TakeWholeInstead(const HttpHead& head);
+  bool _TakeNothing(const HttpHead& head);
   bool _Refuse(const std::string& why, bool discard);
+  bool _RefuseOther(const std::string& why);
+  bool _RefuseLength(uint64_t length);
+  bool _PassOver(const char*& data, size_t& length);
   bool _AskAgain();
   /// True for the first time: there is an empty file again.
   bool _StartOver(bool& once, const std::string& why);
@@ -96,6 +100,7 @@ class Download final : public DownloadTask,
   void _StopWork();
   void _TurnChanged();
   void _Later(Milliseconds delay, void (Download::*action)());
+  std::string _Where() const;
   void _WatchProgress();
   void _SetState(State state, const std::string& message);
   void _SetReceived();
@@ -106,6 +111,8 @@ class Download final : public DownloadTask,
     HttpHead head;
     bool hasBytes = false;
     bool askAgain = false;  ///< it is no use; ask for the whole
+    uint64_t repeats = 0;   ///< so many of its next bytes are there already
+    std::string broken;     ///< it is not this file: counts as a break
     std::string failure;    ///< it ends the download
     bool discard = false;   ///< and what has arrived is worthless
   };

@@ -228,26 +228,18 @@ TEST_F(Downloads, StartOverOnceWhenTheServerCannotResume) {
 }
 
 TEST_F(Downloads, NoticeAChangedFileAndGlueNothing) {
-  // How a server may show it: the date, the size in the range, the tag of the whole, the end of the file.
+  // How a server may show it: the date, the tag of the whole, the end of the file.
   const std::string old = "X" + m_content.substr(1);
   const std::vector<ScriptedServer::Script> ways = {
       [&](const HttpQuestion& question, const Line& line) {
         Serve(m_content, question, line, "Last-Modified: Tue, 02 Jan 2024 00:00:00 GMT\r\n");
-      },
-      [&](const HttpQuestion& question, const Line& line) {
-        const size_t offset = question.Offset();
-        if (offset == 0) return Serve(m_content, question, line);
-        line.Answer("206 Partial Content",
-                    FormatText("Content-Range: bytes %zu-%zu/%zu\r\n", offset, m_content.size() - 1,
-                               m_content.size() + 1),
-                    m_content.substr(offset));
       },
       [&](const HttpQuestion& /*question*/, const Line& line) {
         line.Answer("200 OK", "ETag: \"v2\"\r\n", m_content);
       },
       [&](const HttpQuestion& question, const Line& line) {
         if (question.Offset() == 0) return Serve(m_content, question, line);
-        line.Answer("416 Range Not Satisfiable", "Content-Range: bytes */10\r\n", "");
+        line.Answer("416 Range Not Satisfiable", "", "");
       },
   };
   for (const auto& changed : ways) {
@@ -264,6 +256,72 @@ TEST_F(Downloads, NoticeAChangedFileAndGlueNothing) {
     ExpectDone(status);
     unlink((m_directory / kName).c_str());
   }
+}
+
+TEST_F(Downloads, KeepThePartWhenTheyGoOnWithAnAnswerThatIsNotTheFile) {
+  constexpr size_t kPart = 100'000;
+  const std::string page = "<html>Please log in</html>";
+  const auto answerRest = [&](size_t offset, size_t total, const Line& line) {
+    line.Answer("206 Partial Content",
+                FormatText("Content-Range: bytes %zu-%zu/%zu\r\n", offset, total - 1, total),
+                m_content.substr(offset) + page);
+  };
+  const std::vector<ScriptedServer::Script> ways = {
+      [&](const HttpQuestion&, const Line& line) { line.Answer("200 OK", "", page); },
+      [&](const HttpQuestion&, const Line& line) { line.Send("HTTP/1.1 200 OK\r\n\r\n" + page); },
+      // It begins like the file.
+      [&](const HttpQuestion&, const Line& line) {
+        line.Send("HTTP/1.1 200 OK\r\n\r\n" + m_content.substr(0, kPart - 1) + page);
+      },
+      [&](const HttpQuestion& question, const Line& line) {
+        answerRest(question.Offset(), m_content.size() + page.size(), line);
+      },
+      [&](const HttpQuestion& question, const Line& line) {
+        answerRest(question.Offset(), m_content.size(), line);
+      },
+      [&](const HttpQuestion&, const Line& line) {
+        line.Answer("416 Range Not Satisfiable", "Content-Range: bytes */10\r\n", "");
+      },
+  };
+  for (size_t way = 0; way < ways.size(); ++way) {
+    SCOPED_TRACE(way);
+    int answers = 0;
+    ScriptedServer server([&](const HttpQuestion& question, const Line& line) {
+      if (question.Offset() == 0) return Serve(m_content, question, line, kV1, kPart);
+      answers++ < 2 ? ways[way](question, line) : Serve(m_content, question, line);
+    });
+    Watcher watcher;
+    ExpectDone(Run(Request(server.Url()), watcher));
+    EXPECT_EQ(watcher.StartsOver(), 0U);
+    EXPECT_EQ(server.Questions().size(), 4U);
+    EXPECT_EQ(server.Questions().at(1).Offset(), kPart);
+    EXPECT_GE(server.Questions().back().Offset(), kPart);
+
+    // It stays like that: the download gives up, and a later one goes on with what is there.
+    unlink((m_directory / kName).c_str());
+    answers = -100;
+    ExpectFailed(Run(server.Url()), "gave up after 8 tries without a byte");
+    const uint64_t there = QuorvalenDownloadManager::BytesThere(Request(server.Url()));
+    EXPECT_GE(there, kPart);
+    EXPECT_EQ(static_cast<int64_t>(there), XGetFileSize(m_directory / "package.zip.part"));
+    answers = 2;
+    ExpectDone(Run(server.Url()));
+    EXPECT_EQ(server.Questions().back().Offset(), there);
+    EXPECT_EQ(QuorvalenDownloadManager::BytesThere(Request(server.Url())), m_content.size());
+    unlink((m_directory / kName).c_str());
+  }
+}
+
+// A server that sends the whole file again, without its length, repeats what is there.
+TEST_F(Downloads, GoOnInAnAnswerThatRepeatsThePart) {
+  int answers = 0;
+  ScriptedServer server([&](const HttpQuestion&, const Line& line) {
+    line.Send("HTTP/1.1 200 OK\r\n\r\n" + (answers++ == 0 ? m_content.substr(0, 100'000) : m_content));
+  });
+  Watcher watcher;
+  ExpectDone(Run(Request(server.Url()), watcher));
+  EXPECT_EQ(watcher.StartsOver(), 0U);
+  EXPECT_EQ(answers, 2);
 }
 
 TEST_F(Downloads, RefuseWhatIsNotWhatWasAnnounced) {
