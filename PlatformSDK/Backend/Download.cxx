@@ -67,7 +67,8 @@ Download::Download(TransferLoop& loop, std::weak_ptr<IDownloadQueue> queue, cons
       m_request(request),
       m_callback(std::move(callback)),
       m_file(request),
-      m_backOff(loop.Settings().firstWait, loop.Settings().longestWait) {
+      m_backOff(loop.Settings().firstWait, loop.Settings().longestWait),
+      m_pace(loop.Settings().paceBytes, loop.Settings().paceTime, loop.Settings().firstWait) {
   m_status.total = request.size;
 }
 
@@ -183,6 +184,7 @@ bool Download::_TakeNothing(const HttpHead& head) {
 }
 
 bool Download::OnBody(const char* data, size_t length) {
+  if (m_pace.Take(length, Clock::now())) _WatchPace();
   if (!_PassOver(data, length)) return false;
   if (length > m_request.size - m_file.Length()) {
     return _RefuseOther("the server sends more than the announced " + Count(m_request.size) + " bytes");
@@ -241,8 +243,7 @@ bool Download::_StartOver(bool& once, const std::string& why) {
 }
 
 void Download::OnEnd(const HttpEnd& end) {
-  m_pTransfer.reset();
-  m_loop.CancelTimer(m_progressTimer);
+  _EndTransfer();
   const HttpHead& head = m_answer.head;
   if (!m_answer.failure.empty()) return _Fail(m_answer.failure, m_answer.discard);
   if (m_answer.askAgain || m_file.Length() == m_request.size) return _Continue();
@@ -256,14 +257,20 @@ void Download::OnEnd(const HttpEnd& end) {
          true);
 }
 
-void Download::_Break(const std::string& error, bool mayPass) {
+void Download::_Break(std::string error, bool mayPass) {
   if (!mayPass) return _Fail(error, false);
-  if (m_answer.hasBytes) {
+  const bool expired = m_pace.Left(Clock::now()) == Milliseconds(0);
+  if (expired) error += ", " + _Expire();
+  const bool isFruitless = expired || !m_answer.hasBytes;
+  if (isFruitless && ++m_iFruitlessTries >= m_loop.Settings().triesWithoutByte) {
+    const char* const what =
+        m_pace.IsTooSlow() ? " tries that brought too little: " : " tries without a byte: ";
+    return _Fail("gave up after " + std::to_string(m_iFruitlessTries) + what + error, false);
+  }
+  // Bytes that only trickle do not give the tries back.
+  if (!isFruitless && !m_pace.IsTooSlow()) {
     m_iFruitlessTries = 0;
     m_backOff.Reset();
-  } else if (++m_iFruitlessTries >= m_loop.Settings().triesWithoutByte) {
-    return _Fail("gave up after " + std::to_string(m_iFruitlessTries) + " tries without a byte: " + error,
-                 false);
   }
   const Milliseconds wait = m_backOff.Next(m_answer.head.retryAfter);
   constexpr double kMsPerSecond = 1000;
@@ -350,9 +357,30 @@ void Download::_End(State state, const std::string& message, bool discard) {
 }
 
 void Download::_StopWork() {
-  m_pTransfer.reset();
+  _EndTransfer();
   m_loop.CancelTimer(m_timer);
+}
+
+void Download::_EndTransfer() {
+  m_pTransfer.reset();
+  m_pace.Leave(Clock::now());
+  m_loop.CancelTimer(m_paceTimer);
   m_loop.CancelTimer(m_progressTimer);
+}
+
+void Download::_WatchPace() {
+  m_paceTimer = m_loop.StartTimer(m_pace.Left(Clock::now()), [this] { _OnPaceTimer(); });
+}
+
+void Download::_OnPaceTimer() {
+  if (m_pace.Left(Clock::now()) > Milliseconds(0)) return _WatchPace();
+  OnEnd({_Where() + "the transfer only trickles", true});
+}
+
+/// Tells what came in the time that is over.
+std::string Download::_Expire() {
+  const double seconds = std::chrono::duration<double>(m_loop.Settings().paceTime).count();
+  return Count(m_pace.Expire()) + FormatText(" bytes in %g s", seconds);
 }
 
 /// How a message on the server begins.

@@ -19,6 +19,7 @@
 #include "BSW/BasicFun/Md5.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/BasicFun/TimeUtils.h"
+#include "Backend/Pace.h"
 #include "Backend/QuorvalenDownloadManager.h"
 #include "Backend/TransferLoop.h"
 #include "ScriptedServer.h"
@@ -403,6 +404,85 @@ TEST_F(Downloads, TakeSilenceForABreak) {
   });
   ExpectDone(Run(server.Url()));
   EXPECT_EQ(server.Questions().back().Offset(), 1000U);
+}
+
+// Whether the server trickles on one line, falls silent after each byte, or hangs up: too little in its time
+// is a break, and eight of them are the end.
+TEST_F(Downloads, EndWhenTheyOnlyTrickle) {
+  const struct {
+    std::chrono::milliseconds silence, paceTime;
+    std::function<void(size_t offset, const Line& line)> send;
+  } ways[] = {
+      {60s, 20ms,
+       [&](size_t offset, const Line& line) {
+         while (line.Send(m_content.substr(offset++, 1))) XSleep(1);
+       }},
+      {30ms, 70ms,
+       [&](size_t offset, const Line& line) {
+         line.Send(m_content.substr(offset, 1));
+         line.WaitForHangUp();
+       }},
+      {60s, 20ms, [&](size_t offset, const Line& line) { line.Send(m_content.substr(offset, 1)); }},
+  };
+  m_settings.paceBytes = 20'000;
+  for (const auto& way : ways) {
+    SCOPED_TRACE(&way - ways);
+    m_settings.silence = way.silence;
+    m_settings.paceTime = way.paceTime;
+    StartProgram();
+    ScriptedServer server([&](const HttpQuestion& question, const Line& line) {
+      Serve(m_content, question, line, kV1, 0);
+      way.send(question.Offset(), line);
+    });
+    const DownloadTask::Status status = Run(server.Url());
+    EXPECT_LT(server.Questions().size(), 200U);
+    ExpectFailed(status, "gave up after 8 tries that brought too little: ");
+    ExpectFailed(status, FormatText(" bytes in %g s", std::chrono::duration<double>(way.paceTime).count()));
+    EXPECT_GE(QuorvalenDownloadManager::BytesThere(Request(server.Url())), 8U);
+  }
+
+  // Bytes that come in time give the tries back.
+  m_settings.paceTime = 20ms;
+  StartProgram();
+  int answers = 0;
+  ScriptedServer server([&](const HttpQuestion& question, const Line& line) {
+    const int turn = answers++ % 8;
+    Serve(m_content, question, line, kV1, turn < 7 ? 0 : m_content.size() / 3 + 1);
+    if (turn < 7) ways[0].send(question.Offset(), line);
+  });
+  ExpectDone(Run(server.Url()));
+  EXPECT_GT(answers, 16);
+}
+
+TEST(Pace, IsSoManyBytesInSoMuchTime) {
+  constexpr uint64_t kBytes = 300 * 1024;
+  constexpr auto kTime = 300s;
+  Pace::TimePoint now;
+  Pace pace(kBytes, kTime, 1s);
+  // Brings bytes at this speed, and tells for how many seconds that went well.
+  const auto run = [&](uint64_t bytesPerSecond, std::chrono::seconds most) {
+    for (auto second = 0s; second < most; ++second) {
+      now += 1s;
+      pace.Take(bytesPerSecond, now);
+      if (pace.Left(now) == 0ms) return second;
+    }
+    return most;
+  };
+  EXPECT_EQ(run(1100, 3600s), 3600s);
+  EXPECT_EQ(run(10'000'000, 1s), 1s);
+  EXPECT_FALSE(pace.IsTooSlow());
+  EXPECT_EQ(run(1000, 3600s), 299s);
+  EXPECT_EQ(pace.Expire(), 300'000U);
+  EXPECT_TRUE(pace.IsTooSlow());
+  // The time stands still between two connections, and each that brings bytes counts for a second.
+  EXPECT_TRUE(pace.Take(1, now));
+  EXPECT_FALSE(pace.Take(1, now));
+  pace.Leave(now);
+  now += 3600s;
+  pace.Leave(now);
+  EXPECT_EQ(pace.Left(now), kTime - 1s);
+  EXPECT_TRUE(pace.Take(kBytes, now));
+  EXPECT_FALSE(pace.IsTooSlow());
 }
 
 TEST_F(Downloads, PauseLetsTheNextOneGoOnAndCancelRemovesWhatArrived) {
