@@ -59,8 +59,18 @@ std::string Objection(const std::string& url) {
 bool IsAllowedAddress(const std::string& url, std::string& error) {
   const std::string objection = Objection(url);
   if (objection.empty()) return true;
-  error = "the address \"" + url.substr(0, kMaxAddressBytes) + "\" is not allowed: " + objection;
+  error =
+      "the address \"" + AddressForLog(url.substr(0, kMaxAddressBytes)) + "\" is not allowed: " + objection;
   return false;
+}
+
+std::string AddressForLog(const std::string& url) {
+  std::string shown = url.substr(0, url.find_first_of("?#"));
+  const size_t host = shown.find_first_not_of('/', shown.find(':') + 1);  // also without a scheme
+  if (host == std::string::npos) return shown;
+  const size_t user = shown.substr(0, shown.find('/', host)).rfind('@');
+  if (user != std::string::npos && user >= host) shown.erase(host, user + 1 - host);
+  return shown;
 }
 
 }  // namespace Quorvalen

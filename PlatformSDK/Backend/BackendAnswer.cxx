@@ -6,9 +6,12 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
+#include <charconv>
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -36,8 +39,24 @@ struct Value {
 
 using Table = std::map<std::pair<Level, std::string>, Value>;
 
-/// Takes the parser's events; a false ends it.
-class TableFiller {
+template <class Integer>
+bool IsInteger(std::string_view text, Integer& value) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return error == std::errc() && end == text.data() + text.size();
+}
+
+/// A number as it stands in the answer. One that is no integer, or too large for one, has no text.
+Value NumberFrom(std::string_view text) {
+  uint64_t count = 0;
+  if (IsInteger(text, count)) return {Value::Kind::Count, std::to_string(count), count};
+  int64_t negative = 0;
+  if (IsInteger(text, negative)) return {Value::Kind::Other, std::to_string(negative), 0};
+  return {};
+}
+
+/// Takes the parser's events; a false ends it. The base makes the events of numbers that the parser no longer
+/// sends.
+class TableFiller : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TableFiller> {
  public:
   explicit TableFiller(Table& table) : m_table(table) {}
 
@@ -46,12 +65,9 @@ class TableFiller {
 
   bool Null() { return _Put({Value::Kind::Null, "", 0}); }
   bool Bool(bool /*value*/) { return _Put({}); }
-  bool Int(int negative) { return Int64(negative); }
-  bool Int64(int64_t negative) { return _Put({Value::Kind::Other, std::to_string(negative), 0}); }
-  bool Uint(unsigned count) { return Uint64(count); }
-  bool Uint64(uint64_t count) { return _Put({Value::Kind::Count, std::to_string(count), count}); }
-  bool Double(double /*value*/) { return _Put({}); }
-  bool RawNumber(const char* /*text*/, rapidjson::SizeType /*length*/, bool /*copy*/) { return _Put({}); }
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool /*copy*/) {
+    return _Put(NumberFrom({text, length}));
+  }
   bool String(const char* text, rapidjson::SizeType length, bool /*copy*/) {
     return _Put({Value::Kind::Text, std::string(text, length), 0});
   }
@@ -107,7 +123,10 @@ bool FillTable(const std::string& text, Table& table, std::string& error) {
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
   TableFiller filler(table);
-  const rapidjson::ParseResult result = reader.Parse<rapidjson::kParseInsituFlag>(stream, filler);
+  // Numbers stay text: the parser's own arithmetic with exponents reads past its tables when one is far below
+  // zero.
+  constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
+  const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, filler);
   if (!result.IsError()) return true;
   error = filler.Objection().empty() ? rapidjson::GetParseError_En(result.Code()) : filler.Objection();
   return false;

@@ -3,6 +3,7 @@
 /// break and a restart of the program all go on in the same way.
 #include "Backend/Download.h"
 
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 #include <system_error>
@@ -10,6 +11,7 @@
 
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/Log/CLog.h"
+#include "Backend/AllowedAddress.h"
 
 namespace Quorvalen {
 namespace {
@@ -43,6 +45,11 @@ bool Parse(std::string_view text, ContentRange& range) {
          Take(text, "/") && (text == "*" || (Take(text, range.total) && text.empty()));
 }
 
+/// "bytes */TOTAL"
+bool ParseTotal(std::string_view text, uint64_t& total) {
+  return Take(text, "bytes */") && Take(text, total) && text.empty();
+}
+
 FileVersion VersionOf(const HttpHead& head) {
   return FileVersion::Of(head.etag, head.lastModified);
 }
@@ -60,7 +67,8 @@ Download::Download(TransferLoop& loop, std::weak_ptr<IDownloadQueue> queue, cons
       m_request(request),
       m_callback(std::move(callback)),
       m_file(request),
-      m_backOff(loop.Settings().firstWait, loop.Settings().longestWait) {
+      m_backOff(loop.Settings().firstWait, loop.Settings().longestWait),
+      m_pace(loop.Settings().paceBytes, loop.Settings().paceTime, loop.Settings().firstWait) {
   m_status.total = request.size;
 }
 
@@ -82,7 +90,7 @@ void Download::Cancel() {
 }
 
 void Download::Begin() {
-  LOGI("download of %s from %s: %s bytes", m_request.fileName.c_str(), m_request.url.c_str(),
+  LOGI("download of %s from %s: %s bytes", m_request.fileName.c_str(), AddressForLog(m_request.url).c_str(),
        Count(m_request.size).c_str());
   _Continue();
 }
@@ -125,23 +133,20 @@ bool Download::OnHead(const HttpHead& head) {
   m_answer.head = head;
   switch (head.status) {
     case kHttpOk:
+      if (head.contentLength && *head.contentLength != m_request.size) {
+        return _RefuseLength(*head.contentLength);
+      }
       return m_offset > 0 ? _TakeWholeInstead(head) : _TakeFirst(head);
     case kPartialContent:
       return _TakeRest(head);
     case kRangeNotSatisfiable:
-      return m_offset > 0 && _StartOver(m_bChanged, "the server has no byte " + Count(m_offset)) &&
-             _AskAgain();
+      return _TakeNothing(head);
     default:
       return false;
   }
 }
 
 bool Download::_TakeFirst(const HttpHead& head) {
-  if (head.contentLength && *head.contentLength != m_request.size) {
-    return _Refuse(
-        "the server has " + Count(*head.contentLength) + " bytes, announced were " + Count(m_request.size),
-        true);
-  }
   std::string error;
   return m_file.SetVersion(VersionOf(head), error) || _Refuse(error, false);
 }
@@ -151,31 +156,69 @@ bool Download::_TakeRest(const HttpHead& head) {
   if (m_offset == 0 || !Parse(head.contentRange, range) || range.first != m_offset) {
     return _StartOver(m_bWholeInstead, "the server answers another range than was asked for") && _AskAgain();
   }
-  const bool otherSize = range.total != 0 && range.total != m_request.size;
-  if (otherSize || m_file.Version().DiffersFrom(VersionOf(head))) {
+  if (range.total != 0 && range.total != m_request.size) return _RefuseLength(range.total);
+  if (m_file.Version().DiffersFrom(VersionOf(head))) {
     return _StartOver(m_bChanged, "the file has changed on the server") && _AskAgain();
   }
   return true;
 }
 
-/// The whole file where its rest was asked for: this answer is the new start.
+/// The whole file where its rest was asked for. Of the right length it is the new start; one that does not
+/// tell its length may be a gateway's page and must first repeat what is there.
 bool Download::_TakeWholeInstead(const HttpHead& head) {
-  const bool otherSize = head.contentLength && *head.contentLength != m_request.size;
-  const bool changed = otherSize || m_file.Version().DiffersFrom(VersionOf(head));
+  if (!head.contentLength) {
+    m_answer.repeats = m_offset;
+    return true;
+  }
+  const bool changed = m_file.Version().DiffersFrom(VersionOf(head));
   return (changed ? _StartOver(m_bChanged, "the file has changed on the server")
                   : _StartOver(m_bWholeInstead, "the server cannot resume")) &&
          _TakeFirst(head);
 }
 
+bool Download::_TakeNothing(const HttpHead& head) {
+  if (m_offset == 0) return false;
+  uint64_t total = 0;
+  if (ParseTotal(head.contentRange, total) && total != m_request.size) return _RefuseLength(total);
+  return _StartOver(m_bChanged, "the server has no byte " + Count(m_offset)) && _AskAgain();
+}
+
 bool Download::OnBody(const char* data, size_t length) {
+  if (m_pace.Take(length, Clock::now())) _WatchPace();
+  if (!_PassOver(data, length)) return false;
   if (length > m_request.size - m_file.Length()) {
-    return _Refuse("the server sends more than the announced " + Count(m_request.size) + " bytes", true);
+    return _RefuseOther("the server sends more than the announced " + Count(m_request.size) + " bytes");
   }
+  if (length == 0) return true;
   std::string error;
   const bool written = m_file.Append(data, length, error);
   m_answer.hasBytes = true;
   _SetReceived();
   return written || _Refuse(error, false);
+}
+
+bool Download::_PassOver(const char*& data, size_t& length) {
+  const auto count = static_cast<size_t>(std::min<uint64_t>(length, m_answer.repeats));
+  if (count == 0) return true;
+  if (!m_file.Holds(m_offset - m_answer.repeats, data, count)) {
+    return _RefuseOther("the server answers with something else than the file");
+  }
+  m_answer.repeats -= count;
+  data += count;
+  length -= count;
+  return true;
+}
+
+/// What answers is not the announced file: a gateway's page, a server that is being filled. What is there
+/// already waits for a better answer.
+bool Download::_RefuseOther(const std::string& why) {
+  if (m_offset == 0) return _Refuse(why, true);
+  m_answer.broken = why;
+  return false;
+}
+
+bool Download::_RefuseLength(uint64_t length) {
+  return _RefuseOther("the server has " + Count(length) + " bytes, announced were " + Count(m_request.size));
 }
 
 bool Download::_Refuse(const std::string& why, bool discard) {
@@ -200,28 +243,34 @@ bool Download::_StartOver(bool& once, const std::string& why) {
 }
 
 void Download::OnEnd(const HttpEnd& end) {
-  m_pTransfer.reset();
-  m_loop.CancelTimer(m_progressTimer);
+  _EndTransfer();
   const HttpHead& head = m_answer.head;
   if (!m_answer.failure.empty()) return _Fail(m_answer.failure, m_answer.discard);
   if (m_answer.askAgain || m_file.Length() == m_request.size) return _Continue();
+  if (!m_answer.broken.empty()) return _Break(_Where() + m_answer.broken, true);
   if (head.status != 0 && head.status != kHttpOk && head.status != kPartialContent) {
-    return _Break("\"" + m_request.url + "\": HTTP " + std::to_string(head.status), head.MayPass());
+    return _Break(_Where() + "HTTP " + std::to_string(head.status), head.MayPass());
   }
   if (!end.error.empty()) return _Break(end.error, end.mayPass);
-  _Break("\"" + m_request.url + "\": the answer ended after " + Count(m_file.Length()) + " of " +
-             Count(m_request.size) + " bytes",
+  _Break(_Where() + "the answer ended after " + Count(m_file.Length()) + " of " + Count(m_request.size) +
+             " bytes",
          true);
 }
 
-void Download::_Break(const std::string& error, bool mayPass) {
+void Download::_Break(std::string error, bool mayPass) {
   if (!mayPass) return _Fail(error, false);
-  if (m_answer.hasBytes) {
+  const bool expired = m_pace.Left(Clock::now()) == Milliseconds(0);
+  if (expired) error += ", " + _Expire();
+  const bool isFruitless = expired || !m_answer.hasBytes;
+  if (isFruitless && ++m_iFruitlessTries >= m_loop.Settings().triesWithoutByte) {
+    const char* const what =
+        m_pace.IsTooSlow() ? " tries that brought too little: " : " tries without a byte: ";
+    return _Fail("gave up after " + std::to_string(m_iFruitlessTries) + what + error, false);
+  }
+  // Bytes that only trickle do not give the tries back.
+  if (!isFruitless && !m_pace.IsTooSlow()) {
     m_iFruitlessTries = 0;
     m_backOff.Reset();
-  } else if (++m_iFruitlessTries >= m_loop.Settings().triesWithoutByte) {
-    return _Fail("gave up after " + std::to_string(m_iFruitlessTries) + " tries without a byte: " + error,
-                 false);
   }
   const Milliseconds wait = m_backOff.Next(m_answer.head.retryAfter);
   constexpr double kMsPerSecond = 1000;
@@ -308,9 +357,35 @@ void Download::_End(State state, const std::string& message, bool discard) {
 }
 
 void Download::_StopWork() {
-  m_pTransfer.reset();
+  _EndTransfer();
   m_loop.CancelTimer(m_timer);
+}
+
+void Download::_EndTransfer() {
+  m_pTransfer.reset();
+  m_pace.Leave(Clock::now());
+  m_loop.CancelTimer(m_paceTimer);
   m_loop.CancelTimer(m_progressTimer);
+}
+
+void Download::_WatchPace() {
+  m_paceTimer = m_loop.StartTimer(m_pace.Left(Clock::now()), [this] { _OnPaceTimer(); });
+}
+
+void Download::_OnPaceTimer() {
+  if (m_pace.Left(Clock::now()) > Milliseconds(0)) return _WatchPace();
+  OnEnd({_Where() + "the transfer only trickles", true});
+}
+
+/// Tells what came in the time that is over.
+std::string Download::_Expire() {
+  const double seconds = std::chrono::duration<double>(m_loop.Settings().paceTime).count();
+  return Count(m_pace.Expire()) + FormatText(" bytes in %g s", seconds);
+}
+
+/// How a message on the server begins.
+std::string Download::_Where() const {
+  return "\"" + AddressForLog(m_request.url) + "\": ";
 }
 
 void Download::_Post(void (Download::*action)()) {

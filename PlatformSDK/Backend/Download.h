@@ -10,6 +10,7 @@
 #include "Backend/BackOff.h"
 #include "Backend/DownloadTask.h"
 #include "Backend/HttpTransfer.h"
+#include "Backend/Pace.h"
 #include "Backend/PartFile.h"
 #include "Backend/TransferLoop.h"
 #include "common/Mutex.h"
@@ -62,6 +63,7 @@ class Download final : public DownloadTask,
   void Halt();
 
  private:
+  using Clock = std::chrono::steady_clock;
   using Milliseconds = std::chrono::milliseconds;
 
   bool OnHead(const HttpHead& head) override;
@@ -77,7 +79,7 @@ class Download final : public DownloadTask,
   bool _Open(std::string& error);
   void _HashStep();
   void _Ask();
-  void _Break(const std::string& error, bool mayPass);
+  void _Break(std::string error, bool mayPass);
   void _Verify();
   void _SyncStep();
 
@@ -85,7 +87,11 @@ class Download final : public DownloadTask,
   bool _TakeFirst(const HttpHead& head);
   bool _TakeRest(const HttpHead& head);
   bool _TakeWholeInstead(const HttpHead& head);
+  bool _TakeNothing(const HttpHead& head);
   bool _Refuse(const std::string& why, bool discard);
+  bool _RefuseOther(const std::string& why);
+  bool _RefuseLength(uint64_t length);
+  bool _PassOver(const char*& data, size_t& length);
   bool _AskAgain();
   /// True for the first time: there is an empty file again.
   bool _StartOver(bool& once, const std::string& why);
@@ -96,6 +102,11 @@ class Download final : public DownloadTask,
   void _StopWork();
   void _TurnChanged();
   void _Later(Milliseconds delay, void (Download::*action)());
+  void _EndTransfer();
+  void _WatchPace();
+  void _OnPaceTimer();
+  std::string _Expire();
+  std::string _Where() const;
   void _WatchProgress();
   void _SetState(State state, const std::string& message);
   void _SetReceived();
@@ -106,6 +117,8 @@ class Download final : public DownloadTask,
     HttpHead head;
     bool hasBytes = false;
     bool askAgain = false;  ///< it is no use; ask for the whole
+    uint64_t repeats = 0;   ///< so many of its next bytes are there already
+    std::string broken;     ///< it is not this file: counts as a break
     std::string failure;    ///< it ends the download
     bool discard = false;   ///< and what has arrived is worthless
   };
@@ -121,13 +134,15 @@ class Download final : public DownloadTask,
   // Transfer thread only.
   PartFile m_file;
   BackOff m_backOff;
+  Pace m_pace;
   std::unique_ptr<HttpTransfer> m_pTransfer;
   TransferLoop::TimerId m_timer = 0;  ///< the next step or try
   TransferLoop::TimerId m_progressTimer = 0;
+  TransferLoop::TimerId m_paceTimer = 0;
   bool m_bHalted = false;
   bool m_bLookedForFinished = false;
   uint64_t m_reported = 0;    ///< bytes in the last report
-  int m_iFruitlessTries = 0;  ///< in a row
+  int m_iFruitlessTries = 0;  ///< in a row; without a byte, or too slow
   std::string m_strNote;      ///< why it started over
 
   uint64_t m_offset = 0;  ///< the running request asks for the bytes from here on

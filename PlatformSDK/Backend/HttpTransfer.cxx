@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "BSW/BasicFun/StringUtils.h"
+#include "Backend/AllowedAddress.h"
 
 namespace Quorvalen {
 namespace {
@@ -181,7 +182,7 @@ std::string HttpTransfer::_Explain(int curlCode) const {
              detail;
   }
   if (code == CURLE_UNSUPPORTED_PROTOCOL) detail = "redirected to an address that is not allowed: " + detail;
-  return "\"" + m_request.url + "\": " + detail;
+  return "\"" + AddressForLog(m_request.url) + "\": " + detail;
 }
 
 void HttpTransfer::_WatchSilence(std::chrono::milliseconds delay) {

@@ -104,6 +104,13 @@ bool PartFile::MayBeFinished(const DownloadRequest& request) {
   return XGetFileSize(PathOf(request, "")) == static_cast<int64_t>(request.size);
 }
 
+uint64_t PartFile::BytesThere(const DownloadRequest& request) {
+  if (MayBeFinished(request)) return request.size;
+  PartFile file(request);
+  const int64_t length = XGetFileSize(file.m_strPart);
+  return file._BelongsHere(length) ? static_cast<uint64_t>(length) : 0;
+}
+
 bool PartFile::HasRoom(const DownloadRequest& request, std::string& error) {
   struct stat part {};
   uint64_t there = 0;
@@ -144,8 +151,12 @@ bool PartFile::OpenPart(std::string& error) {
   }
   m_file = std::move(file);
   m_length = static_cast<uint64_t>(info.st_size);
-  if (m_length > 0 && m_length <= m_request.size && _ReadMeta()) return true;
-  return StartOver(error);
+  return _BelongsHere(info.st_size) || StartOver(error);
+}
+
+/// True when the part, of this length in bytes, is one of this download.
+bool PartFile::_BelongsHere(int64_t length) {
+  return length > 0 && static_cast<uint64_t>(length) <= m_request.size && _ReadMeta();
 }
 
 /// False when the bytes are not of this download.
@@ -181,6 +192,13 @@ bool PartFile::HashSlice(std::string& error) {
   m_digest.Update(m_buffer.data(), static_cast<size_t>(got));
   m_hashed += static_cast<uint64_t>(got);
   return true;
+}
+
+bool PartFile::Holds(uint64_t offset, const char* data, size_t length) {
+  m_buffer.resize(std::max(length, kSliceBytes));
+  const ssize_t got = RetryInterrupted(
+      [&] { return pread(m_file.Get(), m_buffer.data(), length, static_cast<off_t>(offset)); });
+  return got == static_cast<ssize_t>(length) && std::memcmp(m_buffer.data(), data, length) == 0;
 }
 
 bool PartFile::Append(const char* data, size_t length, std::string& error) {

@@ -37,6 +37,8 @@ class PartFile {
   static bool IsUsableName(std::string_view fileName);
   /// True when there is a finished file of the right size; only its md5 tells whether it is the one.
   static bool MayBeFinished(const DownloadRequest& request);
+  /// How many bytes a download of this file would begin with.
+  static uint64_t BytesThere(const DownloadRequest& request);
   /// Finds room for what is still missing, beside a reserve; the reason has the needed and the free size.
   static bool HasRoom(const DownloadRequest& request, std::string& error);
 
@@ -54,6 +56,8 @@ class PartFile {
   bool IsHashed() const { return m_hashed == m_length; }
   bool HashSlice(std::string& error);
 
+  /// True when these bytes are what the disk holds from `offset` on.
+  bool Holds(uint64_t offset, const char* data, size_t length);
   /// Appends. What was written before an error stays and counts.
   bool Append(const char* data, size_t length, std::string& error);
   /// Goes back to an empty file of no version.
@@ -78,6 +82,7 @@ class PartFile {
   void Discard();
 
  private:
+  bool _BelongsHere(int64_t length);
   bool _ReadMeta();
   bool _Fail(const char* what, std::string& error) const;
   bool _FailSync(std::string& error);

@@ -161,7 +161,7 @@ bool QuorvalenBackendServer::Impl::OnBody(const char* data, size_t length) {
 void QuorvalenBackendServer::Impl::OnEnd(const HttpEnd& end) {
   const auto self = shared_from_this();  // the callback may destroy the server
   m_pTransfer.reset();
-  const std::string where = "\"" + m_request.url + "\": ";
+  const std::string where = "\"" + AddressForLog(m_request.url) + "\": ";
   if (m_head.status != 0 && m_head.status != kHttpOk) {
     return _Tell({where + "HTTP " + std::to_string(m_head.status), std::nullopt, false}, m_head.MayPass());
   }

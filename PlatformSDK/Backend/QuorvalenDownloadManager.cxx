@@ -59,6 +59,10 @@ std::shared_ptr<DownloadTask> QuorvalenDownloadManager::Add(const DownloadReques
   return m_pImpl->Add(request, std::move(callback), error);
 }
 
+uint64_t QuorvalenDownloadManager::BytesThere(const DownloadRequest& request) {
+  return PartFile::BytesThere(request);
+}
+
 std::shared_ptr<DownloadTask> QuorvalenDownloadManager::Impl::Add(const DownloadRequest& request,
                                                                   DownloadTask::Callback callback,
                                                                   std::string& error) {

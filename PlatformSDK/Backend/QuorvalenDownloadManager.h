@@ -30,6 +30,9 @@ class QuorvalenDownloadManager {
   std::shared_ptr<DownloadTask> Add(const DownloadRequest& request, DownloadTask::Callback callback,
                                     std::string& error);
 
+  /// How many bytes of the file are on the disk already: what a download of it begins with. Any thread.
+  static uint64_t BytesThere(const DownloadRequest& request);
+
  private:
   class Impl;
   std::shared_ptr<Impl> m_pImpl;  ///< shared with its tasks and with what runs on the transfer thread

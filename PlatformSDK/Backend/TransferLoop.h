@@ -34,6 +34,8 @@ struct TransferSettings {
   using Milliseconds = std::chrono::milliseconds;
 
   Milliseconds silence = std::chrono::seconds(60);          ///< without a byte: counts as a break
+  Milliseconds paceTime = std::chrono::minutes(5);          ///< in which paceBytes of a download come, ...
+  uint64_t paceBytes = 300U * 1024U;                        ///< ... 1 KiB/s, or it counts as a break
   Milliseconds firstWait = std::chrono::seconds(1);         ///< of a download after a break
   Milliseconds longestWait = std::chrono::seconds(60);      ///< of a download after many
   Milliseconds firstQueryWait = std::chrono::minutes(1);    ///< between automatic queries, at least
@@ -41,9 +43,9 @@ struct TransferSettings {
   Milliseconds longestRetryAfter = std::chrono::hours(1);   ///< a server that asks for more gets this
   Milliseconds queryTime = std::chrono::seconds(60);        ///< one query, from look-up to last byte
   Milliseconds progressInterval = std::chrono::seconds(1);  ///< between two reports of bytes
-  int triesWithoutByte = 8;                                 ///< in a row, then a download gives up
-  int queryRetries = 8;                                     ///< automatic ones after a failed query
-  std::string caFile;                                       ///< PEM; "": the system's certificates
+  int triesWithoutByte = 8;  ///< in a row, or as slow; then a download gives up
+  int queryRetries = 8;      ///< automatic ones after a failed query
+  std::string caFile;        ///< PEM; "": the system's certificates
 };
 
 class TransferLoop final : private CThread {

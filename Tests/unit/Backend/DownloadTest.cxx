@@ -19,6 +19,7 @@
 #include "BSW/BasicFun/Md5.h"
 #include "BSW/BasicFun/StringUtils.h"
 #include "BSW/BasicFun/TimeUtils.h"
+#include "Backend/Pace.h"
 #include "Backend/QuorvalenDownloadManager.h"
 #include "Backend/TransferLoop.h"
 #include "ScriptedServer.h"
@@ -228,26 +229,18 @@ TEST_F(Downloads, StartOverOnceWhenTheServerCannotResume) {
 }
 
 TEST_F(Downloads, NoticeAChangedFileAndGlueNothing) {
-  // How a server may show it: the date, the size in the range, the tag of the whole, the end of the file.
+  // How a server may show it: the date, the tag of the whole, the end of the file.
   const std::string old = "X" + m_content.substr(1);
   const std::vector<ScriptedServer::Script> ways = {
       [&](const HttpQuestion& question, const Line& line) {
         Serve(m_content, question, line, "Last-Modified: Tue, 02 Jan 2024 00:00:00 GMT\r\n");
-      },
-      [&](const HttpQuestion& question, const Line& line) {
-        const size_t offset = question.Offset();
-        if (offset == 0) return Serve(m_content, question, line);
-        line.Answer("206 Partial Content",
-                    FormatText("Content-Range: bytes %zu-%zu/%zu\r\n", offset, m_content.size() - 1,
-                               m_content.size() + 1),
-                    m_content.substr(offset));
       },
       [&](const HttpQuestion& /*question*/, const Line& line) {
         line.Answer("200 OK", "ETag: \"v2\"\r\n", m_content);
       },
       [&](const HttpQuestion& question, const Line& line) {
         if (question.Offset() == 0) return Serve(m_content, question, line);
-        line.Answer("416 Range Not Satisfiable", "Content-Range: bytes */10\r\n", "");
+        line.Answer("416 Range Not Satisfiable", "", "");
       },
   };
   for (const auto& changed : ways) {
@@ -264,6 +257,72 @@ TEST_F(Downloads, NoticeAChangedFileAndGlueNothing) {
     ExpectDone(status);
     unlink((m_directory / kName).c_str());
   }
+}
+
+TEST_F(Downloads, KeepThePartWhenTheyGoOnWithAnAnswerThatIsNotTheFile) {
+  constexpr size_t kPart = 100'000;
+  const std::string page = "<html>Please log in</html>";
+  const auto answerRest = [&](size_t offset, size_t total, const Line& line) {
+    line.Answer("206 Partial Content",
+                FormatText("Content-Range: bytes %zu-%zu/%zu\r\n", offset, total - 1, total),
+                m_content.substr(offset) + page);
+  };
+  const std::vector<ScriptedServer::Script> ways = {
+      [&](const HttpQuestion&, const Line& line) { line.Answer("200 OK", "", page); },
+      [&](const HttpQuestion&, const Line& line) { line.Send("HTTP/1.1 200 OK\r\n\r\n" + page); },
+      // It begins like the file.
+      [&](const HttpQuestion&, const Line& line) {
+        line.Send("HTTP/1.1 200 OK\r\n\r\n" + m_content.substr(0, kPart - 1) + page);
+      },
+      [&](const HttpQuestion& question, const Line& line) {
+        answerRest(question.Offset(), m_content.size() + page.size(), line);
+      },
+      [&](const HttpQuestion& question, const Line& line) {
+        answerRest(question.Offset(), m_content.size(), line);
+      },
+      [&](const HttpQuestion&, const Line& line) {
+        line.Answer("416 Range Not Satisfiable", "Content-Range: bytes */10\r\n", "");
+      },
+  };
+  for (size_t way = 0; way < ways.size(); ++way) {
+    SCOPED_TRACE(way);
+    int answers = 0;
+    ScriptedServer server([&](const HttpQuestion& question, const Line& line) {
+      if (question.Offset() == 0) return Serve(m_content, question, line, kV1, kPart);
+      answers++ < 2 ? ways[way](question, line) : Serve(m_content, question, line);
+    });
+    Watcher watcher;
+    ExpectDone(Run(Request(server.Url()), watcher));
+    EXPECT_EQ(watcher.StartsOver(), 0U);
+    EXPECT_EQ(server.Questions().size(), 4U);
+    EXPECT_EQ(server.Questions().at(1).Offset(), kPart);
+    EXPECT_GE(server.Questions().back().Offset(), kPart);
+
+    // It stays like that: the download gives up, and a later one goes on with what is there.
+    unlink((m_directory / kName).c_str());
+    answers = -100;
+    ExpectFailed(Run(server.Url()), "gave up after 8 tries without a byte");
+    const uint64_t there = QuorvalenDownloadManager::BytesThere(Request(server.Url()));
+    EXPECT_GE(there, kPart);
+    EXPECT_EQ(static_cast<int64_t>(there), XGetFileSize(m_directory / "package.zip.part"));
+    answers = 2;
+    ExpectDone(Run(server.Url()));
+    EXPECT_EQ(server.Questions().back().Offset(), there);
+    EXPECT_EQ(QuorvalenDownloadManager::BytesThere(Request(server.Url())), m_content.size());
+    unlink((m_directory / kName).c_str());
+  }
+}
+
+// A server that sends the whole file again, without its length, repeats what is there.
+TEST_F(Downloads, GoOnInAnAnswerThatRepeatsThePart) {
+  int answers = 0;
+  ScriptedServer server([&](const HttpQuestion&, const Line& line) {
+    line.Send("HTTP/1.1 200 OK\r\n\r\n" + (answers++ == 0 ? m_content.substr(0, 100'000) : m_content));
+  });
+  Watcher watcher;
+  ExpectDone(Run(Request(server.Url()), watcher));
+  EXPECT_EQ(watcher.StartsOver(), 0U);
+  EXPECT_EQ(answers, 2);
 }
 
 TEST_F(Downloads, RefuseWhatIsNotWhatWasAnnounced) {
@@ -345,6 +404,85 @@ TEST_F(Downloads, TakeSilenceForABreak) {
   });
   ExpectDone(Run(server.Url()));
   EXPECT_EQ(server.Questions().back().Offset(), 1000U);
+}
+
+// Whether the server trickles on one line, falls silent after each byte, or hangs up: too little in its time
+// is a break, and eight of them are the end.
+TEST_F(Downloads, EndWhenTheyOnlyTrickle) {
+  const struct {
+    std::chrono::milliseconds silence, paceTime;
+    std::function<void(size_t offset, const Line& line)> send;
+  } ways[] = {
+      {60s, 20ms,
+       [&](size_t offset, const Line& line) {
+         while (line.Send(m_content.substr(offset++, 1))) XSleep(1);
+       }},
+      {30ms, 70ms,
+       [&](size_t offset, const Line& line) {
+         line.Send(m_content.substr(offset, 1));
+         line.WaitForHangUp();
+       }},
+      {60s, 20ms, [&](size_t offset, const Line& line) { line.Send(m_content.substr(offset, 1)); }},
+  };
+  m_settings.paceBytes = 20'000;
+  for (const auto& way : ways) {
+    SCOPED_TRACE(&way - ways);
+    m_settings.silence = way.silence;
+    m_settings.paceTime = way.paceTime;
+    StartProgram();
+    ScriptedServer server([&](const HttpQuestion& question, const Line& line) {
+      Serve(m_content, question, line, kV1, 0);
+      way.send(question.Offset(), line);
+    });
+    const DownloadTask::Status status = Run(server.Url());
+    EXPECT_LT(server.Questions().size(), 200U);
+    ExpectFailed(status, "gave up after 8 tries that brought too little: ");
+    ExpectFailed(status, FormatText(" bytes in %g s", std::chrono::duration<double>(way.paceTime).count()));
+    EXPECT_GE(QuorvalenDownloadManager::BytesThere(Request(server.Url())), 8U);
+  }
+
+  // Bytes that come in time give the tries back.
+  m_settings.paceTime = 20ms;
+  StartProgram();
+  int answers = 0;
+  ScriptedServer server([&](const HttpQuestion& question, const Line& line) {
+    const int turn = answers++ % 8;
+    Serve(m_content, question, line, kV1, turn < 7 ? 0 : m_content.size() / 3 + 1);
+    if (turn < 7) ways[0].send(question.Offset(), line);
+  });
+  ExpectDone(Run(server.Url()));
+  EXPECT_GT(answers, 16);
+}
+
+TEST(Pace, IsSoManyBytesInSoMuchTime) {
+  constexpr uint64_t kBytes = 300 * 1024;
+  constexpr auto kTime = 300s;
+  Pace::TimePoint now;
+  Pace pace(kBytes, kTime, 1s);
+  // Brings bytes at this speed, and tells for how many seconds that went well.
+  const auto run = [&](uint64_t bytesPerSecond, std::chrono::seconds most) {
+    for (auto second = 0s; second < most; ++second) {
+      now += 1s;
+      pace.Take(bytesPerSecond, now);
+      if (pace.Left(now) == 0ms) return second;
+    }
+    return most;
+  };
+  EXPECT_EQ(run(1100, 3600s), 3600s);
+  EXPECT_EQ(run(10'000'000, 1s), 1s);
+  EXPECT_FALSE(pace.IsTooSlow());
+  EXPECT_EQ(run(1000, 3600s), 299s);
+  EXPECT_EQ(pace.Expire(), 300'000U);
+  EXPECT_TRUE(pace.IsTooSlow());
+  // The time stands still between two connections, and each that brings bytes counts for a second.
+  EXPECT_TRUE(pace.Take(1, now));
+  EXPECT_FALSE(pace.Take(1, now));
+  pace.Leave(now);
+  now += 3600s;
+  pace.Leave(now);
+  EXPECT_EQ(pace.Left(now), kTime - 1s);
+  EXPECT_TRUE(pace.Take(kBytes, now));
+  EXPECT_FALSE(pace.IsTooSlow());
 }
 
 TEST_F(Downloads, PauseLetsTheNextOneGoOnAndCancelRemovesWhatArrived) {

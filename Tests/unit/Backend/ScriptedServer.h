@@ -2,6 +2,7 @@
 // each.
 #pragma once
 
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -104,6 +105,8 @@ class ScriptedServer {
       pollfd watched[] = {{m_listener.Fd(), POLLIN, 0}, {m_stop.Get(), POLLIN, 0}};
       if (poll(watched, 2, -1) <= 0 || watched[1].revents != 0) return;
       const UniqueFd connection = m_listener.Accept();
+      const int on = 1;  // a byte that is sent alone goes at once
+      setsockopt(connection.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
       const Line line(connection.Get(), m_stop.Get());
       HttpQuestion question;
       if (!_ReadQuestion(line, question)) continue;
