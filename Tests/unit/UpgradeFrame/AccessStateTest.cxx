@@ -79,7 +79,7 @@ TEST(DeviceVersions, KeepsAFileThatCannotBeReadAsItIs) {
     EXPECT_FALSE(std::filesystem::exists(target));
     EXPECT_TRUE(isLink || ReadText(file) == content) << ReadText(file);
     EXPECT_EQ(versions.getAllVersion().m_SubmodulesVer.m_mcuVersion, "V1.2.3.04") << "what is reported";
-    EXPECT_EQ(versions.getAllVersion().m_oldOverallVer.m_softVersion, "V0.0.0.00") << "nobody knows it";
+    EXPECT_EQ(versions.getAllVersion().m_oldOverallVer.m_softVersion, "S4.0.9.10");
     EXPECT_EQ(versions.getAllVersion().m_oldOverallVer.m_hardVersion, "H200");
   }
 }
