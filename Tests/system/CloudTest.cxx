@@ -6,6 +6,7 @@
 #include <csignal>
 #include <functional>
 #include <ostream>
+#include <thread>
 
 #include "StationTest.h"
 #include "VirtualStation/Box.h"
@@ -68,6 +69,14 @@ class CloudSource : public StationTest {
       all += mask.substr(0, mask.find('\n')) + " ";
     }
     return all;
+  }
+  // They are so now, or soon.
+  static void ExpectAffinity(const std::string& expected) {
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
+    while (Affinity() != expected && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_EQ(Affinity(), expected);
   }
   static constexpr const char* kPinned = "8 1 4 8 8 8 8 ";
   static constexpr const char* kFree = "15 15 15 15 15 15 15 ";
@@ -174,11 +183,27 @@ TEST_F(CloudSource, DownloadGoesOnAfterAPowerCut) {
   sync();  // the kernel does so every few seconds
   ASSERT_TRUE(m_station.PowerCut());
   m_cloud.Behave();
+  m_station.panel().Clear();
   ASSERT_EQ(Ask(kUpgradeByCloud), Requests::kAccepted);
   ExpectReboot(m_station);
-  EXPECT_EQ(m_station.panel().Progress().back().status, kFinished);
+  const auto progress = m_station.panel().Progress();
+  EXPECT_EQ(progress.back().status, kFinished);
+  // The bar begins at what is there.
+  EXPECT_EQ(progress.front().status, kDownloading);
+  EXPECT_GE(progress.front().percent, 30);
   ASSERT_EQ(m_cloud.Starts().size(), 3U);
   EXPECT_GE(m_cloud.Starts().back(), kPiece);
+}
+
+TEST_F(CloudSource, InterruptsArePinnedBetweenTwoTries) {
+  m_cloud.RefuseDownload(429, "Retry-After: 3\r\n");
+  m_cloud.HoldAfter(1000);
+  ASSERT_EQ(Ask(kUpgradeByCloud), Requests::kAccepted);
+  ASSERT_TRUE(m_cloud.WaitForDownload(kPatience));
+  ExpectAffinity(kPinned);
+  EXPECT_EQ(m_cloud.Downloads().size(), 1U);
+  ASSERT_TRUE(m_cloud.WaitForHeld(kPatience));
+  ExpectAffinity(kFree);
 }
 
 // The line goes while another file takes the package's place: both must not be glued together.
@@ -249,6 +274,14 @@ const DownloadRow kDownloadRows[] = {
     {"NotFound", Refusing(404, "", 100), {0}, "HTTP 404", nullptr},
     {"TooManyRequests", Refusing(429, "Retry-After: 3\r\n"), {0, 0}, nullptr, "HTTP 429; next try in 3.0 s"},
     {"ServerError", Refusing(500), {0, 0}, nullptr, "HTTP 500; next try in "},
+    {"KeyInTheAddress",
+     [](Cloud& cloud) {
+       cloud.EditOffer([](Json::Value& data) { data["url"] = kBackend + "/newest?key=secret"; });
+       cloud.RefuseDownload(500);
+     },
+     {0, 0},
+     nullptr,
+     "/newest\": HTTP 500; next try in "},
     {"RedirectToHttps", Refusing(302, "Location: " + kBackend + "/elsewhere\r\n"), {0, 0}, nullptr, nullptr},
     {"RedirectToHttp", Refusing(302, "Location: http://127.0.0.1/elsewhere\r\n"), {0}, "redirected", nullptr},
     {"UnknownAuthority",
@@ -279,6 +312,7 @@ TEST_P(CloudDownload, EndsAsItShould) {
   EXPECT_EQ(m_cloud.Starts(), row.starts);
   if (row.log != nullptr) ExpectLog(row.log);
   if (row.failure != nullptr) ExpectLog(row.reason + (": " + text));
+  EXPECT_EQ(Daemon::Log().find("secret"), std::string::npos);
   EXPECT_NE(Affinity(), kFree);
   EXPECT_EQ(Exists(kDownloads + m_package.name), row.failure == nullptr);
 }

@@ -2,6 +2,7 @@
 /// is told by their rows; the radio modules alone are held apart, since they start before all.
 #include "UpgradeFrame/SubmoduleRunner.h"
 
+#include <cstddef>
 #include <utility>
 #include <vector>
 
@@ -20,26 +21,33 @@ constexpr int kRtxQuerySuccess = 100;
 using StartOrder = int Part::*;
 
 /// The part at a place of a start order, from 1; null behind the last.
-constexpr const Part* PartAt(StartOrder order, int place) {
+const Part* PartAt(StartOrder order, int place) {
   for (const Part& part : Parts::kAll) {
     if (part.*order == place) return &part;
   }
   return nullptr;
 }
 
+constexpr bool HasPart(StartOrder order, int place) {
+  for (const Part& part : Parts::kAll) {
+    if (part.*order == place) return true;
+  }
+  return false;
+}
+
 /// A part that never started would hold up the upgrade until its time is over.
 constexpr bool EveryPartStarts(StartOrder order) {
   int placed = 0;
   for (const Part& part : Parts::kAll) {
-    const Part* const leader = Parts::Find(part.startsBehind);
-    const bool isLed = leader != nullptr && leader->*order != Parts::kNoPlace;
+    const bool isLed = part.startsBehind != Parts::kBehindNothing &&
+                       Parts::kAll[static_cast<size_t>(part.startsBehind) - 1].*order != Parts::kNoPlace;
     if (part.*order != Parts::kNoPlace) {
       ++placed;
     } else if (part.isStation && part.type != UP_RTX && !isLed) {
       return false;
     }
   }
-  while (placed > 0 && PartAt(order, placed) != nullptr) --placed;
+  while (placed > 0 && HasPart(order, placed)) --placed;
   return placed == 0;
 }
 static_assert(

@@ -207,25 +207,30 @@ Failure QVUpgradeAccessOTA::_Download(const PackageInfo& package) {
   PackagePage::InitUpgradeFilePath();  // what an earlier package and core dumps take is free
   if (Failure failure = SpaceShortage(m_archive, package.size)) return failure;
 
+  const Quorvalen::DownloadRequest request = {package.url, UpgradePaths::kDownload, package.fileName,
+                                              package.size, package.md5};
+  const uint64_t there = Quorvalen::QuorvalenDownloadManager::BytesThere(request);
+  const int percent = OtaOffer::Percent(there, package.size);
   {
     const CLock lock(m_queueNextMutex);
-    m_download = {};
+    m_download = {DownloadTask::State::Queued, there, package.size, ""};
   }
   // A file that is complete already, because the daemon was stopped or the battery ran low before it was
   // unpacked, is only verified.
   ReportStart("started", "");
-  _ReportStatus(UI_STATUS_DOWNLOADING);
+  _ReportStatus(UI_STATUS_DOWNLOADING, percent);
   _SetSmpAffinityToCpu0(true);
+  bool isFree = true;
   std::string error;
   const auto onProgress = [this](const DownloadTask::Status& status) {
     const CLock lock(m_queueNextMutex);
     m_download = status;
     m_stateCond.NotifyAll();
   };
-  const std::shared_ptr<DownloadTask> task = m_downloads.Add(
-      {package.url, UpgradePaths::kDownload, package.fileName, package.size, package.md5}, onProgress, error);
-  Failure failure = task != nullptr ? _AwaitDownload() : Fail(Reason::CloudDownload, "%s", error.c_str());
-  _SetSmpAffinityToCpu0(false);
+  const std::shared_ptr<DownloadTask> task = m_downloads.Add(request, onProgress, error);
+  Failure failure =
+      task != nullptr ? _AwaitDownload(percent, isFree) : Fail(Reason::CloudDownload, "%s", error.c_str());
+  if (isFree) _SetSmpAffinityToCpu0(false);
   if (failure) return failure;
   _ReportStatus(UI_STATUS_DOWNLOADING, kWholePercent);
   // A download takes long enough to drain it. The web server hears of the failure, the panel of both.
@@ -234,14 +239,20 @@ Failure QVUpgradeAccessOTA::_Download(const PackageInfo& package) {
   return {Reason::BatteryDrained, kBatteryTooLow, UP_NO_TYPE};
 }
 
-Failure QVUpgradeAccessOTA::_AwaitDownload() {
+Failure QVUpgradeAccessOTA::_AwaitDownload(int reported, bool& isFree) {
   using Clock = std::chrono::steady_clock;
-  int reported = 0;
   Clock::time_point nextReport = Clock::now() + kProgressInterval;
   CLock lock(m_queueNextMutex);
   while (IsRunning() && !HasEnded(m_download)) {
     const int percent = OtaOffer::Percent(m_download.received, m_download.total);
-    if (percent == reported) {
+    // Between two tries no byte comes: radio and audio have their cores for themselves.
+    const bool wantsBytes = m_download.state != DownloadTask::State::Waiting;
+    if (wantsBytes != isFree) {
+      lock.Unlock();
+      _SetSmpAffinityToCpu0(wantsBytes);
+      isFree = wantsBytes;
+      lock.Lock();
+    } else if (percent == reported) {
       m_stateCond.Wait(m_queueNextMutex);
     } else if (Clock::now() < nextReport) {
       m_stateCond.WaitUntil(m_queueNextMutex, nextReport);

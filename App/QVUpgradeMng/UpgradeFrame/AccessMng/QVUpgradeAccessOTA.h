@@ -59,7 +59,9 @@ class QVUpgradeAccessOTA : public RequestedSource {
   /// The steps of a download on the source's thread.
   Failure _AwaitOffer();
   Failure _Download(const Quorvalen::PackageInfo& package);
-  Failure _AwaitDownload();
+  /// `reported` is the percentage that the panel knows; `isFree` tells whether the interrupts are free for
+  /// all cores.
+  Failure _AwaitDownload(int reported, bool& isFree);
 
   const std::string m_hostFile;
 
