@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <iostream>
 #include <utility>
-#include <vector>
 
 #include "VirtualStation/Box.h"
 #include "VirtualStation/Commands.h"
@@ -51,8 +50,17 @@ int RemainingMs(Clock::time_point deadline) {
 
 }  // namespace
 
-Daemon::Daemon(const Bus& bus, unsigned pauseDivisor, Environment environment)
-    : m_bus(bus), m_pauseDivisor(pauseDivisor), m_environment(std::move(environment)) {
+Daemon::CommandLine Daemon::Confinement() {
+  // The preloaded library takes itself out of the environment of whatever comes next.
+  return {STATION_CONFINE, STATION_UNIT, "env", "LD_PRELOAD=" STATION_SHORT_PAUSES};
+}
+
+Daemon::Daemon(const Bus& bus, unsigned pauseDivisor, Environment environment, CommandLine launcher)
+    : m_bus(bus),
+      m_pauseDivisor(pauseDivisor),
+      m_environment(std::move(environment)),
+      m_commandLine(std::move(launcher)) {
+  m_commandLine.emplace_back(STATION_DAEMON);
   // A killed daemon's commands become children of this process, so that their end can be waited for.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   WriteText(OutputFile(), "");
@@ -88,7 +96,11 @@ bool Daemon::Start() {
   }
   envp.push_back(nullptr);
 
-  const char* argv[] = {STATION_DAEMON, nullptr};
+  std::vector<char*> argv;
+  for (std::string& word : m_commandLine) {
+    argv.push_back(word.data());
+  }
+  argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -99,7 +111,7 @@ bool Daemon::Start() {
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
   pid_t pid = -1;
-  const int error = posix_spawn(&pid, argv[0], &actions, &attributes, const_cast<char**>(argv), envp.data());
+  const int error = posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), envp.data());
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {

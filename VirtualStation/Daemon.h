@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "VirtualStation/Bus.h"
 
@@ -19,12 +20,18 @@ class Daemon {
  public:
   using Milliseconds = std::chrono::milliseconds;
   using Environment = std::map<std::string, std::string>;
+  using CommandLine = std::vector<std::string>;
 
   /// Exit status of a daemon that a sanitizer ended.
   static constexpr int kSanitizerExit = 86;
 
-  /// `environment` is added to the daemon's; `pauseDivisor` shortens its long pauses (1: real time).
-  Daemon(const Bus& bus, unsigned pauseDivisor, Environment environment);
+  /// Put in front of a program's command line: runs it under the filters and capabilities of the shipped
+  /// unit.
+  static CommandLine Confinement();
+
+  /// `launcher` stands in front of the daemon's command line, `environment` is added to its environment;
+  /// `pauseDivisor` shortens its long pauses (1: real time).
+  Daemon(const Bus& bus, unsigned pauseDivisor, Environment environment, CommandLine launcher);
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
@@ -56,6 +63,7 @@ class Daemon {
   const Bus& m_bus;
   unsigned m_pauseDivisor;
   Environment m_environment;
+  CommandLine m_commandLine;
   std::atomic<pid_t> m_pid{-1};  ///< of the process and of its session
   std::atomic<int> m_pidFd{-1};
   std::optional<int> m_status;  ///< of the last one that ended

@@ -36,7 +36,7 @@ Station::Station(const StationOptions& options)
       m_web(m_bus),
       m_controller(m_bus),
       m_chips(options.chips ? std::make_unique<Chips>() : nullptr),
-      m_daemon(m_bus, options.pauseDivisor, options.environment) {
+      m_daemon(m_bus, options.pauseDivisor, options.environment, options.launcher) {
   m_disks.MountAll(m_running);
   std::map<std::string, std::string> parts;
   for (const Parts::Part& part : Parts::kAll) {

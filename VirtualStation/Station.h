@@ -28,6 +28,7 @@ struct StationOptions {
   std::uint64_t firmwareBytes = 256ULL << 20;  ///< size of /firmware
   unsigned pauseDivisor = 10;                  ///< 1: pauses last as long as on the device
   Daemon::Environment environment;             ///< added to the daemon's
+  Daemon::CommandLine launcher;                ///< in front of the daemon's command line
   bool chips = true;                           ///< false: none is connected
   bool rootTells = true;  ///< false: "/" does not show from which partition the machine runs
 };

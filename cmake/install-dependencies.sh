@@ -2,11 +2,11 @@
 # all of them are there.
 
 build_packages="g++ cmake ninja-build pkg-config git libjsoncpp-dev liblog4cpp5-dev libdbus-1-dev libssl-dev zlib1g-dev
-  libcurl4-openssl-dev rapidjson-dev libgtest-dev libbenchmark-dev"
+  libcurl4-openssl-dev rapidjson-dev libgtest-dev libbenchmark-dev libseccomp-dev"
 # What the daemon runs on the device, and what the virtual station needs beside it.
 runtime_packages="p7zip-full tar unzip e2fsprogs mount util-linux procps dbus dbus-daemon time
   ca-certificates"
-station_packages="bzip2 openssl findutils"
+station_packages="bzip2 openssl findutils systemd perl-base"
 fuzz_packages="clang libclang-rt-14-dev"
 lint_packages="$fuzz_packages clang-format clang-tidy"
 
