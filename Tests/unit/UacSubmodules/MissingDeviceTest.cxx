@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 
+#include "../PlatformSDK/TempDirectory.h"
 #include "BSW/BasicFun/FileUtils.h"
 #include "UpgradeFrame/SubmoduleFactory.h"
 #include "UpgradePackage/Parts.h"
@@ -29,8 +30,10 @@ TEST(MissingDeviceTest, IsOneFailure) {
     const char* const device = Parts::Find(type)->target[Parts::kSideA];
     ASSERT_FALSE(XFilePathExists(device)) << "not to be run where a real " << device << " is";
   }
+  const TempDirectory directory;
   QVUpgradingInfo info;
-  info.m_upgradeFilePath = "/proc/self/exe";
+  info.m_upgradeFilePath = directory / "image";
+  WriteText(info.m_upgradeFilePath, "a sound image");
   std::map<UPGRADETYPE, FirstReport> reports;
   std::map<UPGRADETYPE, std::shared_ptr<IQVUpgrade>> upgraders;
   for (const UPGRADETYPE type : {UP_UAC, UP_FPGA}) {
