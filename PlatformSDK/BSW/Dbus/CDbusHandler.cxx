@@ -387,17 +387,26 @@ bool CDbusHandler::QueryMessage(int timeoutMs) {
   return connection && dbus_connection_read_write_dispatch(connection.get(), timeoutMs) != 0;
 }
 
+CDbusHandler::MessagePtr CDbusHandler::_OwnCopy(DBusMessage* message) {
+  MessagePtr copy(dbus_message_copy(message));
+  if (copy) dbus_message_set_serial(copy.get(), dbus_message_get_serial(message));
+  return copy;
+}
+
 DBusHandlerResult CDbusHandler::_Receive(DBusConnection* connection, DBusMessage* message, void* self) {
   auto* const handler = static_cast<CDbusHandler*>(self);
   const int type = dbus_message_get_type(message);
   const CLock lock(handler->m_receiveMutex);
   if (type == DBUS_MESSAGE_TYPE_METHOD_CALL || type == DBUS_MESSAGE_TYPE_SIGNAL) {
-    handler->m_queReceived.emplace_back(dbus_message_ref(message));
+    MessagePtr own = _OwnCopy(message);
+    if (!own) return DBUS_HANDLER_RESULT_NEED_MEMORY;
+    handler->m_queReceived.push_back(std::move(own));
     return DBUS_HANDLER_RESULT_HANDLED;
   }
   const auto waiting = handler->m_mapReply.find(CallKey(connection, dbus_message_get_reply_serial(message)));
   if (waiting == handler->m_mapReply.end()) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-  waiting->second.reset(dbus_message_ref(message));
+  waiting->second = _OwnCopy(message);
+  if (!waiting->second) return DBUS_HANDLER_RESULT_NEED_MEMORY;
   handler->m_replyCond.NotifyAll();
   return DBUS_HANDLER_RESULT_HANDLED;
 }

@@ -124,6 +124,9 @@ class CDbusHandler : public CThread, public CSingleton<CDbusHandler> {
   bool _HasReceived();
   /// The oldest received message; null when there is none.
   MessagePtr _TakeReceived();
+  /// The message with its serial, for another thread to read and free: what one thread shares with the
+  /// dispatching one is ordered by nothing but the library's count of references. Null: out of memory.
+  static MessagePtr _OwnCopy(DBusMessage* message);
   static FirstArgument _ReadText(DBusMessage* message, std::string& text);
   /// The reply to the call `serial` of m_mapReply, which is removed; null when none comes in time.
   MessagePtr _AwaitReply(DBusConnection* connection, dbus_uint32_t serial, int timeoutMs);
