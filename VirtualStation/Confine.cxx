@@ -128,7 +128,7 @@ class Filter {
 
 void DenyWriteExecute() {
   const auto masked = [](unsigned argument, unsigned bits) {
-    return SCMP_CMP64(argument, SCMP_CMP_MASKED_EQ, bits, bits);
+    return scmp_arg_cmp{argument, SCMP_CMP_MASKED_EQ, bits, bits};
   };
   const std::uint32_t denied = SCMP_ACT_ERRNO(EPERM);
   Filter filter(SCMP_ACT_ALLOW);
@@ -151,10 +151,11 @@ void RestrictFamilies(const Words& names) {
   Filter filter(SCMP_ACT_ALLOW);
   for (int family = 0; family < AF_MAX; ++family) {
     if (allowed.count(family) == 0) {
-      filter.Rule(denied, SCMP_SYS(socket), {SCMP_CMP64(0, SCMP_CMP_EQ, static_cast<unsigned>(family))});
+      filter.Rule(denied, SCMP_SYS(socket),
+                  {scmp_arg_cmp{0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(family), 0}});
     }
   }
-  filter.Rule(denied, SCMP_SYS(socket), {SCMP_CMP64(0, SCMP_CMP_GE, AF_MAX)});
+  filter.Rule(denied, SCMP_SYS(socket), {scmp_arg_cmp{0, SCMP_CMP_GE, AF_MAX, 0}});
   filter.Load();
 }
 
